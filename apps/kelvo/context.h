@@ -1,0 +1,44 @@
+// What every subcommand shares: where the program lives, its modules and resources.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "host.h"
+
+namespace kelvo::cli {
+
+class Context {
+public:
+    // Finds the module and resource folders next to the executable, in the build tree
+    // (bin/, modules/, resources/) and in an installed tree (bin/, lib/kelvo/modules/,
+    // share/kelvo/resources/).
+    Context();
+    ~Context();
+
+    // Loads every module library once; configuration values given with --set are applied
+    // before the modules declare their variables and checked after.
+    Result<void> LoadModules();
+
+    std::vector<std::string> settings;  // NAME=VALUE from --set
+    std::filesystem::path moduleFolder;
+    std::filesystem::path resourceFolder;
+
+private:
+    bool _loaded = false;
+    std::vector<host::ModuleHandle> _modules;
+};
+
+// Prints "kelvo: <message>" on stderr and returns the exit status 1.
+int Fail(const Error& error);
+
+// Each subcommand adds itself and its options; the callback runs the command and leaves
+// its exit status in `status`.
+void AddModulesCommand(CLI::App& app, Context& context, int& status);
+void AddConfigCommand(CLI::App& app, Context& context, int& status);
+void AddDemoCommand(CLI::App& app, Context& context, int& status);
+
+}  // namespace kelvo::cli

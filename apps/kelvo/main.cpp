@@ -1,0 +1,32 @@
+// kelvo: inspect, evaluate and render with the render module from a terminal.
+#include <iostream>
+
+#include "context.h"
+
+int main(int argc, char** argv) {
+    using namespace kelvo::cli;
+    Context context;
+    int status = 0;
+    CLI::App app{"kelvo: inspect, evaluate and render with the kelvo render module.", "kelvo"};
+    app.require_subcommand(1);
+    app.add_option("--set", context.settings,
+                   "Set a configuration variable for this run (NAME=VALUE); repeatable")
+        ->type_name("NAME=VALUE");
+    app.set_help_all_flag("--help-all", "Explain every command and its options");
+
+    AddModulesCommand(app, context, status);
+    AddConfigCommand(app, context, status);
+    AddDemoCommand(app, context, status);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::cerr << "kelvo: " << e.what() << '\n';
+        return 1;
+    }
+    return status;
+}

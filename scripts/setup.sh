@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project needs (only those missing) and configures and
+# builds one build tree.
+#   scripts/setup.sh [default|debug|asan|tsan|clang]   (build tree: build, build-debug, ...)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(
+  cmake ninja-build g++ clang libclang-rt-14-dev llvm-14 ccache binutils
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  libcli11-dev nlohmann-json3-dev
+  libpng-dev libtiff-dev libopenexr-dev
+)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "setup: installing ${missing[*]}"
+  sudo_cmd=""
+  [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
+  $sudo_cmd apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+preset="${1:-default}"
+case "$preset" in
+  default) dir=build; args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
+  debug)   dir=build-debug; args=(-DCMAKE_BUILD_TYPE=Debug) ;;
+  asan)    dir=build-asan; args=(-DCMAKE_BUILD_TYPE=Asan -DKELVO_BUILD_BENCHMARKS=OFF) ;;
+  tsan)    dir=build-tsan; args=(-DCMAKE_BUILD_TYPE=Tsan -DKELVO_BUILD_BENCHMARKS=OFF) ;;
+  clang)   dir=build-clang; args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++) ;;
+  fuzz)    dir=build-fuzz; args=(-DCMAKE_BUILD_TYPE=Asan -DCMAKE_CXX_COMPILER=clang++
+                                 -DKELVO_BUILD_FUZZERS=ON -DKELVO_BUILD_BENCHMARKS=OFF) ;;
+  *) echo "setup: unknown build '$preset'" >&2; exit 2 ;;
+esac
+export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
+
+cmake -S . -B "$dir" -G Ninja "${args[@]}" > /dev/null
+cmake --build "$dir"

@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Sets up, builds and runs the whole test suite of one build.
+#   scripts/test.sh [default|asan|tsan|clang]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+preset="${1:-default}"
+scripts/setup.sh "$preset"
+case "$preset" in
+  default) dir=build ;;
+  *) dir="build-$preset" ;;
+esac
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}"
+ctest --test-dir "$dir" --output-on-failure -j2

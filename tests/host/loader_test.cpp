@@ -1,0 +1,141 @@
+#include <elf.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "host.h"
+#include "kelvo/registry.h"
+
+namespace kelvo {
+namespace {
+
+// The names of the defined global symbols in a shared library's dynamic symbol table.
+std::vector<std::string> ExportedSymbols(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::vector<std::string> out;
+    if (bytes.size() < sizeof(Elf64_Ehdr)) return out;
+    auto* eh = reinterpret_cast<const Elf64_Ehdr*>(bytes.data());
+    auto* sh = reinterpret_cast<const Elf64_Shdr*>(bytes.data() + eh->e_shoff);
+    for (int i = 0; i < eh->e_shnum; ++i) {
+        if (sh[i].sh_type != SHT_DYNSYM) continue;
+        const char* names = bytes.data() + sh[sh[i].sh_link].sh_offset;
+        auto* sym = reinterpret_cast<const Elf64_Sym*>(bytes.data() + sh[i].sh_offset);
+        size_t n = sh[i].sh_size / sizeof(Elf64_Sym);
+        for (size_t k = 1; k < n; ++k) {
+            int bind = ELF64_ST_BIND(sym[k].st_info);
+            if (sym[k].st_shndx == SHN_UNDEF || (bind != STB_GLOBAL && bind != STB_WEAK)) continue;
+            out.emplace_back(names + sym[k].st_name);
+        }
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+std::string Fixture(const char* name) { return std::string(KELVO_FIXTURE_DIR) + "/" + name + ".so"; }
+
+size_t RegistrySize(const char* id) {
+    for (const auto& r : host::Registries())
+        if (r.id.Text() == id) return r.members.size();
+    return 0;
+}
+
+TEST(LoaderTest, RenderModuleExportsExactlyTheBindingAndTheYieldHook) {
+    EXPECT_EQ(ExportedSymbols(KELVO_RENDER_MODULE),
+              (std::vector<std::string>{"g_CpuYieldDelegate", "g_kelvo"}));
+}
+
+TEST(LoaderTest, LoadsBindsAndUnloadsTheRenderModule) {
+    size_t typesBefore = RegistrySize("net.kelvo.registry.datatypes");
+    auto module = host::LoadModule(KELVO_RENDER_MODULE);
+    ASSERT_TRUE(module.Ok()) << module.GetError().Message();
+    const KelvoModuleInfo& info = host::ModuleInfo(*module);
+    EXPECT_STREQ(info.id, "net.kelvo.render");
+    EXPECT_STREQ(info.name, "net.kelvo.render.module");
+    EXPECT_STREQ(info.resourcePath[0], "modules");
+    EXPECT_STREQ(info.resourcePath[1], "render.module");
+    ASSERT_EQ(info.dependencyCount, 11u);
+    for (size_t i = 0; i < 11; ++i) EXPECT_EQ(info.dependencies[i], host::Frameworks()[i]);
+
+    EXPECT_NE(FindDataType(Id("net.kelvo.render.ray")), nullptr);
+    EXPECT_EQ(RegistrySize("net.kelvo.registry.datatypes"), typesBefore + 8);
+    auto text = g_kelvo.host.ConfigGetString("g_polygonIntersection");
+    ASSERT_TRUE(text.Ok());
+    EXPECT_EQ(*text, "");
+
+    host::UnloadModule(*module);
+    EXPECT_EQ(FindDataType(Id("net.kelvo.render.ray")), nullptr);
+    EXPECT_EQ(RegistrySize("net.kelvo.registry.datatypes"), typesBefore);
+    EXPECT_FALSE(g_kelvo.host.ConfigGetString("g_polygonIntersection").Ok());
+
+    // A second load after unload starts from fresh records.
+    module = host::LoadModule(KELVO_RENDER_MODULE);
+    ASSERT_TRUE(module.Ok()) << module.GetError().Message();
+    EXPECT_NE(FindDataType(Id("net.kelvo.render.ray")), nullptr);
+    host::UnloadModule(*module);
+}
+
+TEST(LoaderTest, RefusesBrokenModulesWithClearErrors) {
+    auto missing = host::LoadModule(Fixture("kelvo_fixture_missing_dependency"));
+    ASSERT_FALSE(missing.Ok());
+    EXPECT_EQ(missing.GetError().Message(),
+              "Illegal state: Module net.kelvo.fixture depends on net.kelvo.nonexistent.framework, "
+              "which is not loaded.");
+
+    auto version = host::LoadModule(Fixture("kelvo_fixture_wrong_version"));
+    ASSERT_FALSE(version.Ok());
+    EXPECT_NE(version.GetError().Message().find("was built for binding version"), std::string::npos);
+
+    auto none = host::LoadModule(Fixture("kelvo_fixture_no_exports"));
+    ASSERT_FALSE(none.Ok());
+    EXPECT_EQ(none.GetError().Message(), "Illegal state: Module " + Fixture("kelvo_fixture_no_exports") +
+                                             " does not export g_kelvo.");
+
+    auto absent = host::LoadModule("/nonexistent/kelvo_render.so");
+    ASSERT_FALSE(absent.Ok());
+    EXPECT_EQ(absent.GetError().Kind(), ERRORKIND::IO);
+
+    // A member whose registry nobody provides names its declaring file; nothing stays.
+    auto bad = host::LoadModule(Fixture("kelvo_fixture_bad_registry"));
+    ASSERT_FALSE(bad.Ok());
+    EXPECT_EQ(bad.GetError().Message(),
+              "Illegal state: Entry net.kelvo.fixture.member declared in "
+              "tests/fixtures/fixture_module names registry net.kelvo.fixture.unknownregistry, "
+              "which is not loaded.");
+    EXPECT_EQ(FindEntry(Id("net.kelvo.fixture.member")), nullptr);
+    EXPECT_EQ(RegistrySize("net.kelvo.fixture.registry"), 0u);
+    EXPECT_TRUE(host::LoadedModules().empty());
+}
+
+TEST(LoaderTest, CleaningARecordTwiceLeavesNothingBehind) {
+    host::Initialize();
+    int64_t before = host::LiveAllocations();
+    EntryRecord record;
+    char* text = static_cast<char*>(Allocate(16));
+    std::memcpy(text, "net.kelvo.x", 12);
+    record.kind = ENTRYKIND::CLASS;
+    record.idText = text;
+    record.idSize = 11;
+    record.idAllocated = true;
+    record.object = std::make_shared<Object>();
+    WeakRef<Object> watch = record.object;
+    record.Cleanup();
+    record.Cleanup();
+    EXPECT_EQ(host::LiveAllocations(), before);
+    EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(record.idText, nullptr);
+    EXPECT_EQ(record.kind, ENTRYKIND::NONE);
+
+    // A literal id is not released.
+    EntryRecord literal;
+    literal.idText = "net.kelvo.literal";
+    literal.idSize = 17;
+    literal.Cleanup();
+    EXPECT_EQ(host::LiveAllocations(), before);
+}
+
+}  // namespace
+}  // namespace kelvo
