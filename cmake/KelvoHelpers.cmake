@@ -24,15 +24,19 @@ function(kelvo_add_module name)
 endfunction()
 set(KELVO_EXPORT_MAP ${CMAKE_SOURCE_DIR}/cmake/module_exports.map)
 
-# A GoogleTest executable, registered with ctest.
+# A GoogleTest executable, registered with ctest. LABELS heavy marks statistical suites
+# that the sanitizer runs skip (they test numbers, not memory or threads).
 function(kelvo_add_test name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} kelvo::flags GTest::gtest GTest::gmock)
   target_compile_definitions(${name} PRIVATE
     KELVO_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
     KELVO_SHARED_DIR="${CMAKE_SOURCE_DIR}/../shared")
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
+  if(NOT ARG_LABELS)
+    set(ARG_LABELS unit)
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600 LABELS "${ARG_LABELS}")
 endfunction()
 
 function(kelvo_add_benchmark name)
