@@ -28,10 +28,16 @@ class Implements : public Interfaces... {
 public:
     void* QueryInterface(const Id& interfaceId) override {
         void* found = nullptr;
-        ((interfaceId == Interfaces::InterfaceId() ? (found = static_cast<Interfaces*>(this), true)
-                                                   : false) ||
-         ...);
+        (void)((Match<Interfaces>(interfaceId, found)) || ...);
         return found;
+    }
+
+private:
+    template <typename I>
+    bool Match(const Id& interfaceId, void*& found) {
+        if (!(interfaceId == I::InterfaceId())) return false;
+        found = static_cast<I*>(this);
+        return true;
     }
 };
 
