@@ -40,8 +40,7 @@ Result<ModuleHandle> AttachModule(KelvoBinding& binding, void (**yieldDelegate)(
 void UnloadModule(ModuleHandle module);
 const KelvoModuleInfo& ModuleInfo(ModuleHandle module);
 std::vector<ModuleHandle> LoadedModules();
-// Every "*.so" below `folder` whose file name contains "kelvo" or ends in ".module.so",
-// searched one level of "<name>.module" folders deep, sorted by path.
+// The "*.so" files inside the "<name>.module" folders of `folder`, sorted by path.
 std::vector<std::filesystem::path> FindModuleLibraries(const std::filesystem::path& folder);
 
 // --- Registries --------------------------------------------------------------------------
@@ -52,8 +51,10 @@ struct RegistryInfo {
 };
 std::vector<RegistryInfo> Registries();
 const EntryRecord* FindEntry(const Id& id);
-// Inserts an entry that the host itself (or a test) provides; the entry must outlive it.
-Result<void> InsertEntry(EntryRecord& entry);
+// Inserts an entry that the host itself, a module (`owner` is its id) or a test provides;
+// the entry must outlive its insertion. A registry entry defines the registry when no
+// framework provides it.
+Result<void> InsertEntry(EntryRecord& entry, std::string_view owner = "host");
 void RemoveEntry(EntryRecord& entry);
 
 // --- Configuration -------------------------------------------------------------------------

@@ -77,7 +77,7 @@ Result<void> Insert(LoadedModule& m) {
         return detail::RegistryRank(a->registry) < detail::RegistryRank(b->registry);
     });
     for (EntryRecord* e : order) {
-        Result<void> r = InsertEntry(*e);
+        Result<void> r = InsertEntry(*e, info.id ? info.id : "module");
         if (!r) {
             RemoveInserted(m);
             return r.GetError();

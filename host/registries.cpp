@@ -102,13 +102,13 @@ std::vector<RegistryInfo> Registries() {
 void DeclareConfig(const ConfigVariable& variable);
 void ForgetConfig(const ConfigVariable& variable);
 
-Result<void> InsertEntry(EntryRecord& entry) {
+Result<void> InsertEntry(EntryRecord& entry, std::string_view owner) {
     auto& s = GetState();
     const Id id = entry.GetId();
     std::unique_lock lock(s.mutex);
     if (entry.kind == ENTRYKIND::REGISTRY) {
         // A registry the frameworks provide is only referred to; any other is defined here.
-        s.registries.try_emplace(id, detail::Registry{"module", {}});
+        s.registries.try_emplace(id, detail::Registry{std::string(owner), {}, true});
         return OK();
     }
     if (entry.kind == ENTRYKIND::CONFIGVARIABLE) {
@@ -152,7 +152,7 @@ void RemoveEntry(EntryRecord& entry) {
     }
     if (entry.kind == ENTRYKIND::REGISTRY) {
         auto it = s.registries.find(id);
-        if (it != s.registries.end() && it->second.owner == "module" && it->second.members.empty())
+        if (it != s.registries.end() && it->second.definedByEntry && it->second.members.empty())
             s.registries.erase(it);
         return;
     }
@@ -163,6 +163,12 @@ void RemoveEntry(EntryRecord& entry) {
         s.dataTypes.erase(static_cast<const DataType*>(entry.payload)->id);
     for (auto& [rid, reg] : s.registries)
         std::erase(reg.members, static_cast<const EntryRecord*>(&entry));
+    // An interface's component list lives as long as it has components.
+    if (entry.kind == ENTRYKIND::COMPONENT) {
+        auto reg = s.registries.find(entry.kindId);
+        if (reg != s.registries.end() && reg->second.owner == "components" && reg->second.members.empty())
+            s.registries.erase(reg);
+    }
 }
 
 namespace detail {

@@ -16,6 +16,7 @@ namespace kelvo::host::detail {
 struct Registry {
     std::string owner;
     std::vector<const EntryRecord*> members;
+    bool definedByEntry = false;  // removed again with the module that defined it
 };
 
 struct ConfigEntry {
