@@ -17,7 +17,6 @@ fs::path g_resourceRoot;
 class FileInputStream final : public Implements<InputStream> {
 public:
     FileInputStream(std::FILE* file, std::string url) : _file(file), _url(std::move(url)) {
-        std::error_code ec;
         _length = -1;
         if (std::fseek(_file, 0, SEEK_END) == 0) {
             _length = std::ftell(_file);

@@ -76,7 +76,7 @@ public:
     Data() = default;
     template <typename T, typename = std::enable_if_t<std::is_constructible_v<Variant, T&&> &&
                                                       !std::is_same_v<std::decay_t<T>, Data>>>
-    Data(T&& v) : _value(Normalize(std::forward<T>(v))) {}  // NOLINT(google-explicit-constructor)
+    Data(T&& v) : _value(std::forward<T>(v)) {}  // NOLINT(google-explicit-constructor)
     Data(int v) : _value(int64_t(v)) {}                       // NOLINT(google-explicit-constructor)
     Data(const char* v) : _value(std::string(v)) {}           // NOLINT(google-explicit-constructor)
 
@@ -101,8 +101,6 @@ public:
     bool operator==(const Data&) const = default;
 
 private:
-    template <typename T>
-    static decltype(auto) Normalize(T&& v) { return std::forward<T>(v); }
     Variant _value;
 };
 
