@@ -23,6 +23,7 @@ void FillRegistrySlots(KelvoHostSlots&);
 void FillConfigSlots(KelvoHostSlots&);
 void FillAllocatorSlots(KelvoHostSlots&);
 void FillFileSlots(KelvoHostSlots&);
+void FillJobSlots(KelvoHostSlots&);
 void RegisterFrameworkRegistries();
 }  // namespace detail
 
@@ -93,6 +94,7 @@ void FillHostSlots(KelvoHostSlots& slots) {
     detail::FillRegistrySlots(slots);
     detail::FillConfigSlots(slots);
     detail::FillFileSlots(slots);
+    detail::FillJobSlots(slots);
 }
 
 void Initialize() {
