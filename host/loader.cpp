@@ -24,6 +24,8 @@ void FillConfigSlots(KelvoHostSlots&);
 void FillAllocatorSlots(KelvoHostSlots&);
 void FillFileSlots(KelvoHostSlots&);
 void FillJobSlots(KelvoHostSlots&);
+void FillImageSlots(KelvoHostSlots&);
+void RegisterHostFileFormats();
 void RegisterFrameworkRegistries();
 }  // namespace detail
 
@@ -95,6 +97,7 @@ void FillHostSlots(KelvoHostSlots& slots) {
     detail::FillConfigSlots(slots);
     detail::FillFileSlots(slots);
     detail::FillJobSlots(slots);
+    detail::FillImageSlots(slots);
 }
 
 void Initialize() {
@@ -103,6 +106,7 @@ void Initialize() {
         FillHostSlots(g_kelvo.host);
         if (!g_CpuYieldDelegate) g_CpuYieldDelegate = &HostYield;
         detail::RegisterFrameworkRegistries();
+        detail::RegisterHostFileFormats();
     });
 }
 
