@@ -105,4 +105,17 @@ std::filesystem::path ResourceRoot();
 // The local path a "file" or "relative" url names; empty for other schemes.
 std::filesystem::path LocalPath(const Url& url);
 
+// --- Jobs ------------------------------------------------------------------------------------
+// Sets the number of pool threads (0: one per processor). Lets running work finish first;
+// call it while no job depends on the pool.
+void SetHostThreads(int threads);
+// Deterministic mode, for scheduler tests: no worker thread takes work. Enqueued jobs wait
+// in one FIFO across all queues and run one at a time, in enqueue order, on the thread that
+// calls RunPendingJobs or that waits (for a job, a queue or a condition variable);
+// ParallelFor runs its indices in order on the calling thread.
+void SetDeterministicJobs(bool on);
+// Runs up to `most` pending pool tasks (all when negative) on this thread; returns how many.
+size_t RunPendingJobs(int64_t most = -1);
+size_t PendingJobs();
+
 }  // namespace kelvo::host

@@ -23,6 +23,9 @@ void FillRegistrySlots(KelvoHostSlots&);
 void FillConfigSlots(KelvoHostSlots&);
 void FillAllocatorSlots(KelvoHostSlots&);
 void FillFileSlots(KelvoHostSlots&);
+void FillJobSlots(KelvoHostSlots&);
+void FillImageSlots(KelvoHostSlots&);
+void RegisterHostFileFormats();
 void RegisterFrameworkRegistries();
 }  // namespace detail
 
@@ -93,6 +96,8 @@ void FillHostSlots(KelvoHostSlots& slots) {
     detail::FillRegistrySlots(slots);
     detail::FillConfigSlots(slots);
     detail::FillFileSlots(slots);
+    detail::FillJobSlots(slots);
+    detail::FillImageSlots(slots);
 }
 
 void Initialize() {
@@ -101,6 +106,7 @@ void Initialize() {
         FillHostSlots(g_kelvo.host);
         if (!g_CpuYieldDelegate) g_CpuYieldDelegate = &HostYield;
         detail::RegisterFrameworkRegistries();
+        detail::RegisterHostFileFormats();
     });
 }
 

@@ -1,0 +1,120 @@
+// OpenEXR through the OpenEXR library: scan-line and tiled single-part files, read as
+// linear 32-bit floats (R, G, B and A, or Y and A, or a single channel).
+#include <ImfChannelList.h>
+#include <ImfFrameBuffer.h>
+#include <ImfHeader.h>
+#include <ImfInputFile.h>
+#include <ImfOutputFile.h>
+#include <ImfStandardAttributes.h>
+#include <Imath/half.h>
+
+#include <cstring>
+#include <vector>
+
+#include "imagefiles.h"
+#include "kelvo/diagnostics.h"
+#include "kelvo/mediasession_output.h"
+
+namespace kelvo::host::detail {
+namespace {
+
+Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path, const std::string& url) {
+    try {
+        Imf::InputFile file(path.c_str());
+        const Imath::Box2i dw = file.header().dataWindow();
+        const int64_t w = int64_t(dw.max.x) - dw.min.x + 1, h = int64_t(dw.max.y) - dw.min.y + 1;
+        if (w < 1 || h < 1 || w > (1 << 24) || h > (1 << 24))
+            return IoError(KELVO_HERE, url, "Cannot read OpenEXR @: invalid size @ x @.", url, w, h);
+        const Imf::ChannelList& list = file.header().channels();
+        std::vector<std::string> names;
+        if (list.findChannel("R") && list.findChannel("G") && list.findChannel("B"))
+            names = {"R", "G", "B"};
+        else if (list.findChannel("Y"))
+            names = {"Y"};
+        else if (list.begin() != list.end() && ++list.begin() == list.end())
+            names = {list.begin().name()};
+        else
+            return UnsupportedArgumentError(KELVO_HERE, "OpenEXR file @ has no R, G, B or Y channels.", url);
+        if (list.findChannel("A")) {
+            if (names.size() == 1) names = {names[0], names[0], names[0]};
+            names.push_back("A");
+        }
+        PixelFormat format{uint8_t(names.size()), CHANNELTYPE::FLOAT32};
+        const size_t c = names.size();
+        std::vector<float> pixels(size_t(w) * size_t(h) * c);
+        Imf::FrameBuffer fb;
+        const size_t xStride = sizeof(float) * c, yStride = xStride * size_t(w);
+        for (size_t k = 0; k < c; ++k)
+            fb.insert(names[k], Imf::Slice::Make(Imf::FLOAT, pixels.data() + k, dw, xStride, yStride,
+                                                 1, 1, names[k] == "A" ? 1.0 : 0.0));
+        file.setFrameBuffer(fb);
+        file.readPixels(dw.min.y, dw.max.y);
+        KELVO_ASSIGN_OR_RETURN(auto layer, LayerFromPixels(w, h, format, COLORPROFILE::LINEAR, pixels.data()));
+        KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(w, h));
+        KELVO_TRY(image->AddLayer(layer));
+        return image;
+    } catch (const std::bad_alloc&) {
+        return Error::OutOfMemory();
+    } catch (const std::exception& e) {
+        return IoError(KELVO_HERE, url, "Cannot read OpenEXR @: @", url, e.what());
+    }
+}
+
+// Layer 0 in linear light, as 32-bit floats, or 16-bit halves with kExportOptionHalf.
+Result<void> WriteExr(const std::filesystem::path& path, const std::string& url,
+                      const ImageInterface& image, const DataDictionary& options) {
+    if (image.GetLayerCount() > 1)
+        DiagnosticWarning("OpenEXR keeps only the first of @ layers of @.", image.GetLayerCount(), url);
+    StrongRef<ImageLayerInterface> layer = image.GetLayer(0);
+    const bool half = options.Get<bool>(kExportOptionHalf, false);
+    const uint8_t c = layer->GetPixelFormat().channels;
+    const int64_t w = layer->GetWidth(), h = layer->GetHeight();
+    std::vector<uint8_t> bytes;
+    KELVO_TRY(ReadLayerRows(image, 0, PixelFormat{c, CHANNELTYPE::FLOAT32}, COLORPROFILE::LINEAR, bytes));
+    const size_t n = size_t(w) * size_t(h) * c;
+    std::vector<Imath::half> halves(half ? n : 0);
+    const auto* floats = reinterpret_cast<const float*>(bytes.data());
+    for (size_t i = 0; i < halves.size(); ++i) halves[i] = Imath::half(floats[i]);
+
+    static const char* const kGrey[] = {"Y"};
+    static const char* const kColour[] = {"R", "G", "B", "A"};
+    const char* const* names = c == 1 ? kGrey : kColour;
+    try {
+        Imf::Header header{int(w), int(h)};
+        header.compression() = Imf::ZIP_COMPRESSION;
+        Imf::FrameBuffer fb;
+        const Imf::PixelType type = half ? Imf::HALF : Imf::FLOAT;
+        const size_t size = half ? sizeof(Imath::half) : sizeof(float);
+        char* base = half ? reinterpret_cast<char*>(halves.data()) : reinterpret_cast<char*>(bytes.data());
+        for (uint8_t k = 0; k < c; ++k) {
+            header.channels().insert(names[k], Imf::Channel(type));
+            fb.insert(names[k], Imf::Slice(type, base + k * size, size * c, size * c * size_t(w)));
+        }
+        Imf::OutputFile file(path.c_str(), header);
+        file.setFrameBuffer(fb);
+        file.writePixels(int(h));
+        return OK();
+    } catch (const std::bad_alloc&) {
+        return Error::OutOfMemory();
+    } catch (const std::exception& e) {
+        return IoError(KELVO_HERE, url, "Cannot write OpenEXR @: @", url, e.what());
+    }
+}
+
+bool DetectExr(const uint8_t* head, size_t size) {
+    return size >= 4 && head[0] == 0x76 && head[1] == 0x2f && head[2] == 0x31 && head[3] == 0x01;
+}
+
+}  // namespace
+
+const HostFileFormat kExrFormat{"OpenEXR",
+                                "net.kelvo.fileformat.imageexr",
+                                "net.kelvo.fileformathandler.imageloaderexr",
+                                "net.kelvo.mediasession.exr.import",
+                                "net.kelvo.mediasession.exr.export",
+                                {"exr", nullptr, nullptr},
+                                &DetectExr,
+                                &ReadExr,
+                                &WriteExr};
+
+}  // namespace kelvo::host::detail
