@@ -109,7 +109,7 @@ TEST(KelvoToolTest, DemoWritesItsReports) {
     fs::path out = fs::temp_directory_path() / ("kelvo_demo_" + std::to_string(::getpid()));
     ToolRun demo = Kelvo("demo --out " + out.string());
     ASSERT_EQ(demo.status, 0) << demo.out;
-    for (const char* f : {"modules.txt", "modules.json", "config.json"})
+    for (const char* f : {"modules.txt", "modules.json", "config.json", "ramp.png", "pictures.txt"})
         EXPECT_TRUE(fs::file_size(out / f) > 0) << f;
     fs::remove_all(out);
 }
