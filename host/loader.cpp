@@ -25,6 +25,7 @@ void FillAllocatorSlots(KelvoHostSlots&);
 void FillFileSlots(KelvoHostSlots&);
 void FillJobSlots(KelvoHostSlots&);
 void FillImageSlots(KelvoHostSlots&);
+void FillDescriptionSlots(KelvoHostSlots&);
 void RegisterHostFileFormats();
 void RegisterFrameworkRegistries();
 }  // namespace detail
@@ -98,6 +99,7 @@ void FillHostSlots(KelvoHostSlots& slots) {
     detail::FillFileSlots(slots);
     detail::FillJobSlots(slots);
     detail::FillImageSlots(slots);
+    detail::FillDescriptionSlots(slots);
 }
 
 void Initialize() {

@@ -2,9 +2,11 @@
 // pictures and reports into a folder.
 #include <fstream>
 #include <iostream>
+#include <vector>
 
 #include "context.h"
 #include "json.h"
+#include "kelvo/mediasession_output.h"
 
 namespace kelvo::cli {
 
@@ -22,6 +24,36 @@ Result<void> WriteFile(const fs::path& path, const std::string& text) {
     return OK();
 }
 
+// A linear-light colour ramp written through every host image format and read back, so
+// the report shows what each file holds.
+Result<void> WritePictures(const fs::path& folder, std::string& report) {
+    constexpr int64_t w = 64, h = 32;
+    std::vector<float> ramp(size_t(w * h * 3));
+    for (int64_t y = 0; y < h; ++y)
+        for (int64_t x = 0; x < w; ++x) {
+            float* p = &ramp[size_t((y * w + x) * 3)];
+            p[0] = float(x) / float(w - 1);
+            p[1] = float(y) / float(h - 1);
+            p[2] = 0.25f;
+        }
+    KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(w, h));
+    KELVO_ASSIGN_OR_RETURN(auto layer, CreateImageLayer(w, h, kPixelRgb32f, COLORPROFILE::LINEAR));
+    KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(kPixelRgb32f, COLORPROFILE::LINEAR));
+    for (int64_t y = 0; y < h; ++y) KELVO_TRY(writer->SetPixels(0, y, w, &ramp[size_t(y * w * 3)]));
+    KELVO_TRY(image->AddLayer(layer));
+    for (const char* name : {"ramp.exr", "ramp.tif", "ramp.png"}) {
+        Url url = Url::FromFile((folder / name).string());
+        KELVO_TRY(ExportImage(url, *image));
+        KELVO_ASSIGN_OR_RETURN(auto back, ImportImage(url));
+        auto l = back->GetLayer(0);
+        report += FormatMessage("@: @, @ x @, @, @\n", name,
+                                back->GetProperties().Get<Id>(kImagePropertyFileFormat), back->GetWidth(),
+                                back->GetHeight(), l->GetPixelFormat().Name(),
+                                ColorProfileName(l->GetColorProfile()));
+    }
+    return OK();
+}
+
 Result<void> RunDemo(Context& context, const fs::path& folder) {
     KELVO_TRY(context.LoadModules());
     std::error_code ec;
@@ -33,7 +65,12 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
     KELVO_TRY(WriteFile(folder / "modules.txt", modules.str()));
     KELVO_TRY(WriteFile(folder / "modules.json", ModulesReportJson() + "\n"));
     KELVO_TRY(WriteFile(folder / "config.json", config.str()));
-    std::cout << "kelvo demo: wrote modules.txt, modules.json, config.json to " << folder.string()
+    std::string pictures;
+    KELVO_TRY(WritePictures(folder, pictures));
+    KELVO_TRY(WriteFile(folder / "pictures.txt", pictures));
+    std::cout << "kelvo demo: wrote modules.txt, modules.json, config.json, ramp.exr, ramp.tif, "
+                 "ramp.png, pictures.txt to "
+              << folder.string()
               << '\n';
     return OK();
 }

@@ -40,5 +40,6 @@ int Fail(const Error& error);
 void AddModulesCommand(CLI::App& app, Context& context, int& status);
 void AddConfigCommand(CLI::App& app, Context& context, int& status);
 void AddDemoCommand(CLI::App& app, Context& context, int& status);
+void AddImageCommand(CLI::App& app, Context& context, int& status);
 
 }  // namespace kelvo::cli

@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
     AddModulesCommand(app, context, status);
     AddConfigCommand(app, context, status);
     AddDemoCommand(app, context, status);
+    AddImageCommand(app, context, status);
 
     try {
         app.parse(argc, argv);

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
 
+#include "host.h"
 #include "json.h"
+#include "kelvo/mediasession_output.h"
 
 namespace kelvo::cli {
 namespace {
@@ -106,9 +109,98 @@ TEST(KelvoToolTest, DemoWritesItsReports) {
     fs::path out = fs::temp_directory_path() / ("kelvo_demo_" + std::to_string(::getpid()));
     ToolRun demo = Kelvo("demo --out " + out.string());
     ASSERT_EQ(demo.status, 0) << demo.out;
-    for (const char* f : {"modules.txt", "modules.json", "config.json"})
+    for (const char* f : {"modules.txt", "modules.json", "config.json", "ramp.png", "pictures.txt"})
         EXPECT_TRUE(fs::file_size(out / f) > 0) << f;
     fs::remove_all(out);
+}
+
+}  // namespace
+}  // namespace kelvo::cli
+
+namespace kelvo::cli {
+namespace {
+
+class ImageCommandTest : public testing::Test {
+protected:
+    void SetUp() override {
+        host::Initialize();
+        _dir = fs::temp_directory_path() / ("kelvo_cli_images_" + std::to_string(::getpid()));
+        fs::create_directories(_dir);
+    }
+    void TearDown() override { fs::remove_all(_dir); }
+    std::string Path(const std::string& name) const { return (_dir / name).string(); }
+
+    template <typename T>
+    void Write(const std::string& name, PixelFormat f, COLORPROFILE p, const std::vector<T>& px, int64_t w, int64_t h) {
+        auto image = *CreateImage(w, h);
+        auto layer = *CreateImageLayer(w, h, f, p);
+        auto writer = *layer->SetPixelHandler(f, p);
+        for (int64_t y = 0; y < h; ++y) ASSERT_TRUE(writer->SetPixels(0, y, w, px.data() + y * w * f.channels).Ok());
+        ASSERT_TRUE(image->AddLayer(layer).Ok());
+        ASSERT_TRUE(ExportImage(Url::FromFile(Path(name)), *image).Ok());
+    }
+    template <typename T>
+    std::vector<T> Read(const std::string& name, PixelFormat f, COLORPROFILE p, PixelFormat stored = {}) {
+        auto image = ImportImage(Url::FromFile(Path(name)));
+        EXPECT_TRUE(image.Ok()) << name;
+        if (!image) return {};
+        auto layer = (*image)->GetLayer(0);
+        EXPECT_EQ(layer->GetPixelFormat(), stored.IsValid() ? stored : f) << name;
+        std::vector<T> out(size_t(layer->GetWidth() * layer->GetHeight()) * f.channels);
+        auto reader = *layer->GetPixelHandler(f, p);
+        for (int64_t y = 0; y < layer->GetHeight(); ++y)
+            EXPECT_TRUE(reader->GetPixels(0, y, layer->GetWidth(), out.data() + y * layer->GetWidth() * f.channels).Ok());
+        return out;
+    }
+    fs::path _dir;
+};
+
+TEST_F(ImageCommandTest, ConvertedFilesReadBackEqual) {
+    // 8-bit: PNG -> TIFF -> PNG exactly; PNG -> EXR (half) -> PNG exactly.
+    std::vector<uint8_t> rgba(7 * 5 * 4);
+    for (size_t i = 0; i < rgba.size(); ++i) rgba[i] = uint8_t(i * 53 + 3);
+    Write("a.png", kPixelRgba8, COLORPROFILE::SRGB, rgba, 7, 5);
+    for (const char* step : {"a.png b.tif", "b.tif c.png", "c.png d.exr --half", "d.exr e.png"}) {
+        std::string s(step), in = s.substr(0, s.find(' ')), rest = s.substr(s.find(' ') + 1);
+        ToolRun run = Kelvo("image convert " + Path(in) + " " + (_dir / "").string() + rest);
+        ASSERT_EQ(run.status, 0) << step << ": " << run.out;
+    }
+    EXPECT_EQ(Read<uint8_t>("b.tif", kPixelRgba8, COLORPROFILE::SRGB), rgba);
+    EXPECT_EQ(Read<uint8_t>("c.png", kPixelRgba8, COLORPROFILE::SRGB), rgba);
+    // Floats become 16-bit PNG samples, which still give the same bytes.
+    EXPECT_EQ(Read<uint8_t>("e.png", kPixelRgba8, COLORPROFILE::SRGB, kPixelRgba16), rgba);
+
+    // Float: EXR -> TIFF -> EXR exactly; -> EXR --half within half precision.
+    std::vector<float> rgb(6 * 4 * 3);
+    for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = std::ldexp(float(i) + 0.123f, int(i % 9) - 4);
+    Write("f.exr", kPixelRgb32f, COLORPROFILE::LINEAR, rgb, 6, 4);
+    ASSERT_EQ(Kelvo("image convert " + Path("f.exr") + " " + Path("g.tiff")).status, 0);
+    ASSERT_EQ(Kelvo("image convert " + Path("g.tiff") + " " + Path("h.exr")).status, 0);
+    ASSERT_EQ(Kelvo("image convert " + Path("h.exr") + " " + Path("i.exr") + " --half").status, 0);
+    EXPECT_EQ(Read<float>("h.exr", kPixelRgb32f, COLORPROFILE::LINEAR), rgb);
+    auto half = Read<float>("i.exr", kPixelRgb32f, COLORPROFILE::LINEAR);
+    ASSERT_EQ(half.size(), rgb.size());
+    for (size_t i = 0; i < rgb.size(); ++i) EXPECT_NEAR(half[i], rgb[i], rgb[i] / 2048);
+}
+
+TEST_F(ImageCommandTest, InfoNamesFormatLayersAndProfile) {
+    Write("g.png", kPixelGrey16, COLORPROFILE::SRGB, std::vector<uint16_t>(6, 999), 3, 2);
+    ToolRun text = Kelvo("image info " + Path("g.png"));
+    ASSERT_EQ(text.status, 0) << text.out;
+    EXPECT_EQ(text.out, "file: " + Path("g.png") +
+                            "\nformat: net.kelvo.fileformat.imagepng (PNG)\nsize: 3 x 2\nlayers: 1\n"
+                            "layer 0: grey16 (16 bits per pixel), sRGB\n");
+    ToolRun json = Kelvo("image info --json " + Path("g.png"));
+    auto j = nlohmann::json::parse(json.out);
+    EXPECT_EQ(j["format"], "net.kelvo.fileformat.imagepng");
+    EXPECT_EQ(j["layers"][0]["pixelFormat"], "grey16");
+
+    ToolRun missing = Kelvo("image info " + Path("none.png"));
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.out, "kelvo: Cannot open file://" + Path("none.png") + ".\n");
+    ToolRun bmp = Kelvo("image convert " + Path("g.png") + " " + Path("g.bmp"));
+    EXPECT_EQ(bmp.status, 1);
+    EXPECT_EQ(bmp.out, "kelvo: No file format writes file://" + Path("g.bmp") + ".\n");
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "kelvo/descriptionslots.h"
 #include "kelvo/id.h"
 #include "kelvo/imageslots.h"
 #include "kelvo/jobslots.h"
@@ -46,10 +47,11 @@ enum class DIAGLEVEL : uint8_t { INFO, WARNING, ERROR };
       (const ::kelvo::Url& url))
 
 // All slot lists, in record order. Later services append their own list here.
-#define KELVO_ALL_SLOTS(X) KELVO_CORE_SLOTS(X) KELVO_JOB_SLOTS(X) KELVO_IMAGE_SLOTS(X)
+#define KELVO_ALL_SLOTS(X) KELVO_CORE_SLOTS(X) KELVO_JOB_SLOTS(X) KELVO_IMAGE_SLOTS(X) \
+    KELVO_DESCRIPTION_SLOTS(X)
 
 // Raised whenever the record's layout changes, so that a stale module is refused.
-#define KELVO_BINDING_VERSION 3u
+#define KELVO_BINDING_VERSION 4u
 
 struct KelvoModuleInfo {
     const char* id;                   // "net.kelvo.render"

@@ -1,0 +1,102 @@
+// kelvo image info / convert: pictures through the file-format registry, so that every
+// format a module registers opens here as the host's own do.
+#include <iostream>
+
+#include "context.h"
+#include "json.h"
+#include "kelvo/mediasession_output.h"
+#include "kelvo/registry.h"
+
+namespace kelvo::cli {
+namespace {
+
+std::string FormatName(const Id& format) {
+    auto f = CreateClass<FileFormatInterface>(format);
+    return f ? std::string((*f)->GetName()) : std::string();
+}
+
+Result<StrongRef<ImageInterface>> Open(Context& context, const std::string& file) {
+    KELVO_TRY(context.LoadModules());
+    KELVO_ASSIGN_OR_RETURN(Url url, Url::FromText(file));
+    return ImportImage(url);
+}
+
+Result<void> Info(Context& context, const std::string& file, bool json) {
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(context, file));
+    Id format = image->GetProperties().Get<Id>(kImagePropertyFileFormat);
+    if (json) {
+        JsonWriter w;
+        w.Object().Key("file").String(file).Key("format").String(format.Text());
+        w.Key("formatName").String(FormatName(format));
+        w.Key("width").Integer(image->GetWidth()).Key("height").Integer(image->GetHeight());
+        w.Key("layers").Array();
+        for (int64_t i = 0; i < image->GetLayerCount(); ++i) {
+            auto layer = image->GetLayer(i);
+            w.Object().Key("pixelFormat").String(layer->GetPixelFormat().Name());
+            w.Key("bitsPerPixel").Integer(layer->GetPixelFormat().GetBitsPerPixel());
+            w.Key("colorProfile").String(ColorProfileName(layer->GetColorProfile())).End();
+        }
+        w.End().End();
+        std::cout << w.Text() << '\n';
+        return OK();
+    }
+    std::cout << "file: " << file << '\n'
+              << "format: " << format.Text() << " (" << FormatName(format) << ")\n"
+              << "size: " << image->GetWidth() << " x " << image->GetHeight() << '\n'
+              << "layers: " << image->GetLayerCount() << '\n';
+    for (int64_t i = 0; i < image->GetLayerCount(); ++i) {
+        auto layer = image->GetLayer(i);
+        std::cout << "layer " << i << ": " << layer->GetPixelFormat().Name() << " ("
+                  << layer->GetPixelFormat().GetBitsPerPixel() << " bits per pixel), "
+                  << ColorProfileName(layer->GetColorProfile()) << '\n';
+    }
+    return OK();
+}
+
+Result<void> Convert(Context& context, const std::string& in, const std::string& out,
+                     const std::string& format, bool half) {
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(context, in));
+    KELVO_ASSIGN_OR_RETURN(Url target, Url::FromText(out));
+    Id formatId;
+    if (!format.empty()) {
+        KELVO_ASSIGN_OR_RETURN(formatId, Id::FromText(format));
+    }
+    DataDictionary options;
+    KELVO_TRY(options.Set(kExportOptionHalf, half));
+    return ExportImage(target, *image, formatId, options);
+}
+
+}  // namespace
+
+void AddImageCommand(CLI::App& app, Context& context, int& status) {
+    auto* cmd = app.add_subcommand("image", "Read pictures through the file-format registry");
+    cmd->require_subcommand(1);
+
+    auto* info = cmd->add_subcommand(
+        "info", "Size, layers, pixel format, colour profile and detected format of a picture");
+    auto* file = info->add_option("FILE", "Picture file or url")->required();
+    auto json = std::make_shared<bool>(false);
+    info->add_flag("--json", *json, "Answer as one JSON object");
+    info->callback([&context, &status, file, json] {
+        if (auto r = Info(context, file->as<std::string>(), *json); !r)
+            status = Fail(r.GetError());
+    });
+
+    auto* convert = cmd->add_subcommand(
+        "convert", "Read a picture in any registered format and write it as PNG, TIFF or OpenEXR "
+                   "(chosen by the output's suffix)");
+    auto* in = convert->add_option("IN", "Picture to read")->required();
+    auto* out = convert->add_option("OUT", "File to write (.png, .tif, .tiff, .exr)")->required();
+    auto* format = convert->add_option("--format", "File format id to write, instead of the suffix");
+    auto half = std::make_shared<bool>(false);
+    convert->add_flag("--half", *half, "OpenEXR: store 16-bit half floats");
+    convert->callback([&context, &status, in, out, format, half] {
+        std::string f = format->count() ? format->as<std::string>() : std::string();
+        if (auto r = Convert(context, in->as<std::string>(), out->as<std::string>(), f,
+                             *half);
+            !r)
+            status = Fail(r.GetError());
+    });
+}
+
+}  // namespace kelvo::cli
