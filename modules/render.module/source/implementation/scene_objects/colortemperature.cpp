@@ -36,7 +36,8 @@ Col3 BlackBodyColor(double kelvin) {
         for (int c = 0; c < 3; ++c) xyz[c] += radiance * kCmf[i][c];
     }
     if (!(xyz[1] > 0.0) || !std::isfinite(xyz[1])) return white;
-    for (double& c : xyz) c /= xyz[1];
+    const double y = xyz[1];
+    for (double& c : xyz) c /= y;
 
     double rgb[3];
     double luminance = 0.0;
