@@ -7,12 +7,16 @@
 #include "context.h"
 #include "json.h"
 #include "kelvo/mediasession_output.h"
+#include "kelvo/registry.h"
+#include "kelvo/sceneobject.h"
 
 namespace kelvo::cli {
 
 std::string ModulesReportJson();
 void WriteConfigReport(std::ostream& out);
 void WriteModulesReport(std::ostream& out);
+Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::string& matrixJson, double fieldOfView,
+                                   const std::vector<std::string>& pixels);
 
 namespace {
 namespace fs = std::filesystem;
@@ -54,6 +58,39 @@ Result<void> WritePictures(const fs::path& folder, std::string& report) {
     return OK();
 }
 
+// Rays of the centre, an edge and a corner pixel of both cameras looking at the origin
+// from the same place, a 50 mm lens on a full-frame sensor, and black-body light colours.
+Result<std::string> CamerasJson() {
+    const std::string matrix =
+        R"({"offset":[0,2,-10],"xAxis":[1,0,0],"yAxis":[0,0.98058067569092,0.19611613513818],)"
+        R"("zAxis":[0,-0.19611613513818,0.98058067569092]})";
+    const std::vector<std::string> pixels = {"320,240", "640,240", "0,0", "640,480"};
+    KELVO_ASSIGN_OR_RETURN(std::string perspective, CameraRaysJson("perspective", matrix, 0.5, pixels));
+    KELVO_ASSIGN_OR_RETURN(std::string parallel, CameraRaysJson("parallel", matrix, 0.5, pixels));
+
+    KELVO_ASSIGN_OR_RETURN(auto object, CreateClass<SceneObjectInterface>(kSceneObjectCameraClass));
+    KELVO_TRY(object->SetAttribute(SCENEOBJECTATTRIBUTES::FOCALLENGTH, 50.0));
+    KELVO_TRY(object->SetAttribute(SCENEOBJECTATTRIBUTES::SENSORSIZE, 36.0));
+    KELVO_ASSIGN_OR_RETURN(auto params, Query<CameraObjectInterface>(object)->GetCameraParameters({640, 480}));
+
+    JsonWriter w;
+    w.Object().Key("perspective").Raw(perspective).Key("parallel").Raw(parallel);
+    w.Key("lens50mm").Object();
+    w.Key("focallength").Number(50).Key("sensorsize").Number(36);
+    w.Key("fieldofview").Number(params->Get<double>(CAMERAPARAMETERS::FIELDOFVIEW));
+    w.End();
+    KELVO_ASSIGN_OR_RETURN(auto lightObject, CreateClass<SceneObjectInterface>(kSceneObjectLightClass));
+    auto light = Query<LightObjectInterface>(lightObject);
+    w.Key("lightColors").Array();
+    for (double kelvin : {1900.0, 2700.0, 4000.0, 5000.0, 6504.0, 10000.0}) {
+        KELVO_TRY(lightObject->SetAttribute(SCENEOBJECTATTRIBUTES::COLORTEMPERATURE, kelvin));
+        const Col3 c = light->GetColor();
+        w.Object().Key("kelvin").Number(kelvin).Key("rgb").Vec(Vec3{c.r, c.g, c.b}).End();
+    }
+    w.End();
+    return w.End().Text();
+}
+
 Result<void> RunDemo(Context& context, const fs::path& folder) {
     KELVO_TRY(context.LoadModules());
     std::error_code ec;
@@ -68,8 +105,10 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
     std::string pictures;
     KELVO_TRY(WritePictures(folder, pictures));
     KELVO_TRY(WriteFile(folder / "pictures.txt", pictures));
+    KELVO_ASSIGN_OR_RETURN(std::string cameras, CamerasJson());
+    KELVO_TRY(WriteFile(folder / "cameras.json", cameras + "\n"));
     std::cout << "kelvo demo: wrote modules.txt, modules.json, config.json, ramp.exr, ramp.tif, "
-                 "ramp.png, pictures.txt to "
+                 "ramp.png, pictures.txt, cameras.json to "
               << folder.string()
               << '\n';
     return OK();

@@ -41,5 +41,6 @@ void AddModulesCommand(CLI::App& app, Context& context, int& status);
 void AddConfigCommand(CLI::App& app, Context& context, int& status);
 void AddDemoCommand(CLI::App& app, Context& context, int& status);
 void AddImageCommand(CLI::App& app, Context& context, int& status);
+void AddCameraCommand(CLI::App& app, Context& context, int& status);
 
 }  // namespace kelvo::cli

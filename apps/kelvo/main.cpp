@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
     AddConfigCommand(app, context, status);
     AddDemoCommand(app, context, status);
     AddImageCommand(app, context, status);
+    AddCameraCommand(app, context, status);
 
     try {
         app.parse(argc, argv);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "host.h"
@@ -109,9 +110,95 @@ TEST(KelvoToolTest, DemoWritesItsReports) {
     fs::path out = fs::temp_directory_path() / ("kelvo_demo_" + std::to_string(::getpid()));
     ToolRun demo = Kelvo("demo --out " + out.string());
     ASSERT_EQ(demo.status, 0) << demo.out;
-    for (const char* f : {"modules.txt", "modules.json", "config.json", "ramp.png", "pictures.txt"})
+    for (const char* f : {"modules.txt", "modules.json", "config.json", "ramp.png", "pictures.txt",
+                          "cameras.json"})
         EXPECT_TRUE(fs::file_size(out / f) > 0) << f;
     fs::remove_all(out);
+}
+
+TEST(KelvoCameraTest, CommandLinePrintsRaysWithRoundTripPrecision) {
+    ToolRun run = Kelvo("camera --resolution 640,480 -p 640,240 -p 320,480");
+    ASSERT_EQ(run.status, 0) << run.out;
+    auto j = nlohmann::json::parse(run.out);
+    EXPECT_EQ(j["class"], "net.kelvo.render.cameraclass.perspective");
+    EXPECT_EQ(j["features"], 2);
+    ASSERT_EQ(j["rays"].size(), 2u);
+    // The edge ray's unnormalised direction is (0.25, 0, 1); every digit survives.
+    const double n = 1 / std::sqrt(0.25 * 0.25 + 1);
+    EXPECT_EQ(*ReadNumber(j["rays"][0]["direction"][0], "x"), 0.25 * n);
+    EXPECT_EQ(*ReadNumber(j["rays"][0]["direction"][2], "z"), n);
+    EXPECT_LT(*ReadNumber(j["rays"][1]["direction"][1], "y"), 0.0);  // screen y grows downward
+    for (const char* m : {"origin", "xDifferentialOrigin", "yDifferentialOrigin", "xDifferentialDirection",
+                          "yDifferentialDirection"})
+        EXPECT_TRUE(j["rays"][1].contains(m)) << m;
+
+    // Looking from +z back at the origin. A parallel camera keeps its direction when
+    // flipped; only the feature bits change.
+    run = Kelvo("camera --class parallel --position 0,0,5 --look-at 0,0,0 --flipped -p 320,240");
+    ASSERT_EQ(run.status, 0) << run.out;
+    j = nlohmann::json::parse(run.out);
+    EXPECT_EQ(j["features"], 10);
+    EXPECT_EQ(*ReadVec3(j["rays"][0]["origin"], "o"), (Vec3{0, 0, 5}));
+    EXPECT_EQ(*ReadVec3(j["rays"][0]["direction"], "d"), (Vec3{0, 0, -1}));
+
+    EXPECT_EQ(Kelvo("camera --class fisheye").out, "kelvo: Illegal argument: Class fisheye not found.\n");
+    EXPECT_EQ(Kelvo("camera -p 3").out,
+              "kelvo: Illegal argument: --pixel expects 2 numbers separated by commas, not '3'.\n");
+    ToolRun same = Kelvo("camera --position 1,2,3 --look-at 1,2,3");
+    EXPECT_EQ(same.status, 1);
+    EXPECT_EQ(same.out, "kelvo: Illegal argument: --look-at must differ from --position.\n");
+    EXPECT_EQ(Kelvo("camera --position 0,0,0 --look-at 0,5,0").out,
+              "kelvo: Illegal argument: --up must not be parallel to the viewing direction.\n");
+}
+
+TEST(KelvoCameraTest, JsonLinesDriveNamedCamerasAndAnswerEveryLine) {
+    fs::path script = fs::temp_directory_path() / ("kelvo_camera_" + std::to_string(::getpid()) + ".jsonl");
+    std::ofstream(script)
+        << R"({"camera":"p","op":"Init","class":"perspective","parameters":{)"
+           R"("net.kelvo.render.camera.cameraparameters.screenresolution":[640,480],)"
+           R"("net.kelvo.render.camera.cameraparameters.windowform":[1,2],)"
+           R"("net.kelvo.render.camera.cameraparameters.fieldofview":1}})" "\n"
+        << R"({"camera":"p","op":"CreateScreenRay","point":[320,240],"ray":{"rendererData":[1,2,3,4],"time":0.5}})" "\n"
+        << R"({"camera":"p","op":"CalculateMIPComponents","point":[320,240],)"
+           R"("ray":{"origin":[0,0,0]},"hit":{"position":[0,0,10],"normal":[0,0,1]}})" "\n"
+        << R"({"camera":"p","op":"WorldToScreen","point":[0,0,-1]})" "\n"
+        << R"({"camera":"p","op":"SetMatrix","matrix":{"offset":[1,2,3]}})" "\n"
+        << R"({"camera":"p","op":"GetParameters"})" "\n"
+        << R"({"camera":"q","op":"GetFeatures"})" "\n"
+        << R"({"camera":"p","op":"Turn"})" "\n"
+        << R"({"camera":"p","op":"CreateScreenRay","point":[1]})" "\n"
+        << R"({"camera":"p","op":"CalculateMIPComponents","point":[1,1],"hit":{"position":[0,0,1],"colour":1}})" "\n"
+        << R"({"camera":"q","op":"Init","class":"parallel","flipped":true})" "\n"
+        << R"({"camera":"q","op":"GetFeatures"})" "\n"
+        << R"({"camera":"q","op":"GetWorldToCameraMatrix"})" "\n";
+    ToolRun run = Kelvo("camera --json-lines < " + script.string());
+    fs::remove(script);
+    ASSERT_EQ(run.status, 0) << run.out;
+    std::vector<nlohmann::json> lines;
+    std::istringstream in(run.out);
+    for (std::string line; std::getline(in, line);) lines.push_back(nlohmann::json::parse(line));
+    ASSERT_EQ(lines.size(), 13u) << run.out;
+    EXPECT_EQ(lines[0]["ok"], true);
+    // The renderer's members of a given ray come back untouched.
+    EXPECT_EQ(lines[1]["ray"]["rendererData"][3], 4);
+    EXPECT_EQ(lines[1]["ray"]["time"], 0.5);
+    EXPECT_EQ(*ReadVec3(lines[1]["ray"]["direction"], "d"), (Vec3{0, 0, 1}));
+    // At fieldofview 1 the footprint is where the next pixel's ray meets the plane.
+    EXPECT_EQ(*ReadVec3(lines[2]["hit"]["footprintX"], "x"), (Vec3{10.0 / 640, 0, 10}));
+    EXPECT_EQ(*ReadVec3(lines[2]["hit"]["footprintY"], "y"), (Vec3{0, -10.0 / 640, 10}));
+    EXPECT_EQ(lines[2]["hit"]["polygonIndex"], -1);
+    EXPECT_EQ(*ReadVec3(lines[3]["point"], "s"), (Vec3{320, 240, -1}));
+    const auto& params = lines[5]["parameters"];
+    EXPECT_EQ(params["net.kelvo.render.camera.cameraparameters.windowform"], nlohmann::json::parse("[1,2]"));
+    EXPECT_EQ(*ReadVec3(params["net.kelvo.render.camera.cameraparameters.matrix"]["offset"], "o"),
+              (Vec3{1, 2, 3}));
+    EXPECT_EQ(lines[6]["error"], "Illegal argument: No camera named 'q': create it with Init and a class.");
+    EXPECT_EQ(lines[7]["error"], "Illegal argument: Unknown operation 'Turn'.");
+    EXPECT_EQ(lines[8]["error"], "Illegal argument: point must be an array of 2 numbers.");
+    EXPECT_EQ(lines[9]["error"], "Illegal argument: hit has no member 'colour'.");
+    EXPECT_EQ(lines[11]["features"], 10);
+    EXPECT_EQ(lines[12]["matrix"], nlohmann::json::parse(
+        R"({"offset":[0,0,0],"xAxis":[1,0,0],"yAxis":[0,1,0],"zAxis":[0,0,1]})"));
 }
 
 }  // namespace
