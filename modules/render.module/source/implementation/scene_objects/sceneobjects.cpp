@@ -15,7 +15,7 @@ namespace A = SCENEOBJECTATTRIBUTES;
 enum class ATTRIBUTETYPE : uint8_t { NUMBER, INTEGER, BOOL, TEXT, ID, PAIR, MATRIX };
 
 // One attribute: its type, default, and the range a value must lie in.
-struct AttributeSpec {
+struct AttributeInfo {
     Id id;
     ATTRIBUTETYPE type;
     double number = 0.0;  // default of NUMBER, INTEGER, BOOL (non-zero is true)
@@ -49,13 +49,13 @@ bool SampleCount(const Data& v) {
 }
 
 #define KELVO_BASE_ATTRIBUTES                                   \
-    AttributeSpec{A::MATRIX, ATTRIBUTETYPE::MATRIX},            \
-        AttributeSpec{A::NAME, ATTRIBUTETYPE::TEXT},            \
-        AttributeSpec{A::VISIBLE, ATTRIBUTETYPE::BOOL, 1.0}
+    AttributeInfo{A::MATRIX, ATTRIBUTETYPE::MATRIX},            \
+        AttributeInfo{A::NAME, ATTRIBUTETYPE::TEXT},            \
+        AttributeInfo{A::VISIBLE, ATTRIBUTETYPE::BOOL, 1.0}
 
-constexpr AttributeSpec kBaseAttributes[] = {KELVO_BASE_ATTRIBUTES};
+constexpr AttributeInfo kBaseAttributes[] = {KELVO_BASE_ATTRIBUTES};
 
-constexpr AttributeSpec kCameraAttributes[] = {
+constexpr AttributeInfo kCameraAttributes[] = {
     KELVO_BASE_ATTRIBUTES,
     {A::PROJECTION, ATTRIBUTETYPE::ID, 0, {}, kPerspectiveCameraClass, CameraClass,
      "net.kelvo.render.cameraclass.perspective or net.kelvo.render.cameraclass.parallel"},
@@ -70,7 +70,7 @@ constexpr AttributeSpec kCameraAttributes[] = {
     {A::FARCLIPPINGENABLED, ATTRIBUTETYPE::BOOL, 0.0},
 };
 
-constexpr AttributeSpec kLightAttributes[] = {
+constexpr AttributeInfo kLightAttributes[] = {
     KELVO_BASE_ATTRIBUTES,
     {A::SHAPE, ATTRIBUTETYPE::INTEGER, 0.0, {}, {}, KnownShape, "a light shape from 0 to 5"},
     {A::INTENSITY, ATTRIBUTETYPE::NUMBER, 1.0, {}, {}, NotNegative, "at least 0"},
@@ -81,9 +81,9 @@ constexpr AttributeSpec kLightAttributes[] = {
 #undef KELVO_BASE_ATTRIBUTES
 
 template <size_t N>
-constexpr std::array<Id, N> IdsOf(const AttributeSpec (&specs)[N]) {
+constexpr std::array<Id, N> IdsOf(const AttributeInfo (&attributes)[N]) {
     std::array<Id, N> ids{};
-    for (size_t i = 0; i < N; ++i) ids[i] = specs[i].id;
+    for (size_t i = 0; i < N; ++i) ids[i] = attributes[i].id;
     return ids;
 }
 constexpr auto kBaseIds = IdsOf(kBaseAttributes);
@@ -103,14 +103,14 @@ const char* TypeName(ATTRIBUTETYPE type) {
     return "";
 }
 
-Data DefaultOf(const AttributeSpec& spec) {
-    switch (spec.type) {
-        case ATTRIBUTETYPE::NUMBER: return Data(spec.number);
-        case ATTRIBUTETYPE::INTEGER: return Data(int64_t(spec.number));
-        case ATTRIBUTETYPE::BOOL: return Data(spec.number != 0.0);
+Data DefaultOf(const AttributeInfo& info) {
+    switch (info.type) {
+        case ATTRIBUTETYPE::NUMBER: return Data(info.number);
+        case ATTRIBUTETYPE::INTEGER: return Data(int64_t(info.number));
+        case ATTRIBUTETYPE::BOOL: return Data(info.number != 0.0);
         case ATTRIBUTETYPE::TEXT: return Data(std::string());
-        case ATTRIBUTETYPE::ID: return Data(spec.idValue);
-        case ATTRIBUTETYPE::PAIR: return Data(spec.pair);
+        case ATTRIBUTETYPE::ID: return Data(info.idValue);
+        case ATTRIBUTETYPE::PAIR: return Data(info.pair);
         case ATTRIBUTETYPE::MATRIX: return Data(Matrix{});
     }
     return Data();
@@ -118,8 +118,8 @@ Data DefaultOf(const AttributeSpec& spec) {
 
 // The value in the attribute's own type, or empty when it has another type. Whole
 // numbers are taken where a number is expected.
-Data Coerce(const AttributeSpec& spec, const Data& value) {
-    switch (spec.type) {
+Data Coerce(const AttributeInfo& info, const Data& value) {
+    switch (info.type) {
         case ATTRIBUTETYPE::NUMBER:
             if (const int64_t* i = value.Get<int64_t>()) return Data(double(*i));
             return value.Get<double>() ? value : Data();
@@ -137,25 +137,25 @@ Data Coerce(const AttributeSpec& spec, const Data& value) {
 template <typename... Extra>
 class SceneObjectImpl : public Implements<SceneObjectInterface, Extra...> {
 public:
-    SceneObjectImpl(const Id& classId, std::span<const AttributeSpec> specs, std::span<const Id> ids)
-        : _classId(classId), _specs(specs), _ids(ids) {}
+    SceneObjectImpl(const Id& classId, std::span<const AttributeInfo> attributes, std::span<const Id> ids)
+        : _classId(classId), _attributes(attributes), _ids(ids) {}
 
     Result<void> SetAttribute(const Id& attribute, const Data& value) override {
-        const AttributeSpec* spec = Find(attribute);
-        if (!spec) return IllegalArgumentError(KELVO_HERE, "@ is no attribute of @.", attribute, _classId);
-        Data typed = Coerce(*spec, value);
+        const AttributeInfo* info = Find(attribute);
+        if (!info) return IllegalArgumentError(KELVO_HERE, "@ is no attribute of @.", attribute, _classId);
+        Data typed = Coerce(*info, value);
         if (typed.IsEmpty())
-            return IllegalArgumentError(KELVO_HERE, "Attribute @ must be @.", attribute, TypeName(spec->type));
-        if (spec->accepts && !spec->accepts(typed))
-            return IllegalArgumentError(KELVO_HERE, "Attribute @ must be @.", attribute, spec->rule);
+            return IllegalArgumentError(KELVO_HERE, "Attribute @ must be @.", attribute, TypeName(info->type));
+        if (info->accepts && !info->accepts(typed))
+            return IllegalArgumentError(KELVO_HERE, "Attribute @ must be @.", attribute, info->rule);
         return _values.Set(attribute, std::move(typed));
     }
 
     Data GetAttribute(const Id& attribute) const override {
-        const AttributeSpec* spec = Find(attribute);
-        if (!spec) return Data();
+        const AttributeInfo* info = Find(attribute);
+        if (!info) return Data();
         const Data* set = _values.Find(attribute);
-        return set ? *set : DefaultOf(*spec);
+        return set ? *set : DefaultOf(*info);
     }
 
     std::span<const Id> GetAttributeIds() const override { return _ids; }
@@ -167,14 +167,14 @@ protected:
     T Value(const Id& id) const { return *GetAttribute(id).template Get<T>(); }
 
 private:
-    const AttributeSpec* Find(const Id& id) const {
-        for (const AttributeSpec& s : _specs)
+    const AttributeInfo* Find(const Id& id) const {
+        for (const AttributeInfo& s : _attributes)
             if (s.id == id) return &s;
         return nullptr;
     }
 
     Id _classId;
-    std::span<const AttributeSpec> _specs;
+    std::span<const AttributeInfo> _attributes;
     std::span<const Id> _ids;
     DataDictionary _values;
 };
