@@ -3,7 +3,8 @@
 //
 // Every scene object has the base attributes; a camera object adds the camera
 // attributes, a light object the light attributes. Attribute values are checked when
-// they are set; an attribute that was never set reads as its default.
+// they are set; an attribute that was never set reads as its default. A scene object is
+// used by one thread at a time; the cameras it creates are shared like any camera.
 //
 // Base attributes (ids "net.kelvo.render.sceneobject.base.<name>"):
 //   matrix    Matrix   object to world (the camera's camera-to-world matrix)   identity
