@@ -42,7 +42,7 @@ struct TiffCloser {
     }
 };
 
-// The current directory as a layer, or an empty reference for a page that is skipped.
+// The current directory (page) as a layer.
 Result<StrongRef<ImageLayerInterface>> ReadDirectory(TIFF* tif, const std::string& url) {
     uint32_t w = 0, h = 0;
     uint16_t spp = 1, bps = 1, sampleFormat = SAMPLEFORMAT_UINT, planar = PLANARCONFIG_CONTIG,
