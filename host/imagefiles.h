@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "host.h"
 #include "kelvo/image.h"
@@ -30,6 +31,15 @@ struct HostFileFormat {
 extern const HostFileFormat kPngFormat;
 extern const HostFileFormat kTiffFormat;
 extern const HostFileFormat kExrFormat;
+
+// Pictures beyond this many pixels are refused before any pixel memory is taken, so a
+// header that lies about its size cannot exhaust memory.
+inline constexpr int64_t kMaxPicturePixels = int64_t(1) << 28;
+inline Result<void> CheckPictureSize(const char* format, const std::string& url, int64_t w, int64_t h) {
+    if (w < 1 || h < 1 || w > (int64_t(1) << 24) || h > (int64_t(1) << 24) || w * h > kMaxPicturePixels)
+        return IoError(KELVO_HERE, url, "Cannot read @ @: invalid size @ x @.", format, url, w, h);
+    return OK();
+}
 
 // Layer `index` of an image as rows of `format` in `profile`, top row first.
 Result<void> ReadLayerRows(const ImageInterface& image, int64_t index, PixelFormat format,

@@ -23,8 +23,7 @@ Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path, con
         Imf::InputFile file(path.c_str());
         const Imath::Box2i dw = file.header().dataWindow();
         const int64_t w = int64_t(dw.max.x) - dw.min.x + 1, h = int64_t(dw.max.y) - dw.min.y + 1;
-        if (w < 1 || h < 1 || w > (1 << 24) || h > (1 << 24))
-            return IoError(KELVO_HERE, url, "Cannot read OpenEXR @: invalid size @ x @.", url, w, h);
+        KELVO_TRY(CheckPictureSize("OpenEXR", url, w, h));
         const Imf::ChannelList& list = file.header().channels();
         std::vector<std::string> names;
         if (list.findChannel("R") && list.findChannel("G") && list.findChannel("B"))

@@ -86,6 +86,7 @@ Result<StrongRef<ImageInterface>> ReadPng(const std::filesystem::path& path, con
     PngHeader h{};
     if (!ReadPngHeader(png, info, file, &h))
         return IoError(KELVO_HERE, url, "Cannot read PNG @: @", url, message.text);
+    KELVO_TRY(CheckPictureSize("PNG", url, h.width, h.height));
     if (h.channels == 2 || h.channels > 4 || (h.depth != 8 && h.depth != 16))
         return UnsupportedArgumentError(KELVO_HERE, "Unsupported PNG layout in @.", url);
     PixelFormat format{uint8_t(h.channels), h.depth == 16 ? CHANNELTYPE::UINT16 : CHANNELTYPE::UINT8};

@@ -42,7 +42,7 @@ struct TiffCloser {
     }
 };
 
-// The current directory as a layer, or an empty reference for a page that is skipped.
+// The current directory (page) as a layer.
 Result<StrongRef<ImageLayerInterface>> ReadDirectory(TIFF* tif, const std::string& url) {
     uint32_t w = 0, h = 0;
     uint16_t spp = 1, bps = 1, sampleFormat = SAMPLEFORMAT_UINT, planar = PLANARCONFIG_CONTIG,
@@ -54,8 +54,7 @@ Result<StrongRef<ImageLayerInterface>> ReadDirectory(TIFF* tif, const std::strin
     TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &sampleFormat);
     TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &planar);
     TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric);
-    if (w < 1 || h < 1 || w > (1u << 24) || h > (1u << 24))
-        return IoError(KELVO_HERE, url, "Cannot read TIFF @: invalid size @ x @.", url, w, h);
+    KELVO_TRY(CheckPictureSize("TIFF", url, w, h));
 
     CHANNELTYPE type = CHANNELTYPE::UINT8;
     bool direct = planar == PLANARCONFIG_CONTIG && !TIFFIsTiled(tif) && spp >= 1 && spp <= 4;

@@ -218,6 +218,28 @@ TEST_F(ImagesTest, ContentDecidesAndBadFilesFailCleanly) {
     EXPECT_FALSE(ExportImage(Url::FromFile((_dir / "no/such/dir/x.png").string()), *image).Ok());
 }
 
+// A PNG chunk with its CRC-32.
+std::string PngChunk(const std::string& type, const std::string& data) {
+    auto be = [](uint32_t v) {
+        return std::string{char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+    };
+    uint32_t crc = 0xffffffffu;
+    for (unsigned char c : type + data) {
+        crc ^= c;
+        for (int k = 0; k < 8; ++k) crc = crc & 1 ? (crc >> 1) ^ 0xedb88320u : crc >> 1;
+    }
+    return be(uint32_t(data.size())) + type + data + be(~crc);
+}
+
+TEST_F(ImagesTest, AHeaderThatLiesAboutItsSizeIsRefusedBeforeAllocating) {
+    std::string ihdr("\x00\x01\x86\xa0\x00\x01\x86\xa0\x08\x02\x00\x00\x00", 13);  // 100000 x 100000
+    std::ofstream(_dir / "huge.png", std::ios::binary)
+        << std::string("\x89PNG\r\n\x1a\n", 8) + PngChunk("IHDR", ihdr) + PngChunk("IDAT", "") +
+               PngChunk("IEND", "");
+    EXPECT_EQ(ImportImage(File("huge.png")).GetError().Message(),
+              "Cannot read PNG " + File("huge.png").ToString() + ": invalid size 100000 x 100000.");
+}
+
 TEST_F(ImagesTest, ImportFailsCleanlyWhenMemoryRunsOut) {
     std::vector<uint8_t> rgb(16 * 16 * 3, 90);
     ASSERT_TRUE(ExportImage(File("m.png"), *MakeImage(16, 16, kPixelRgb8, COLORPROFILE::SRGB, rgb)).Ok());

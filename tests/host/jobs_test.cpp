@@ -321,5 +321,37 @@ TEST_F(JobsTest, DeterministicModeRunsJobsInEnqueueOrderOnDemand) {
     host::SetDeterministicJobs(false);
 }
 
+// The preview scheduler's pattern: at the end of each iteration an observer enqueues the
+// task's next iteration, so tasks on one queue take turns.
+TEST_F(JobsTest, ObserversEnqueueNextIterationsRoundRobin) {
+    for (bool deterministic : {true, false}) {
+        host::SetDeterministicJobs(deterministic);
+        auto queue = *CreateJobQueue("Preview Image Queue", 1);
+        std::mutex logMutex;
+        std::string log;
+        std::function<void(char, int)> start = [&](char task, int iteration) {
+            auto job = MakeJob("PreviewImageTaskIteration", [&, task, iteration](JobInterface&) {
+                std::lock_guard lock(logMutex);
+                log += task;
+                log += char('0' + iteration);
+                return OK();
+            });
+            ASSERT_TRUE(job->AddObserver([&, task, iteration](JobInterface&) {
+                if (iteration < 2) start(task, iteration + 1);
+            }).Ok());
+            ASSERT_TRUE(queue->Enqueue(job).Ok());
+        };
+        start('A', 0);
+        start('B', 0);
+        queue->WaitAll();
+        std::lock_guard lock(logMutex);
+        if (deterministic) {
+            EXPECT_EQ(log, "A0B0A1B1A2B2");
+        }
+        EXPECT_EQ(log.size(), 12u);
+    }
+    host::SetDeterministicJobs(false);
+}
+
 }  // namespace
 }  // namespace kelvo
