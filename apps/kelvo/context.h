@@ -44,5 +44,6 @@ void AddImageCommand(CLI::App& app, Context& context, int& status);
 void AddCameraCommand(CLI::App& app, Context& context, int& status);
 
 void AddBsdfCommand(CLI::App& app, Context& context, int& status);
+void AddSelfTestCommand(CLI::App& app, Context& context, int& status);
 
 }  // namespace kelvo::cli

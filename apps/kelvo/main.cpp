@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
     AddCameraCommand(app, context, status);
 
     AddBsdfCommand(app, context, status);
+    AddSelfTestCommand(app, context, status);
 
     try {
         app.parse(argc, argv);
