@@ -155,6 +155,19 @@ struct Model {
         (void)d.Set(bsdfdata::kAnisotropy, 0.4);
         (void)d.Set(bsdfdata::kIorIn, 1.5);
         (void)d.Set(bsdfdata::kIorOut, 1.0);
+        (void)d.Set(bsdfdata::kBlurryExponent, 30.0);
+        (void)d.Set(bsdfdata::kBlurrySamplingExponent, 0.05);
+        if (table) {
+            (void)bsdfdata::SetTable(d, bsdfdata::kBlurryTable, Caches().GetCache(DISTRIBUTIONKIND_GGX));
+            (void)d.Set(bsdfdata::kBlurryDensityRow, int64_t(2000 * 120));
+            (void)d.Set(bsdfdata::kBlurrySamplingRow, int64_t(1000 * 120));
+        }
+        (void)d.Set(bsdfdata::kClothPattern, std::string("denim"));
+        (void)d.Set(bsdfdata::kTextureCoordinate, Vec2{0.31, 0.62});
+        (void)d.Set(bsdfdata::kWarpDiffuse, 0.2);
+        (void)d.Set(bsdfdata::kWarpSpecular, 1.0);
+        (void)d.Set(bsdfdata::kWeftDiffuse, 0.2);
+        (void)d.Set(bsdfdata::kWeftSpecular, 1.0);
         (void)bsdf->Init(d);
         Vec3 wo = Normalize(Vec3{0.3, 0.1, 0.8});
         for (const Record& r : records) {
@@ -190,12 +203,20 @@ void BM_SampleF(benchmark::State& state, const std::string& suffix, bool table) 
     }
 }
 
+// Every model, with the tables ("table") and without ("closed"); models that read no
+// table run the same code twice, as a check of the noise.
 void RegisterModels() {
-    for (const char* suffix : {"lambertbrdf", "orennayarbrdf"}) {
-        benchmark::RegisterBenchmark((std::string("ComputeBSDF/") + suffix).c_str(), BM_ComputeBSDF,
-                                     std::string(suffix), false);
-        benchmark::RegisterBenchmark((std::string("SampleF/") + suffix).c_str(), BM_SampleF,
-                                     std::string(suffix), false);
+    for (const char* suffix :
+         {"lambertbrdf", "orennayarbrdf", "irawanbrdf", "blurrysimplebrdf", "blurryspecularbrdf",
+          "beckmannbrdf", "beckmannbtdf", "ggxbrdf", "ggxbtdf", "phongbrdf", "phongbtdf", "wardbrdf",
+          "wardbtdf", "anisotropicbrdf", "anisotropicbtdf"}) {
+        for (bool table : {true, false}) {
+            std::string tail = std::string(suffix) + (table ? "/table" : "/closed");
+            benchmark::RegisterBenchmark(("ComputeBSDF/" + tail).c_str(), BM_ComputeBSDF,
+                                         std::string(suffix), table);
+            benchmark::RegisterBenchmark(("SampleF/" + tail).c_str(), BM_SampleF, std::string(suffix),
+                                         table);
+        }
     }
 }
 

@@ -2,9 +2,11 @@
 // request a line on stdin, one answer a line on stdout (see README).
 #include <iostream>
 #include <map>
+#include <memory>
 #include <variant>
 
 #include "context.h"
+#include "bsdf_plot.h"
 #include "json.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
@@ -34,11 +36,11 @@ Result<Distribution> MakeDistribution(const std::string& kind) {
 class BsdfSession {
 public:
     Result<std::string> Handle(const json& request);
+    Result<StrongRef<BSDFLegacyInterface>> Model(const json& request);
 
 private:
     Result<MicrofacetDistributionCachesInterface*> Caches();
     Result<DataDictionary> ReadRecord(const json& request);
-    Result<StrongRef<BSDFLegacyInterface>> Model(const json& request);
     Result<Distribution*> FindDistribution(const json& request, Distribution& temporary);
     Result<std::string> ModelOperation(const std::string& op, const json& request);
     Result<std::string> DistributionOperation(const std::string& op, const json& request);
@@ -323,13 +325,50 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
         "bsdf",
         "Evaluate the legacy BSDF models and microfacet distributions: one JSON request a line "
         "on stdin, one answer a line on stdout");
-    cmd->callback([&context, &status] {
+    auto* plot = cmd->add_subcommand(
+        "plot", "Write a PNG picture of a model's lobe: a polar plot of value x |cos| in the plane "
+                "of incidence and maps of the upper and lower hemisphere");
+    struct PlotOptions {
+        std::string model, data = "{}", out;
+        std::vector<double> wo{0.5, 0.0, 0.8660254037844386};
+        int size = 256;
+        bool caches = false;
+    };
+    auto options = std::make_shared<PlotOptions>();
+    plot->add_option("-m,--model", options->model, "Model: the class id suffix, e.g. ggxbrdf")
+        ->required();
+    plot->add_option("-d,--data", options->data,
+                     "BSDF data record as a JSON object, keys as for kelvo bsdf");
+    plot->add_option("--wo", options->wo, "View direction x y z (normalised)")->expected(3);
+    plot->add_flag("--caches", options->caches, "Use the distribution tables");
+    plot->add_option("--size", options->size, "Panel size in pixels (16..2048)");
+    plot->add_option("-o,--out", options->out, "PNG file to write (default <model>-lobe.png)");
+    cmd->callback([&context, &status, plot, options] {
         if (auto r = context.LoadModules(); !r) {
             status = Fail(r.GetError());
             return;
         }
         BsdfSession session;
-        RunJsonLines(std::cin, std::cout, [&](const json& request) { return session.Handle(request); });
+        if (!plot->parsed()) {
+            RunJsonLines(std::cin, std::cout, [&](const json& request) { return session.Handle(request); });
+            return;
+        }
+        Result<void> done = [&]() -> Result<void> {
+            json data = json::parse(options->data, nullptr, false);
+            if (data.is_discarded() || !data.is_object())
+                return IllegalArgumentError(KELVO_HERE, "--data must be a JSON object.");
+            if (options->size < 16 || options->size > 2048)
+                return IllegalArgumentError(KELVO_HERE, "--size must be 16..2048, not @.", options->size);
+            json request{{"model", options->model}, {"data", data}, {"caches", options->caches}};
+            KELVO_ASSIGN_OR_RETURN(auto model, session.Model(request));
+            Vec3 wo = Normalize(Vec3{options->wo[0], options->wo[1], options->wo[2]});
+            if (wo == Vec3{}) return IllegalArgumentError(KELVO_HERE, "--wo must not be the zero vector.");
+            std::string out = options->out.empty() ? options->model + "-lobe.png" : options->out;
+            KELVO_TRY(WritePicture(out, DrawLobe(*model, wo, options->size)));
+            std::cout << "kelvo bsdf plot: wrote " << out << '\n';
+            return OK();
+        }();
+        if (!done) status = Fail(done.GetError());
     });
 }
 

@@ -324,3 +324,36 @@ TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
 
 }  // namespace
 }  // namespace kelvo::cli
+
+namespace kelvo::cli {
+namespace {
+
+TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
+    fs::path png = fs::temp_directory_path() / ("kelvo_lobe_" + std::to_string(::getpid()) + ".png");
+    ToolRun run = Kelvo("bsdf plot -m ggxbtdf --data '{\"roughness\":0.4,\"iorin\":1.5}' --wo 0.3 0 1 "
+                        "--size 48 --caches -o " + png.string());
+    EXPECT_EQ(run.status, 0) << run.out;
+    std::ifstream in(png, std::ios::binary);
+    char head[8] = {};
+    in.read(head, 8);
+    EXPECT_EQ(std::string(head + 1, 3), "PNG");
+    fs::remove(png);
+    run = Kelvo("bsdf plot -m ggxbrdf --data '[1]'");
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "kelvo: Illegal argument: --data must be a JSON object.\n");
+    run = Kelvo("bsdf plot -m nosuchbrdf -o /dev/null");
+    EXPECT_EQ(run.out, "kelvo: Illegal argument: Class net.kelvo.render.bsdflegacyclass.nosuchbrdf not found.\n");
+}
+
+TEST(SelfTestCommandTest, RunsTheBsdfTestsAndAddsStatisticsOnRequest) {
+    ToolRun run = Kelvo("selftest");
+    EXPECT_EQ(run.status, 0) << run.out;
+    EXPECT_NE(run.out.find("PASS net.kelvo.unittest.bsdftest\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("PASS net.kelvo.speedtestclass.speedtestbsdftest (speed test)"), std::string::npos);
+    EXPECT_EQ(run.out.find("mean relative difference"), std::string::npos);
+    run = Kelvo("--set g_runUnitTestRenderStatistics=true selftest");
+    EXPECT_NE(run.out.find("mean relative difference"), std::string::npos) << run.out;
+}
+
+}  // namespace
+}  // namespace kelvo::cli

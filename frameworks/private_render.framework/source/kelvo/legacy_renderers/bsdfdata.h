@@ -24,6 +24,10 @@
 // | clothrepeat                       | Vec2    | cloth: tiles across [0, 1] of s and t      |
 // | warpdiffuse, warpspecular, weftdiffuse, weftspecular | double | cloth yarn weights  |
 //
+// The cloth model without a pattern returns the warp's diffuse weight alone; a repeat
+// component that is not positive counts as 1. Patterns: denim, shantung, charmeuse, twill,
+// gabardine, polyester (clothweavepattern.h).
+//
 // A table is the address of the first float of a distribution table
 // (MicrofacetDistributionCachesInterface::GetCache), stored as an int64; 0 means none.
 #pragma once
