@@ -144,8 +144,11 @@ public:
                 DensityCells cells = FindDensityCells(c);
                 float vi = LoadEntry(_table, _dOffset + cells.i);
                 float vj = LoadEntry(_table, _dOffset + cells.j);
-                if ((vi < -0.5f) | (vj < -0.5f)) [[unlikely]]
-                    FillDensityCells(cells, vi, vj);
+                if ((vi < -0.5f) | (vj < -0.5f)) [[unlikely]] {
+                    CellPair filled = FillDensityCells(cells.i, cells.j);
+                    vi = filled.vi;
+                    vj = filled.vj;
+                }
                 double d = Lerp(vi, vj, cells.t);
                 samplingDensity = d;
                 return d;
@@ -183,8 +186,11 @@ public:
                 int64_t j = ClampCell(i + 1);
                 int64_t base = kDistributionSamplingStart + _sOffset;
                 float vi = LoadEntry(_table, base + i), vj = LoadEntry(_table, base + j);
-                if ((vi < -0.5f) | (vj < -0.5f)) [[unlikely]]
-                    FillSamplingCells(base, i, j, vi, vj);
+                if ((vi < -0.5f) | (vj < -0.5f)) [[unlikely]] {
+                    CellPair filled = FillSamplingCells(base, i, j);
+                    vi = filled.vi;
+                    vj = filled.vj;
+                }
                 cosT = Lerp(vi, vj, f - double(i));
             } else {
                 cosT = SampleCos(u);
@@ -214,17 +220,19 @@ public:
     }
 
 private:
-    // The first use of a cell computes its entries; kept out of line so that the warm
-    // lookup stays small.
-    [[gnu::noinline]] void FillDensityCells(const DensityCells& cells, float& vi, float& vj) const {
+    // The first use of a cell computes its entries; kept out of line, with its results
+    // returned by value, so that the warm lookup stays small and in registers.
+    struct CellPair {
+        float vi, vj;
+    };
+    [[gnu::noinline]] CellPair FillDensityCells(int64_t i, int64_t j) const {
         double unused;
-        vi = CachedEntry(_table, _dOffset + cells.i, [&] { return ExactD(CellCosine(cells.i), unused); });
-        vj = CachedEntry(_table, _dOffset + cells.j, [&] { return ExactD(CellCosine(cells.j), unused); });
+        return {CachedEntry(_table, _dOffset + i, [&] { return ExactD(CellCosine(i), unused); }),
+                CachedEntry(_table, _dOffset + j, [&] { return ExactD(CellCosine(j), unused); })};
     }
-    [[gnu::noinline]] void FillSamplingCells(int64_t base, int64_t i, int64_t j, float& vi,
-                                             float& vj) const {
-        vi = CachedEntry(_table, base + i, [&] { return SampleCos(0.001 * double(i)); });
-        vj = CachedEntry(_table, base + j, [&] { return SampleCos(0.001 * double(j)); });
+    [[gnu::noinline]] CellPair FillSamplingCells(int64_t base, int64_t i, int64_t j) const {
+        return {CachedEntry(_table, base + i, [&] { return SampleCos(0.001 * double(i)); }),
+                CachedEntry(_table, base + j, [&] { return SampleCos(0.001 * double(j)); })};
     }
 
     double G1(const Vec3& v) const {
