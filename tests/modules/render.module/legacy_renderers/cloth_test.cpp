@@ -176,6 +176,38 @@ TEST(ClothModelTest, BuildingBlocks) {
     EXPECT_EQ(cloth::Normalisation(broken, 1, 1, 1000), 0.0);
 }
 
+// As umax shrinks, the staple average over the segment and both directions converges,
+// while a filament reflects only where |h.y / h.z| < tan(umax).
+TEST(ClothModelTest, FlatYarnLimits) {
+    auto average = [](const cloth::Yarn& y) {
+        Rng rng(5);
+        double sum = 0.0;
+        const int n = 100000;
+        for (int i = 0; i < n; ++i) {
+            double x = (rng.NextDouble() - 0.5) * y.width, yy = (rng.NextDouble() - 0.5) * y.length;
+            Vec3 wi = CosineDirection(rng), wo = CosineDirection(rng);
+            sum += cloth::Specular(y, kScattering, x, yy, wi, wo);
+        }
+        return sum / n;
+    };
+    const double degree = kPi / 180;
+    double a = average({-30 * degree, 0.5 * degree, 0, 1, 5});
+    double b = average({-30 * degree, 0.1 * degree, 0, 1, 5});
+    ASSERT_GT(a, 0.0);
+    EXPECT_NEAR(b / a, 1.0, 0.01);
+
+    const cloth::Yarn filament{0.0, 2 * degree, 0, 1, 5};
+    Rng rng(6);
+    for (int i = 0; i < 20000; ++i) {
+        Vec3 wi = CosineDirection(rng), wo = CosineDirection(rng);
+        Vec3 h = Normalize(wi + wo);
+        double s = cloth::Specular(filament, kScattering, (rng.NextDouble() - 0.5), (rng.NextDouble() - 0.5) * 5, wi, wo);
+        if (std::abs(h.y / h.z) >= std::tan(2 * degree)) {
+            ASSERT_EQ(s, 0.0);
+        }
+    }
+}
+
 // The double-cosine average of value is kd + ks (3 standard errors, another seed than
 // the normaliser's); with ks = 0 every value is kd.
 TEST(IrawanTest, EnergyAndSampling) {
