@@ -118,4 +118,16 @@ void SetDeterministicJobs(bool on);
 size_t RunPendingJobs(int64_t most = -1);
 size_t PendingJobs();
 
+// --- Self-tests ------------------------------------------------------------------------------
+struct SelfTestOutcome {
+    Id id;
+    bool speed;      // a speed test (net.kelvo.registry.speedtestclasses)
+    bool passed;
+    std::string report;  // the lines the test wrote
+    std::string error;   // why it failed
+};
+// Runs every class of net.kelvo.registry.unittestclasses, then every class of
+// net.kelvo.registry.speedtestclasses, in registration order.
+std::vector<SelfTestOutcome> RunSelfTests();
+
 }  // namespace kelvo::host

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <vector>
 
+#include "bsdf_plot.h"
 #include "context.h"
 #include "json.h"
 #include "kelvo/mediasession_output.h"
@@ -111,6 +112,10 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
                  "ramp.png, pictures.txt, cameras.json to "
               << folder.string()
               << '\n';
+
+    // The lobes of the fifteen legacy BSDF models.
+    KELVO_ASSIGN_OR_RETURN(std::vector<std::string> sheet, WriteBsdfSheet(folder));
+    std::cout << "kelvo demo: wrote " << sheet[0] << ", " << sheet[1] << " to " << folder.string() << '\n';
     return OK();
 }
 }  // namespace

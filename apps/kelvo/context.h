@@ -43,4 +43,7 @@ void AddDemoCommand(CLI::App& app, Context& context, int& status);
 void AddImageCommand(CLI::App& app, Context& context, int& status);
 void AddCameraCommand(CLI::App& app, Context& context, int& status);
 
+void AddBsdfCommand(CLI::App& app, Context& context, int& status);
+void AddSelfTestCommand(CLI::App& app, Context& context, int& status);
+
 }  // namespace kelvo::cli

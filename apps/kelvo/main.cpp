@@ -20,6 +20,9 @@ int main(int argc, char** argv) {
     AddImageCommand(app, context, status);
     AddCameraCommand(app, context, status);
 
+    AddBsdfCommand(app, context, status);
+    AddSelfTestCommand(app, context, status);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

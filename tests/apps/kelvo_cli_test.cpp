@@ -4,6 +4,9 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <vector>
+
+#include <unistd.h>
 #include <sstream>
 
 #include "host.h"
@@ -288,6 +291,68 @@ TEST_F(ImageCommandTest, InfoNamesFormatLayersAndProfile) {
     ToolRun bmp = Kelvo("image convert " + Path("g.png") + " " + Path("g.bmp"));
     EXPECT_EQ(bmp.status, 1);
     EXPECT_EQ(bmp.out, "kelvo: No file format writes file://" + Path("g.bmp") + ".\n");
+}
+
+TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
+    fs::path script = fs::temp_directory_path() / ("kelvo_bsdf_" + std::to_string(::getpid()));
+    std::ofstream(script) << R"({"op":"new","name":"d","distribution":"beckmann","data":{"roughness":0.5},"caches":true}
+{"op":"D","name":"d","h":[0,0.6,0.8]}
+{"op":"cache","kind":0,"index":401800,"count":1}
+{"op":"ComputeBSDF","model":"lambertbrdf","wo":[0,0,1],"wi":[0,0,-1]}
+{"op":"PdfIndirect","model":"lambertbrdf","wo":[0,0,1],"wi":[0,0,-1]}
+{"op":"cache","kind":4}
+{"op":"ComputeBSDF","model":"lambertbrdf","wo":[0,0,1]}
+)";
+    ToolRun run = Kelvo("bsdf < " + script.string());
+    fs::remove(script);
+    EXPECT_EQ(run.status, 0);
+    std::istringstream lines(run.out);
+    std::vector<std::string> answers;
+    for (std::string line; std::getline(lines, line);) answers.push_back(line);
+    ASSERT_EQ(answers.size(), 7u) << run.out;
+    EXPECT_EQ(answers[0], R"({"name":"d"})");
+    // c = 0.8 is coarse cell 800 of level 200: filled by the D request before it.
+    auto d = nlohmann::json::parse(answers[1]);
+    auto entry = nlohmann::json::parse(answers[2]);
+    EXPECT_GT(entry["values"][0].get<double>(), 0.0);
+    EXPECT_NEAR(d["D"].get<double>(), entry["values"][0].get<double>(), 1e-6);
+    EXPECT_EQ(answers[3], R"({"value":[0.0,0.0,0.0],"density":0.0})");
+    EXPECT_EQ(answers[4], R"({"density":0.31830988618379069})");
+    EXPECT_EQ(answers[5], R"({"error":"Illegal argument: Distribution kind 4 has no table."})");
+    EXPECT_EQ(answers[6], R"({"error":"Illegal argument: wi is missing."})");
+}
+
+}  // namespace
+}  // namespace kelvo::cli
+
+namespace kelvo::cli {
+namespace {
+
+TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
+    fs::path png = fs::temp_directory_path() / ("kelvo_lobe_" + std::to_string(::getpid()) + ".png");
+    ToolRun run = Kelvo("bsdf plot -m ggxbtdf --data '{\"roughness\":0.4,\"iorin\":1.5}' --wo 0.3 0 1 "
+                        "--size 48 --caches -o " + png.string());
+    EXPECT_EQ(run.status, 0) << run.out;
+    std::ifstream in(png, std::ios::binary);
+    char head[8] = {};
+    in.read(head, 8);
+    EXPECT_EQ(std::string(head + 1, 3), "PNG");
+    fs::remove(png);
+    run = Kelvo("bsdf plot -m ggxbrdf --data '[1]'");
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "kelvo: Illegal argument: --data must be a JSON object.\n");
+    run = Kelvo("bsdf plot -m nosuchbrdf -o /dev/null");
+    EXPECT_EQ(run.out, "kelvo: Illegal argument: Class net.kelvo.render.bsdflegacyclass.nosuchbrdf not found.\n");
+}
+
+TEST(SelfTestCommandTest, RunsTheBsdfTestsAndAddsStatisticsOnRequest) {
+    ToolRun run = Kelvo("selftest");
+    EXPECT_EQ(run.status, 0) << run.out;
+    EXPECT_NE(run.out.find("PASS net.kelvo.unittest.bsdftest\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("PASS net.kelvo.speedtestclass.speedtestbsdftest (speed test)"), std::string::npos);
+    EXPECT_EQ(run.out.find("mean relative difference"), std::string::npos);
+    run = Kelvo("--set g_runUnitTestRenderStatistics=true selftest");
+    EXPECT_NE(run.out.find("mean relative difference"), std::string::npos) << run.out;
 }
 
 }  // namespace

@@ -61,7 +61,7 @@ TEST(LoaderTest, LoadsBindsAndUnloadsTheRenderModule) {
     for (size_t i = 0; i < 11; ++i) EXPECT_EQ(info.dependencies[i], host::Frameworks()[i]);
 
     EXPECT_NE(FindDataType(Id("net.kelvo.render.ray")), nullptr);
-    EXPECT_EQ(RegistrySize("net.kelvo.registry.datatypes"), typesBefore + 8);
+    EXPECT_EQ(RegistrySize("net.kelvo.registry.datatypes"), typesBefore + 9);
     auto text = g_kelvo.host.ConfigGetString("g_polygonIntersection");
     ASSERT_TRUE(text.Ok());
     EXPECT_EQ(*text, "");

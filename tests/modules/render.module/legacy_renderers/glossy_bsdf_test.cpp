@@ -1,0 +1,257 @@
+#include <gtest/gtest.h>
+
+#include "bsdf_test_support.h"
+#include "host.h"
+#include "legacy_renderers/bsdf_selftest.h"
+#include "kelvo/selftest.h"
+#include "legacy_renderers/microfacet_distribution.h"
+
+namespace kelvo::legacy {
+namespace {
+using namespace kelvo::testing_support;
+
+DataDictionary Glossy(double roughness, const MicrofacetDistributionCachesInterface* caches = nullptr,
+                      double iorIn = 1.5, double iorOut = 1.0) {
+    DataDictionary d;
+    EXPECT_TRUE(d.Set(bsdfdata::kRoughness, roughness).Ok());
+    EXPECT_TRUE(d.Set(bsdfdata::kIorIn, iorIn).Ok());
+    EXPECT_TRUE(d.Set(bsdfdata::kIorOut, iorOut).Ok());
+    EXPECT_TRUE(bsdfdata::SetDistributionTables(d, caches).Ok());
+    return d;
+}
+
+StrongRef<BSDFLegacyInterface> Init(const std::string& suffix, const DataDictionary& d) {
+    auto m = MakeModel(suffix);
+    EXPECT_TRUE(m && m->Init(d).Ok());
+    return m;
+}
+
+const char* const kKinds[] = {"beckmann", "ggx", "phong", "ward", "anisotropic"};
+
+TEST(LegacyRegistryTest, HoldsExactlyTheFifteenModels) {
+    auto members = RegistryMembers(kBsdfLegacyClassesRegistry);
+    EXPECT_EQ(members.size(), 15u);
+    for (const EntryRecord* e : members) {
+        auto m = CreateClass<BSDFLegacyInterface>(e->GetId());
+        EXPECT_TRUE(m.Ok()) << e->GetId().Text();
+    }
+    EXPECT_EQ(RegistryMembers(kUnitTestClassesRegistry).size(), 1u);
+    EXPECT_EQ(RegistryMembers(kSpeedTestClassesRegistry).size(), 1u);
+}
+
+TEST(MicrofacetBsdfTest, ZeroSumsAndWrongSidesGiveNothing) {
+    for (const char* kind : kKinds) {
+        auto brdf = Init(std::string(kind) + "brdf", Glossy(0.4));
+        auto btdf = Init(std::string(kind) + "btdf", Glossy(0.4, nullptr, 2.0));
+        Vec3 wo = Normalize(Vec3{0.3, 0.2, 0.9});
+        double p = -1;
+        // wl = -wo: the half vector does not exist.
+        EXPECT_EQ(brdf->ComputeBSDF(wo, wo, -wo, p), (Col3{0, 0, 0})) << kind;
+        EXPECT_EQ(p, 0.0);
+        // wo + eta wl = 0 with eta = 2 for wo above (exact in floating point).
+        Vec3 wl = -wo / 2.0, wi{wo.x, wo.y, -wo.z};
+        EXPECT_EQ(btdf->ComputeBSDF(wo, wi, wl, p), (Col3{0, 0, 0})) << kind;
+        EXPECT_EQ(p, 0.0);
+        // Reflection needs both above, transmission one on each side.
+        EXPECT_EQ(brdf->ComputeBSDF(wo, wi, wi, p), (Col3{0, 0, 0}));
+        EXPECT_EQ(btdf->ComputeBSDF(wo, wo, wo, p), (Col3{0, 0, 0}));
+        // The transmission density is the reflection one: 0 for every transmitted pair.
+        EXPECT_EQ(btdf->PdfIndirect(wo, wi), 0.0) << kind;
+        EXPECT_GT(btdf->PdfIndirect(wo, Normalize(Vec3{-0.2, 0.1, 0.9})), 0.0) << kind;
+        EXPECT_EQ(brdf->ComputeMIPAngle(2.0) <= 1.0, std::string(kind) != "ward");
+        EXPECT_EQ(brdf->ComputeMIPAngle(0.01), 0.01);
+    }
+}
+
+TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
+    auto btdf = Init("ggxbtdf", Glossy(0.5));
+    GGXDistribution dist;
+    ASSERT_TRUE(dist.Update(Glossy(0.5)).Ok());
+    Vec3 wo = Normalize(Vec3{0.2, 0.1, 0.9}), wi = Normalize(Vec3{-0.1, 0.05, -0.9});
+    double p;
+    Col3 v = btdf->ComputeBSDF(wo, wi, wi, p);
+    ASSERT_LT(v.r, 0.0);
+    double eta = 1.5;
+    Vec3 h = Normalize(wo + eta * wi);
+    if (h.z < 0) h = -h;
+    double a = Dot(wo, h), b = Dot(wi, h), ph;
+    double d = dist.D(h, true, ph);
+    double factor = std::abs(eta * eta * b);  // no (a + eta b)^2 below it
+    double expected = kPi * d * dist.G(wo, -wi, h) * factor * std::abs(a) / (eta * eta) / (wo.z * wi.z);
+    EXPECT_NEAR(v.r, expected, 1e-12 * std::abs(expected));
+    EXPECT_NEAR(p, ph * factor, 1e-12 * ph * factor);
+
+    // Seen from below, Beckmann, GGX and Phong transmission vanish by the masking sign test.
+    for (const char* kind : {"beckmann", "ggx", "phong"}) {
+        auto m = Init(std::string(kind) + "btdf", Glossy(0.5));
+        Rng rng(4);
+        for (int n = 0; n < 200; ++n) {
+            Vec3 below = SphericalDirection(kPi / 2 + 1.4 * rng.NextDouble(), 6.28 * rng.NextDouble());
+            Vec3 above = SphericalDirection(1.4 * rng.NextDouble(), 6.28 * rng.NextDouble());
+            ASSERT_EQ(m->ComputeBSDF(below, above, above, p), (Col3{0, 0, 0})) << kind;
+        }
+    }
+}
+
+TEST(MicrofacetBsdfTest, SamplingBeyondTheCriticalAngleGivesNothing) {
+    // Leaving the denser medium (wo below, iorIn 1.5): grazing wo cannot refract.
+    auto btdf = Init("beckmannbtdf", Glossy(0.05));
+    Vec3 wo = Normalize(Vec3{0.95, 0.0, -0.2});
+    Rng rng(5);
+    for (int n = 0; n < 100; ++n) {
+        SampleRecord rec = MakeSample(rng);
+        Vec3 wi;
+        double p = -1;
+        EXPECT_EQ(btdf->SampleF(wo, rec.data(), wi, p), (Col3{0, 0, 0}));
+        EXPECT_EQ(p, 0.0);
+    }
+    // Entering it, the same view refracts.
+    Vec3 above{wo.x, wo.y, -wo.z};
+    int accepted = 0;
+    for (int n = 0; n < 100; ++n) {
+        SampleRecord rec = MakeSample(rng);
+        Vec3 wi;
+        double p;
+        btdf->SampleF(above, rec.data(), wi, p);
+        accepted += p > 0.0;
+    }
+    EXPECT_GT(accepted, 50);
+}
+
+TEST(MicrofacetBsdfTest, AnisotropicLobeTurnsWithTheRotation) {
+    DataDictionary d0 = Glossy(0.5), d1 = Glossy(0.5);
+    ASSERT_TRUE(d0.Set(bsdfdata::kAnisotropy, 0.6).Ok());
+    ASSERT_TRUE(d1.Set(bsdfdata::kAnisotropy, 0.6).Ok());
+    ASSERT_TRUE(d1.Set(bsdfdata::kRotation, kPi / 2).Ok());
+    auto m0 = Init("anisotropicbrdf", d0), m1 = Init("anisotropicbrdf", d1);
+    auto turn = [](const Vec3& w) { return Vec3{-w.y, w.x, w.z}; };  // by +90 degrees
+    Vec3 wo = Normalize(Vec3{0.4, 0.1, 0.8}), wi = Normalize(Vec3{-0.3, 0.2, 0.85});
+    double p0, p1;
+    Col3 a = m0->ComputeBSDF(wo, wi, wi, p0), b = m1->ComputeBSDF(turn(wo), turn(wi), turn(wi), p1);
+    EXPECT_NEAR(a.r, b.r, 1e-12);
+    EXPECT_NEAR(p0, p1, 1e-12);
+    // The u axis (the larger exponent's partner) lies along x without rotation.
+    Vec3 alongU = Normalize(Vec3{0.3, 0, 1}), alongV = Normalize(Vec3{0, 0.3, 1});
+    Vec3 n{0, 0, 1};
+    EXPECT_LT(m0->ComputeBSDF(n, alongV, alongV, p0).r, m0->ComputeBSDF(n, alongU, alongU, p0).r);
+}
+
+TEST(BlurrySpecularTest, OffSwitchSidesAndTheLegacyFactors) {
+    auto m = MakeModel("blurryspecularbrdf");
+    DataDictionary d;
+    ASSERT_TRUE(d.Set(bsdfdata::kBlurryExponent, 0.0).Ok());
+    ASSERT_TRUE(m->Init(d).Ok());
+    Vec3 wo = Normalize(Vec3{0.1, 0, 1}), wi = Normalize(Vec3{-0.1, 0, 1});
+    double p = -1;
+    EXPECT_EQ(m->ComputeBSDF(wo, wi, wi, p), (Col3{0, 0, 0}));
+    EXPECT_EQ(p, 0.0);
+    ASSERT_TRUE(d.Set(bsdfdata::kBlurryExponent, 20.0).Ok());
+    ASSERT_TRUE(m->Update(d).Ok());
+    Col3 v = m->ComputeBSDF(wo, wi, wi, p);
+    double c = Normalize(wo + wi).z;
+    double w = std::min(1.0, 10.0 * wi.z * wo.z);
+    EXPECT_NEAR(v.r, 100.0 * w * std::pow(c, 20.0) * kPi / wi.z, 1e-9);
+    EXPECT_NEAR(p, 100.0 * w * std::pow(c, 20.0), 1e-9);
+    // Both below the surface: refused although wo.z * wi.z > 0.
+    EXPECT_EQ(m->ComputeBSDF(-wo, -wi, -wi, p), (Col3{0, 0, 0}));
+    EXPECT_EQ(m->PdfIndirect(wo, -wi), 1.0);
+    EXPECT_EQ(m->ComputeMIPAngle(1.0), std::pow(0.5, 20.0));
+    // Curve mode: flat until the offset, then the curve.
+    ASSERT_TRUE(d.Set(bsdfdata::kCurveMode, true).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kCurveFactor, 1.0).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kCurvePower, 1.0).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kCurveExponent, 1.0).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kAngleScale, 1.0).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kAngleSlope, 2.0).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kAngleOffset, 0.5).Ok());
+    ASSERT_TRUE(m->Update(d).Ok());
+    EXPECT_NEAR(m->ComputeBSDF(wo, wi, wi, p).r, 100.0 * w * kPi / wi.z, 1e-9);
+    // Sampling: a Phong half-vector lobe, its value without the factor pi.
+    SampleRecord rec{};
+    rec[SAMPLERECORD_U1] = 0.5f;
+    rec[SAMPLERECORD_U2] = 0.25f;
+    Vec3 s;
+    Col3 sv = m->SampleF(Vec3{0, 0, 1}, rec.data(), s, p);
+    double cosT = std::pow(0.5, 1.0 / 21.0), dd = 22.0 / (2 * kPi) * std::pow(cosT, 20.0);
+    EXPECT_NEAR(p, dd / (4 * kPi * cosT), 1e-9);
+    EXPECT_NEAR(sv.r, dd / (4.0 * s.z) , 1e-9);  // G = 1 along the normal view
+}
+
+TEST(BlurrySimpleTest, TableAgreesAndIsNeverReadAboveTheCutOff) {
+    auto caches = MakeCaches();
+    float* table = caches->GetCache(DISTRIBUTIONKIND_GGX);
+    DataDictionary d;
+    ASSERT_TRUE(d.Set(bsdfdata::kBlurryExponent, 30.0).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kBlurrySamplingExponent, 0.05).Ok());
+    auto closed = MakeModel("blurrysimplebrdf");
+    ASSERT_TRUE(closed->Init(d).Ok());
+    ASSERT_TRUE(bsdfdata::SetTable(d, bsdfdata::kBlurryTable, table).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kBlurryDensityRow, int64_t(2000 * 7)).Ok());
+    ASSERT_TRUE(d.Set(bsdfdata::kBlurrySamplingRow, int64_t(1000 * 7)).Ok());
+    auto tab = MakeModel("blurrysimplebrdf");
+    ASSERT_TRUE(tab->Init(d).Ok());
+    Vec3 wo{0, 0, 1};
+    for (double c = 0.05; c < 0.9995; c += 0.0013) {
+        Vec3 wi{std::sqrt(1 - c * c), 0, c};
+        double pt, pc;
+        double vt = tab->ComputeBSDF(wo, wi, wi, pt).r, vc = closed->ComputeBSDF(wo, wi, wi, pc).r;
+        ASSERT_NEAR(vt, vc, 2e-3 * vc + 1e-9) << c;
+        EXPECT_NEAR(pt, pc, 2e-3 * pc + 1e-9);
+    }
+    // Poisoned fine cells change nothing above 0.999, and are read below it.
+    for (int i = 0; i < 1000; ++i) table[2000 * 7 + i] = 1e6f;
+    double p;
+    Vec3 top{std::sqrt(1 - 0.9995 * 0.9995), 0, 0.9995}, below{std::sqrt(1 - 0.995 * 0.995), 0, 0.995};
+    EXPECT_EQ(tab->ComputeBSDF(wo, top, top, p), closed->ComputeBSDF(wo, top, top, p));
+    EXPECT_GT(tab->ComputeBSDF(wo, below, below, p).r, 1e5);
+    // The sampled angle, with and without table.
+    SampleRecord rec{};
+    rec[SAMPLERECORD_U2] = 0.3456f;
+    EXPECT_NEAR(tab->ComputeAngle(rec.data()), closed->ComputeAngle(rec.data()), 1e-6);
+    EXPECT_NEAR(closed->ComputeAngle(rec.data()), std::pow(1.0 - 0.3456, 0.05), 1e-7);
+    EXPECT_EQ(closed->ComputeMIPAngle(0.99), std::min(std::pow(0.5, 0.05), 0.99));
+    Vec3 wi{1, 1, 1};
+    EXPECT_EQ(tab->SampleF(wo, rec.data(), wi, p), (Col3{0, 0, 0}));
+    EXPECT_EQ(wi, (Vec3{0, 0, 0}));
+    // Reset: n = 1, no table, s = 0.
+    tab->Reset();
+    EXPECT_NEAR(tab->PdfIndirect(wo, below), 2.0 / (2 * kPi) * 0.995 * 4.0 / kPi, 1e-12);
+    EXPECT_EQ(tab->ComputeMIPAngle(0.3), 0.3);
+}
+
+TEST(BsdfSelfTestTest, FailsWhenATableIsWrongAndReportsStatistics) {
+    auto caches = MakeCaches();
+    std::string report;
+    ASSERT_TRUE(RunBsdfSelfTest(*caches, false, report).Ok()) << report;
+    EXPECT_EQ(report.find("mean relative difference"), std::string::npos);
+    report.clear();
+    caches->Init();
+    ASSERT_TRUE(RunBsdfSelfTest(*caches, true, report).Ok());
+    EXPECT_NE(report.find("mean relative difference"), std::string::npos);
+
+    // A wrong value in the Ward table's fine cells of roughness 0.5 (level 200).
+    caches->Init();
+    float* ward = caches->GetCache(DISTRIBUTIONKIND_WARD);
+    for (int i = 0; i < 990; ++i) ward[200 * 2000 + i] = 3.0f;
+    report.clear();
+    Result<void> r = RunBsdfSelfTest(*caches, false, report);
+    ASSERT_FALSE(r.Ok());
+    EXPECT_EQ(r.GetError().Message().rfind("BlurryTorrance BSDF with cache: Ward distribution differs from "
+                                           "BlurryTorrance BSDF without cache: Ward distribution",
+                                           0),
+              0u)
+        << r.GetError().Message();
+    EXPECT_NE(report.find("Ward distribution: DIFFER"), std::string::npos);
+}
+
+TEST(BsdfSelfTestTest, HostRunnerRunsBothTests) {
+    auto outcomes = host::RunSelfTests();
+    ASSERT_EQ(outcomes.size(), 2u);
+    EXPECT_EQ(outcomes[0].id, Id("net.kelvo.unittest.bsdftest"));
+    EXPECT_TRUE(outcomes[0].passed) << outcomes[0].error;
+    EXPECT_TRUE(outcomes[1].speed);
+    EXPECT_NE(outcomes[1].report.find("ComputeBSDF"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kelvo::legacy
