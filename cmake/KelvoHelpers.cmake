@@ -24,6 +24,14 @@ function(kelvo_add_module name)
 endfunction()
 set(KELVO_EXPORT_MAP ${CMAKE_SOURCE_DIR}/cmake/module_exports.map)
 
+# The shared developer data (real IES files ...) lies beside the checkout; a git worktree
+# one folder further down finds it one level higher. Tests skip what is absent.
+if(EXISTS ${CMAKE_SOURCE_DIR}/../shared OR NOT EXISTS ${CMAKE_SOURCE_DIR}/../../shared)
+  set(KELVO_SHARED_DIR ${CMAKE_SOURCE_DIR}/../shared)
+else()
+  set(KELVO_SHARED_DIR ${CMAKE_SOURCE_DIR}/../../shared)
+endif()
+
 # A GoogleTest executable, registered with ctest. LABELS heavy marks statistical suites
 # that the sanitizer runs skip (they test numbers, not memory or threads).
 function(kelvo_add_test name)
@@ -32,7 +40,7 @@ function(kelvo_add_test name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} kelvo::flags GTest::gtest GTest::gmock)
   target_compile_definitions(${name} PRIVATE
     KELVO_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
-    KELVO_SHARED_DIR="${CMAKE_SOURCE_DIR}/../shared")
+    KELVO_SHARED_DIR="${KELVO_SHARED_DIR}")
   if(NOT ARG_LABELS)
     set(ARG_LABELS unit)
   endif()

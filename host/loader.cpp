@@ -27,6 +27,8 @@ void FillJobSlots(KelvoHostSlots&);
 void FillImageSlots(KelvoHostSlots&);
 void FillDescriptionSlots(KelvoHostSlots&);
 void RegisterHostFileFormats();
+void FillLexerSlots(KelvoHostSlots&);
+void FillRandomSlots(KelvoHostSlots&);
 void RegisterFrameworkRegistries();
 }  // namespace detail
 
@@ -100,6 +102,8 @@ void FillHostSlots(KelvoHostSlots& slots) {
     detail::FillJobSlots(slots);
     detail::FillImageSlots(slots);
     detail::FillDescriptionSlots(slots);
+    detail::FillLexerSlots(slots);
+    detail::FillRandomSlots(slots);
 }
 
 void Initialize() {

@@ -17,6 +17,7 @@
 #include "kelvo/id.h"
 #include "kelvo/imageslots.h"
 #include "kelvo/jobslots.h"
+#include "kelvo/platform_slots.h"
 
 namespace kelvo {
 template <typename T>
@@ -48,10 +49,10 @@ enum class DIAGLEVEL : uint8_t { INFO, WARNING, ERROR };
 
 // All slot lists, in record order. Later services append their own list here.
 #define KELVO_ALL_SLOTS(X) KELVO_CORE_SLOTS(X) KELVO_JOB_SLOTS(X) KELVO_IMAGE_SLOTS(X) \
-    KELVO_DESCRIPTION_SLOTS(X)
+    KELVO_DESCRIPTION_SLOTS(X) KELVO_PLATFORM_SLOTS(X)
 
 // Raised whenever the record's layout changes, so that a stale module is refused.
-#define KELVO_BINDING_VERSION 4u
+#define KELVO_BINDING_VERSION 5u
 
 struct KelvoModuleInfo {
     const char* id;                   // "net.kelvo.render"
