@@ -45,5 +45,6 @@ void AddCameraCommand(CLI::App& app, Context& context, int& status);
 
 void AddBsdfCommand(CLI::App& app, Context& context, int& status);
 void AddSelfTestCommand(CLI::App& app, Context& context, int& status);
+void AddIesCommand(CLI::App& app, Context& context, int& status);
 
 }  // namespace kelvo::cli

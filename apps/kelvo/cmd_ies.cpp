@@ -1,0 +1,263 @@
+// kelvo ies: inspect, evaluate and rewrite IES photometric profiles.
+#include <charconv>
+#include <cmath>
+#include <fstream>
+#include <iostream>
+
+#include "context.h"
+#include "json.h"
+#include "kelvo/ies.h"
+#include "kelvo/registry.h"
+
+namespace kelvo::cli {
+namespace {
+
+constexpr const char* kVersionNames[] = {"none", "IESNA91", "IESNA:LM-63-1995", "IESNA:LM-63-2002"};
+constexpr const char* kTiltNames[] = {"not seen", "NONE", "INCLUDE"};
+constexpr std::pair<IESPROPERTY, const char*> kTextProperties[] = {
+    {IESPROPERTY_MANUFAC, "[MANUFAC]"}, {IESPROPERTY_LUMCAT, "[LUMCAT]"},
+    {IESPROPERTY_LUMINAIRE, "[LUMINAIRE]"}, {IESPROPERTY_LAMPCAT, "[LAMPCAT]"},
+    {IESPROPERTY_LAMP, "[LAMP]"},
+};
+
+struct Loaded {
+    StrongRef<IesInterface> ies;
+    Result<void> parsed;
+};
+
+// Parses a file; the profile is returned after a failed parse too, with what it stored.
+Result<Loaded> LoadProfile(Context& context, const std::string& file) {
+    KELVO_TRY(context.LoadModules());
+    KELVO_ASSIGN_OR_RETURN(StrongRef<IesInterface> ies, CreateComponent<IesInterface>());
+    KELVO_ASSIGN_OR_RETURN(StrongRef<InputStream> stream, OpenInputStream(Url::FromFile(file)));
+    Result<void> parsed = ies->Init(stream);
+    return Loaded{ies, parsed};
+}
+
+void WriteProperties(JsonWriter& w, const DataDictionary& props) {
+    w.Object();
+    for (const auto& [key, value] : props) {
+        if (const int64_t* k = std::get_if<int64_t>(&key))
+            w.Key(std::to_string(*k));
+        else
+            w.Key(std::get<Id>(key).Text());
+        if (auto* i = value.Get<int64_t>()) w.Integer(*i);
+        else if (auto* d = value.Get<double>()) w.Number(*d);
+        else if (auto* s = value.Get<std::string>()) w.String(*s);
+        else if (auto* v = value.Get<Vec3>()) w.Vec(*v);
+        else w.Null();
+    }
+    w.End();
+}
+
+void WriteArray(JsonWriter& w, std::span<const double> values) {
+    w.Array();
+    for (double v : values) w.Number(v);
+    w.End();
+}
+
+std::string InfoJson(const IesInterface& ies, const Result<void>& parsed) {
+    JsonWriter w;
+    w.Object();
+    if (!parsed) w.Key("error").String(parsed.GetError().Message());
+    w.Key("properties");
+    WriteProperties(w, ies.GetProperties());
+    if (parsed) {
+        IesRawData raw = ies.GetRawAccess();
+        w.Key("_anglesVertical");
+        WriteArray(w, raw.anglesVertical);
+        w.Key("_anglesHorizontal");
+        WriteArray(w, raw.anglesHorizontal);
+        w.Key("_data");
+        WriteArray(w, raw.data);
+        w.Key("_dataMax").Number(raw.dataMax);
+        w.Key("_dataPower").Number(raw.dataPower);
+        w.Key("_checksum").Integer(raw.checksum);
+        w.Key("powerRatio").Number(ies.GetLightPowerRatio());
+    }
+    return w.End().Text();
+}
+
+// Shortest text that reads back to the same double, for people rather than programs.
+std::string Short(double v) {
+    char buf[32];
+    auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+    return std::string(buf, ec == std::errc() ? end : buf);
+}
+
+std::string Range(std::span<const double> a) {
+    if (a.empty()) return "0";
+    return std::to_string(a.size()) + " (" + Short(a.front()) + " .. " + Short(a.back()) + ")";
+}
+
+void PrintInfo(const std::string& file, const IesInterface& ies, std::ostream& out) {
+    const DataDictionary& props = ies.GetProperties();
+    IesRawData raw = ies.GetRawAccess();
+    int version = props.Get<int>(int64_t(IESPROPERTY_VERSION), 0);
+    int tilt = props.Get<int>(int64_t(IESPROPERTY_TILT), 0);
+    Vec3 dims = props.Get<Vec3>(int64_t(IESPROPERTY_DIMENSIONS));
+    char checksum[16];
+    std::snprintf(checksum, sizeof checksum, "%08x", raw.checksum);
+    out << "file: " << file << "\n"
+        << "version: " << version << " (" << kVersionNames[version >= 0 && version <= 3 ? version : 0] << ")\n"
+        << "tilt: " << (tilt >= 0 && tilt <= 2 ? kTiltNames[tilt] : "?") << "\n";
+    for (const auto& [id, keyword] : kTextProperties) {
+        std::string text = props.Get<std::string>(int64_t(id));
+        if (!text.empty()) out << keyword << text << "\n";
+    }
+    out << "shape: " << props.Get<int>(int64_t(IESPROPERTY_SHAPE), 0) << "\n"
+        << "dimensions (m): " << Short(dims.x) << " " << Short(dims.y) << " " << Short(dims.z) << "\n"
+        << "vertical angles: " << Range(raw.anglesVertical) << "\n"
+        << "horizontal angles: " << Range(raw.anglesHorizontal) << "\n"
+        << "max candela: " << Short(raw.dataMax) << "\n"
+        << "power ratio: " << Short(ies.GetLightPowerRatio()) << "\n"
+        << "checksum: " << checksum << "\n";
+}
+
+Vec3 FromAngles(double thetaDeg, double phiDeg) {
+    double t = thetaDeg * M_PI / 180.0, p = phiDeg * M_PI / 180.0;
+    return {std::sin(t) * std::sin(p), std::sin(t) * std::cos(p), -std::cos(t)};
+}
+
+Result<std::vector<double>> SplitNumbers(const std::string& text, size_t count, std::string_view what) {
+    std::vector<double> out;
+    std::stringstream s(text);
+    std::string part;
+    while (std::getline(s, part, ',')) {
+        char* end = nullptr;
+        double v = std::strtod(part.c_str(), &end);
+        if (part.empty() || *end != '\0') break;
+        out.push_back(v);
+    }
+    if (out.size() != count)
+        return IllegalArgumentError(KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.", what,
+                                    count, text);
+    return out;
+}
+
+// One request of `ies eval`: [x, y, z], {"direction": [x, y, z]} or {"theta": t, "phi": p}.
+Result<Vec3> ReadDirection(const nlohmann::json& request) {
+    if (request.is_array()) return ReadVec3(request, "direction");
+    if (request.is_object() && request.contains("direction")) return ReadVec3(request["direction"], "direction");
+    if (request.is_object() && request.contains("theta")) {
+        KELVO_ASSIGN_OR_RETURN(double theta, ReadNumber(request["theta"], "theta"));
+        KELVO_ASSIGN_OR_RETURN(double phi, ReadNumber(request.value("phi", nlohmann::json(0.0)), "phi"));
+        return FromAngles(theta, phi);
+    }
+    return IllegalArgumentError(KELVO_HERE, "A request is [x, y, z], {\"direction\": [x, y, z]} or {\"theta\": t, \"phi\": p}.");
+}
+
+std::string EvalJson(const IesInterface& ies, const Vec3& d) {
+    JsonWriter w;
+    w.Object().Key("direction").Vec(d).Key("intensity").Number(ies.ComputeLightIntensity(d)).End();
+    return w.Text();
+}
+
+struct EvalOptions {
+    std::string file;
+    std::vector<std::string> dirs, angles;
+    bool json = false;
+};
+
+Result<void> RunEval(Context& context, const EvalOptions& o, int& status) {
+    KELVO_ASSIGN_OR_RETURN(Loaded loaded, LoadProfile(context, o.file));
+    KELVO_TRY(loaded.parsed);
+    std::vector<Vec3> directions;
+    for (const std::string& d : o.dirs) {
+        KELVO_ASSIGN_OR_RETURN(auto v, SplitNumbers(d, 3, "--dir"));
+        directions.push_back({v[0], v[1], v[2]});
+    }
+    for (const std::string& a : o.angles) {
+        KELVO_ASSIGN_OR_RETURN(auto v, SplitNumbers(a, 2, "--angles"));
+        directions.push_back(FromAngles(v[0], v[1]));
+    }
+    if (directions.empty()) {
+        // JSON lines on stdin, one answer per request.
+        int failed = RunJsonLines(std::cin, std::cout, [&](const nlohmann::json& request) -> Result<std::string> {
+            KELVO_ASSIGN_OR_RETURN(Vec3 d, ReadDirection(request));
+            return EvalJson(*loaded.ies, d);
+        });
+        status = failed > 0 ? 1 : 0;
+        return OK();
+    }
+    for (const Vec3& d : directions) {
+        if (o.json)
+            std::cout << EvalJson(*loaded.ies, d) << '\n';
+        else
+            std::cout << JsonNumber(d.x) << ' ' << JsonNumber(d.y) << ' ' << JsonNumber(d.z) << "  "
+                      << JsonNumber(loaded.ies->ComputeLightIntensity(d)) << '\n';
+    }
+    return OK();
+}
+
+Result<void> RunConvert(Context& context, const std::string& file, const std::string& output) {
+    KELVO_ASSIGN_OR_RETURN(Loaded loaded, LoadProfile(context, file));
+    KELVO_TRY(loaded.parsed);
+    KELVO_ASSIGN_OR_RETURN(std::string text, loaded.ies->ConvertToText());
+    std::ofstream out(output, std::ios::binary);
+    out << text;
+    if (!out.flush()) return IoError(KELVO_HERE, output, "Cannot write '@'.", output);
+    std::cout << "kelvo ies convert: wrote " << output << '\n';
+    return OK();
+}
+
+}  // namespace
+
+void AddIesCommand(CLI::App& app, Context& context, int& status) {
+    auto* ies = app.add_subcommand("ies", "Inspect, evaluate and rewrite IES photometric profiles (LM-63)");
+    ies->require_subcommand(1);
+
+    auto* info = ies->add_subcommand(
+        "info", "Header properties, shape, dimensions in metres, angles, max candela, power ratio and "
+                "checksum of a profile");
+    auto infoFile = std::make_shared<std::string>();
+    auto infoJson = std::make_shared<bool>(false);
+    info->add_option("FILE", *infoFile, "The .ies file")->required();
+    info->add_flag("--json", *infoJson,
+                   "Write every member as JSON (properties by id, angles, scaled values, _dataMax, "
+                   "_dataPower, _checksum, powerRatio); after a failed parse, the error and the "
+                   "properties stored so far");
+    info->callback([&context, &status, infoFile, infoJson] {
+        auto loaded = LoadProfile(context, *infoFile);
+        if (!loaded) {
+            status = Fail(loaded.GetError());
+            return;
+        }
+        if (*infoJson) {
+            std::cout << InfoJson(*loaded->ies, loaded->parsed) << '\n';
+            status = loaded->parsed ? 0 : 1;
+        } else if (!loaded->parsed) {
+            status = Fail(loaded->parsed.GetError());
+        } else {
+            PrintInfo(*infoFile, *loaded->ies, std::cout);
+        }
+    });
+
+    auto* eval = ies->add_subcommand(
+        "eval", "Normalised intensity (0..1) in given directions of the light's frame (-z is the "
+                "nadir); without --dir or --angles, reads JSON lines on stdin: [x, y, z], "
+                "{\"direction\": [x, y, z]} or {\"theta\": degrees, \"phi\": degrees}");
+    auto evalOptions = std::make_shared<EvalOptions>();
+    eval->add_option("FILE", evalOptions->file, "The .ies file")->required();
+    eval->add_option("--dir", evalOptions->dirs, "A direction X,Y,Z (repeatable)")->type_name("X,Y,Z");
+    eval->add_option("--angles", evalOptions->angles,
+                     "A direction as THETA,PHI in degrees: THETA from the nadir, PHI from +y towards +x "
+                     "(repeatable)")
+        ->type_name("THETA,PHI");
+    eval->add_flag("--json", evalOptions->json, "Answer {\"direction\": [...], \"intensity\": v} per line");
+    eval->callback([&context, &status, evalOptions] {
+        if (auto r = RunEval(context, *evalOptions, status); !r) status = Fail(r.GetError());
+    });
+
+    auto* convert = ies->add_subcommand(
+        "convert", "Write the profile back as LM-63 text (multiplier 1, metres, scaled values)");
+    auto convertFile = std::make_shared<std::string>();
+    auto convertOut = std::make_shared<std::string>();
+    convert->add_option("FILE", *convertFile, "The .ies file")->required();
+    convert->add_option("-o,--out", *convertOut, "The file to write")->required();
+    convert->callback([&context, &status, convertFile, convertOut] {
+        if (auto r = RunConvert(context, *convertFile, *convertOut); !r) status = Fail(r.GetError());
+    });
+}
+
+}  // namespace kelvo::cli

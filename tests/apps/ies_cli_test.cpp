@@ -1,0 +1,105 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+namespace {
+namespace fs = std::filesystem;
+
+struct ToolRun {
+    int status;
+    std::string out;
+};
+
+ToolRun Kelvo(const std::string& args, const std::string& stdinText = "") {
+    fs::path in = fs::temp_directory_path() / ("kelvo_ies_stdin_" + std::to_string(::getpid()));
+    std::ofstream(in) << stdinText;
+    std::string cmd = "cd / && " + std::string(KELVO_TOOL) + " " + args + " < " + in.string() + " 2>&1";
+    FILE* p = popen(cmd.c_str(), "r");
+    std::string out;
+    char buf[4096];
+    while (size_t n = fread(buf, 1, sizeof buf, p)) out.append(buf, n);
+    int status = pclose(p);
+    fs::remove(in);
+    return {WEXITSTATUS(status), out};
+}
+
+std::string Data(const char* name) { return std::string(KELVO_SOURCE_DIR) + "/tests/data/ies/" + name; }
+
+TEST(KelvoIesTest, InfoShowsTheHeaderAndJsonEveryMember) {
+    ToolRun info = Kelvo("ies info " + Data("kelvo__upper_hemisphere.ies"));
+    ASSERT_EQ(info.status, 0) << info.out;
+    for (const char* line : {"version: 2 (IESNA:LM-63-1995)\n", "tilt: NONE\n",
+                             "[LUMINAIRE] uplight, vertical angles 90 to 180\n", "shape: 4\n",
+                             "dimensions (m): 0.1524 0.1524 0.3048\n", "vertical angles: 5 (90 .. 180)\n",
+                             "horizontal angles: 1 (0 .. 0)\n", "max candela: 200\n"})
+        EXPECT_NE(info.out.find(line), std::string::npos) << line << info.out;
+
+    ToolRun json = Kelvo("ies info --json " + Data("kelvo__ballast_factor.ies"));
+    ASSERT_EQ(json.status, 0) << json.out;
+    auto j = nlohmann::json::parse(json.out);
+    EXPECT_EQ(j["properties"]["1000"], 3);
+    EXPECT_EQ(j["properties"]["1008"], nlohmann::json::parse("[0.29999999999999999,0.20000000000000001,0.0]"));
+    EXPECT_EQ(j["_anglesVertical"].size(), 5u);
+    EXPECT_EQ(j["_data"][0], 850.0);
+    EXPECT_EQ(j["_dataMax"], 850.0);
+    EXPECT_TRUE(j["_checksum"].is_number_unsigned());
+    EXPECT_NEAR(j["powerRatio"].get<double>(), j["_dataPower"].get<double>() / (4 * M_PI), 1e-15);
+
+    // A failed parse: the error and what was stored up to it.
+    ToolRun failed = Kelvo("ies info --json " + Data("kelvo__tilt_file.ies"));
+    EXPECT_EQ(failed.status, 1);
+    auto f = nlohmann::json::parse(failed.out);
+    EXPECT_EQ(f["error"], "IES file error in line 3");
+    EXPECT_EQ(f["properties"]["1002"], " kelvo test data");
+    EXPECT_FALSE(f.contains("_data"));
+    ToolRun text = Kelvo("ies info " + Data("kelvo__no_tilt.ies"));
+    EXPECT_EQ(text.status, 1);
+    EXPECT_EQ(text.out, "kelvo: IES Header incomplete\n");
+    ToolRun missing = Kelvo("ies info /nonexistent.ies");
+    EXPECT_EQ(missing.out, "kelvo: Cannot open file:///nonexistent.ies.\n");
+}
+
+TEST(KelvoIesTest, EvalTakesDirectionsFromTheCommandLineOrJsonLines) {
+    std::string file = Data("kelvo__tilt_include_commas.ies");
+    ToolRun args = Kelvo("ies eval " + file + " --dir 0,0,-1 --angles 90,45 --json");
+    ASSERT_EQ(args.status, 0) << args.out;
+    std::istringstream lines(args.out);
+    std::string first, second;
+    std::getline(lines, first);
+    std::getline(lines, second);
+    // At the nadir x = y = 0, which is φ = 90: the plane at 90 holds the maximum.
+    EXPECT_NEAR(nlohmann::json::parse(first)["intensity"].get<double>(), 1.0, 1e-3);
+    EXPECT_NEAR(nlohmann::json::parse(second)["intensity"].get<double>(), 0.0, 1e-9);
+
+    ToolRun piped = Kelvo("ies eval " + file, "[0,0,-1]\n{\"theta\": 0}\nnot json\n{\"direction\": [1]}\n");
+    EXPECT_EQ(piped.status, 1);
+    std::istringstream answers(piped.out);
+    std::vector<nlohmann::json> a;
+    for (std::string l; std::getline(answers, l);) a.push_back(nlohmann::json::parse(l));
+    ASSERT_EQ(a.size(), 4u) << piped.out;
+    EXPECT_EQ(a[0]["intensity"], a[1]["intensity"]);
+    EXPECT_EQ(a[2]["error"], "Illegal argument: The line is not valid JSON.");
+    EXPECT_TRUE(a[3].contains("error"));
+
+    ToolRun bad = Kelvo("ies eval " + file + " --dir 1,2");
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_EQ(bad.out, "kelvo: Illegal argument: --dir expects 3 numbers separated by commas, not '1,2'.\n");
+}
+
+TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {
+    fs::path out = fs::temp_directory_path() / ("kelvo_ies_convert_" + std::to_string(::getpid()) + ".ies");
+    std::string file = Data("kelvo__ballast_factor.ies");
+    ToolRun convert = Kelvo("ies convert " + file + " -o " + out.string());
+    ASSERT_EQ(convert.status, 0) << convert.out;
+    auto before = nlohmann::json::parse(Kelvo("ies info --json " + file).out);
+    auto after = nlohmann::json::parse(Kelvo("ies info --json " + out.string()).out);
+    for (const char* key : {"_anglesVertical", "_anglesHorizontal", "_data", "_dataMax", "_dataPower"})
+        EXPECT_EQ(before[key], after[key]) << key;
+    fs::remove(out);
+}
+
+}  // namespace
