@@ -31,7 +31,8 @@ case "$preset" in
   tsan)    dir=build-tsan; args=(-DCMAKE_BUILD_TYPE=Tsan -DKELVO_BUILD_BENCHMARKS=OFF) ;;
   clang)   dir=build-clang; args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++) ;;
   fuzz)    dir=build-fuzz; args=(-DCMAKE_BUILD_TYPE=Asan -DCMAKE_CXX_COMPILER=clang++
-                                 -DKELVO_BUILD_FUZZERS=ON -DKELVO_BUILD_BENCHMARKS=OFF) ;;
+                                 -DKELVO_BUILD_FUZZERS=ON -DKELVO_BUILD_BENCHMARKS=OFF
+                                 -DKELVO_BUILD_TESTS=OFF) ;;
   *) echo "setup: unknown build '$preset'" >&2; exit 2 ;;
 esac
 export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"

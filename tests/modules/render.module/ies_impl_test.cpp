@@ -384,3 +384,37 @@ TEST(IesObjectTest, OutOfMemoryAtEveryAllocationLeavesNoLeak) {
 
 }  // namespace
 }  // namespace kelvo
+
+namespace kelvo {
+namespace {
+
+TEST(IesEvalTest, BracketIndexFindsWhatAScanFinds) {
+    // Irregular steps, repeated angles, keys on and between angles and outside the range,
+    // with and without an offset (the horizontal search works on angles less the first).
+    Random random(17);
+    for (int round = 0; round < 200; ++round) {
+        size_t n = 2 + random.Next64() % 40;
+        std::vector<double> a(n);
+        double at = random.Get01() * 100 - 50;
+        for (double& v : a) {
+            v = at;
+            uint64_t r = random.Next64() % 4;
+            at += r == 0 ? 0.0 : r == 1 ? 0.5 : r == 2 ? 2.5 : 30 * random.Get01();
+        }
+        double offset = round % 2 ? a[0] : 0.0;
+        detail::BracketIndex index;
+        ASSERT_TRUE(index.Build(a, offset).Ok());
+        auto scan = [&](double key) {
+            size_t j = 1;
+            while (j < n && !(a[j] - offset > key)) ++j;
+            return j;
+        };
+        for (int k = 0; k < 100; ++k) {
+            double key = k % 3 == 0 ? a[random.Next64() % n] - offset : (random.Get01() * 1.4 - 0.2) * (a[n - 1] - a[0]) + a[0] - offset;
+            ASSERT_EQ(index.Find(a.data(), n, offset, key), scan(key)) << round << " " << key;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kelvo

@@ -166,14 +166,19 @@ void IesImpl::Reset() {
     _dataMax = 0.0;
     _dataPower = kFourPi;
     _checksum = 0;
-    UpdateSearchCaches();
+    _verticalIndex = {};
+    _horizontalIndex = {};
 }
 
 Result<void> IesImpl::Init(const StrongRef<InputStream>& input) {
-    return CatchOutOfMemory([&] { return Parse(input); });
+    return CatchOutOfMemory([&] { return Parse(input, true); });
 }
 
-Result<void> IesImpl::Parse(const StrongRef<InputStream>& input) {
+Result<void> IesImpl::ParseOnly(const StrongRef<InputStream>& input) {
+    return CatchOutOfMemory([&] { return Parse(input, false); });
+}
+
+Result<void> IesImpl::Parse(const StrongRef<InputStream>& input, bool derive) {
     Reset();
     KELVO_TRY(_properties.Set(int64_t(IESPROPERTY_VERSION), 0));
     KELVO_TRY(_properties.Set(int64_t(IESPROPERTY_TILT), 0));
@@ -254,6 +259,7 @@ Result<void> IesImpl::Parse(const StrongRef<InputStream>& input) {
         value = multiplier * ballast * ballastLamp * candela;
         _dataMax = std::max(_dataMax, value);
     }
+    if (!derive) return _properties.Set(int64_t(IESPROPERTY_MAXCANDELA), _dataMax);
     return UpdateDerived(false);
 }
 
@@ -263,16 +269,64 @@ Result<void> IesImpl::UpdateDerived(bool recomputeMax) {
         for (double v : _data) _dataMax = std::max(_dataMax, v);
     }
     KELVO_TRY(_properties.Set(int64_t(IESPROPERTY_MAXCANDELA), _dataMax));
-    UpdateSearchCaches();
+    KELVO_TRY(UpdateSearchCaches());
     _dataPower = ComputePower();
     _checksum = ComputeChecksum();
     return OK();
 }
 
-void IesImpl::UpdateSearchCaches() {
-    _verticalAscending = Ascending(_anglesVertical);
-    _horizontalAscending = Ascending(_anglesHorizontal);
+Result<void> IesImpl::UpdateSearchCaches() {
+    KELVO_TRY(_verticalIndex.Build(_anglesVertical, 0.0));
+    return _horizontalIndex.Build(_anglesHorizontal, _anglesHorizontal.empty() ? 0.0 : _anglesHorizontal[0]);
 }
+
+namespace detail {
+
+Result<void> BracketIndex::Build(std::span<const double> a, double offset) {
+    return CatchOutOfMemory([&]() -> Result<void> {
+        const size_t n = a.size();
+        _start.clear();
+        _ascending = Ascending(a);
+        if (!_ascending || n < 2) return OK();
+        _origin = a[0] - offset;
+        const double range = (a[n - 1] - offset) - _origin;
+        if (!(range > 0.0) || !std::isfinite(range)) return OK();
+        // Four buckets per angle: with near-even steps a bucket start is at most one step
+        // away from the answer.
+        const size_t buckets = std::min<size_t>(4 * n, 4096);
+        _scale = static_cast<double>(buckets) / range;
+        _start.resize(buckets);
+        size_t j = 1;
+        for (size_t k = 0; k < buckets; ++k) {
+            const double key = _origin + static_cast<double>(k) / _scale;
+            while (j < n && !(a[j] - offset > key)) ++j;
+            _start[k] = static_cast<uint16_t>(j);
+        }
+        return OK();
+    });
+}
+
+size_t BracketIndex::Find(const double* a, size_t n, double offset, double key) const {
+    size_t j = 1;
+    if (!_ascending) {
+        while (j < n && !(a[j] - offset > key)) ++j;
+        return j;
+    }
+    if (_start.empty()) {
+        return static_cast<size_t>(
+            std::upper_bound(a + 1, a + n, key, [offset](double k, double v) { return k < v - offset; }) - a);
+    }
+    const double f = (key - _origin) * _scale;
+    const double last = static_cast<double>(_start.size() - 1);
+    j = _start[f > 0.0 ? static_cast<size_t>(f < last ? f : last) : 0];
+    // The bucket's start may lie a little off when rounding moved the key across a
+    // bucket edge: walk to the exact answer either way.
+    while (j < n && !(a[j] - offset > key)) ++j;
+    while (j > 1 && a[j - 1] - offset > key) --j;
+    return j;
+}
+
+}  // namespace detail
 
 double IesImpl::ComputeLightIntensity(const Vec3& d) const {
     const size_t nV = _anglesVertical.size(), nH = _anglesHorizontal.size();
@@ -280,28 +334,16 @@ double IesImpl::ComputeLightIntensity(const Vec3& d) const {
     const double* av = _anglesVertical.data();
     const double* ah = _anglesHorizontal.data();
 
-    // Angles of the direction: θ from the nadir (-z), φ from +y towards +x. The factor
-    // keeps acos away from its singular ends.
+    // Vertical angle θ from the nadir (-z); the factor keeps acos away from its
+    // singular ends.
     const double q = -d.z * 0.999999;
     const double theta = q >= 1.0 ? 0.0 : q <= -1.0 ? 180.0 : std::acos(q) * kRadToDeg;
-    double phi;
-    if (d.y == 0.0) {
-        phi = d.x >= 0.0 ? 90.0 : 270.0;
-    } else {
-        phi = std::atan2(d.x, d.y) * kRadToDeg;
-        if (phi < 0.0) phi += 360.0;
-    }
     if (theta < av[0] || theta > av[nV - 1]) return 0.0;
 
     // Vertical bracket: the first index whose successor exceeds θ.
     size_t i0 = 0, i1 = 0;
     if (nV > 1) {
-        size_t j = 1;
-        if (_verticalAscending) {
-            j = static_cast<size_t>(std::upper_bound(av + 1, av + nV, theta) - av);
-        } else {
-            while (j < nV && !(av[j] > theta)) ++j;
-        }
+        size_t j = _verticalIndex.Find(av, nV, 0.0, theta);
         if (j == nV) j = nV - 1;
         i0 = j - 1;
         i1 = j;
@@ -311,9 +353,19 @@ double IesImpl::ComputeLightIntensity(const Vec3& d) const {
     const size_t im = i0 > 0 ? i0 - 1 : 0;
     const size_t ip = std::min(i1 + 1, nV - 1);
 
-    // Horizontal symmetry folds φ into the range the file covers.
+    // Horizontal angle φ from +y towards +x, folded by the symmetry of the range the file
+    // covers. A single plane needs no φ at all.
     const double a0 = ah[0];
     const double range = ah[nH - 1] - a0;
+    double phi = 0.0;
+    if (!(range < 45.0)) {
+        if (d.y == 0.0) {
+            phi = d.x >= 0.0 ? 90.0 : 270.0;
+        } else {
+            phi = std::atan2(d.x, d.y) * kRadToDeg;
+            if (phi < 0.0) phi += 360.0;
+        }
+    }
     double phiF;
     if (range < 45.0) {
         phiF = 0.0;  // one plane: rotationally symmetric
@@ -327,14 +379,7 @@ double IesImpl::ComputeLightIntensity(const Vec3& d) const {
     }
     size_t h0 = 0, h1 = 0;
     if (nH > 1) {
-        size_t j = 1;
-        if (_horizontalAscending) {
-            j = static_cast<size_t>(std::upper_bound(ah + 1, ah + nH, phiF,
-                                                     [a0](double key, double a) { return key < a - a0; }) -
-                                    ah);
-        } else {
-            while (j < nH && !(ah[j] - a0 > phiF)) ++j;
-        }
+        size_t j = _horizontalIndex.Find(ah, nH, a0, phiF);
         if (j == nH) j = nH - 1;
         h0 = j - 1;
         h1 = j;

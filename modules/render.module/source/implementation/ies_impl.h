@@ -11,6 +11,23 @@
 
 namespace kelvo {
 
+namespace detail {
+// Finds the first index j >= 1 whose angle, less `offset`, exceeds a key (n when none),
+// the same index a scan from the start gives, in about constant time: a table of bucket
+// starts leaves a step or two to walk. Angles that do not ascend are scanned.
+class BracketIndex {
+public:
+    Result<void> Build(std::span<const double> angles, double offset);
+    size_t Find(const double* angles, size_t n, double offset, double key) const;
+
+private:
+    std::vector<uint16_t, Allocator<uint16_t>> _start;
+    double _origin = 0.0;
+    double _scale = 0.0;
+    bool _ascending = true;
+};
+}  // namespace detail
+
 class IesImpl final : public Implements<IesInterface> {
 public:
     using DoubleArray = std::vector<double, Allocator<double>>;
@@ -34,13 +51,16 @@ public:
 
     // The checksum of the current members, computed afresh.
     uint32_t ComputeChecksum() const;
+    // Init without the power estimate and the checksum (left as for an empty profile), so
+    // that benchmarks can weigh the parse alone.
+    Result<void> ParseOnly(const StrongRef<InputStream>& input);
 
 private:
-    Result<void> Parse(const StrongRef<InputStream>& input);
+    Result<void> Parse(const StrongRef<InputStream>& input, bool derive);
     void Reset();
     // _dataMax from _data, then the power estimate, the checksum and the search caches.
     Result<void> UpdateDerived(bool recomputeMax);
-    void UpdateSearchCaches();
+    Result<void> UpdateSearchCaches();
     double ComputePower() const;
 
     DataDictionary _properties;
@@ -51,10 +71,9 @@ private:
     double _dataPower = kFourPi;
     uint32_t _checksum = 0;
 
-    // Not members of the profile: whether each angle array ascends, so that the bracket
-    // searches may bisect and still find the bracket a scan would.
-    bool _verticalAscending = true;
-    bool _horizontalAscending = true;
+    // Not members of the profile: search aids rebuilt whenever the angles change.
+    detail::BracketIndex _verticalIndex;
+    detail::BracketIndex _horizontalIndex;
 };
 
 }  // namespace kelvo

@@ -1,0 +1,136 @@
+// IES profiles: what Init costs beside the parse alone (largest and a typical real file),
+// ComputeLightIntensity per call on random unit directions, and the CRC-32C checksum with
+// the processor instruction beside the byte table.
+#include <benchmark/benchmark.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "host.h"
+#include "implementation/ies_crc32c.h"
+#include "implementation/ies_impl.h"
+#include "kelvo/memorystream.h"
+#include "kelvo/random.h"
+
+namespace {
+namespace fs = std::filesystem;
+using namespace kelvo;
+
+struct File {
+    const char* label;
+    fs::path path;
+};
+
+// The largest and the 0-360 files come from the shared corpus (their licences keep them
+// out of the repository); the typical one is a copy kept in tests/data.
+const File kLargest{"largest_263x361", fs::path(KELVO_SHARED_DIR) / "data/ies/eulumdat__Preliminar_Interlab_IPT_fotometria_1.ies"};
+const File kFull{"full360_181x73", fs::path(KELVO_SHARED_DIR) / "data/ies/eulumdat__ITALO_1_5P5_S05_3.140-3M.IES"};
+const File kTypical{"typical_73x37", fs::path(KELVO_SOURCE_DIR) / "tests/data/ies/arnold__profile.ies"};
+const File kSmallFull{"full360_37x17", fs::path(KELVO_SOURCE_DIR) / "tests/data/ies/guv__ushio_b1.ies"};
+
+std::string Read(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+template <typename Step>
+void RunOnFile(benchmark::State& state, const File& file, Step step) {
+    if (!fs::exists(file.path)) {
+        state.SkipWithError("file absent");
+        return;
+    }
+    std::string bytes = Read(file.path);
+    IesImpl ies;
+    for (auto _ : state) {
+        state.PauseTiming();
+        StrongRef<InputStream> stream = *MemoryInputStream::Make(bytes);
+        state.ResumeTiming();
+        if (!step(ies, stream)) state.SkipWithError("parse failed");
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes.size()));
+}
+
+void BM_IesInit(benchmark::State& state, const File* file) {
+    RunOnFile(state, *file, [](IesImpl& ies, const StrongRef<InputStream>& s) { return ies.Init(s).Ok(); });
+}
+void BM_IesParseOnly(benchmark::State& state, const File* file) {
+    RunOnFile(state, *file, [](IesImpl& ies, const StrongRef<InputStream>& s) { return ies.ParseOnly(s).Ok(); });
+}
+
+void BM_IesIntensity(benchmark::State& state, const File* file) {
+    if (!fs::exists(file->path)) {
+        state.SkipWithError("file absent");
+        return;
+    }
+    IesImpl ies;
+    if (!ies.Init(*MemoryInputStream::Make(Read(file->path)))) {
+        state.SkipWithError("parse failed");
+        return;
+    }
+    // Random unit directions, drawn once: the loop measures the evaluation only.
+    Random random(5);
+    std::vector<Vec3> directions(4096);
+    for (Vec3& d : directions) {
+        do {
+            d = {random.Get01() * 2 - 1, random.Get01() * 2 - 1, random.Get01() * 2 - 1};
+        } while (SquaredLength(d) > 1.0 || SquaredLength(d) == 0.0);
+        d = Normalize(d);
+    }
+    size_t i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(ies.ComputeLightIntensity(directions[i]));
+        i = (i + 1) & 4095;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+std::vector<unsigned char> ChecksumInput() {
+    Random random(9);
+    std::vector<unsigned char> bytes(1 << 20);
+    for (auto& b : bytes) b = static_cast<unsigned char>(random.Next64());
+    return bytes;
+}
+
+void BM_Crc32cHardware(benchmark::State& state) {
+    if (!detail::Crc32cHardwareAvailable()) {
+        state.SkipWithError("no CRC32 instruction");
+        return;
+    }
+    auto bytes = ChecksumInput();
+    for (auto _ : state) benchmark::DoNotOptimize(detail::Crc32cUpdateHardware(~0u, bytes.data(), bytes.size()));
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes.size()));
+}
+void BM_Crc32cTable(benchmark::State& state) {
+    auto bytes = ChecksumInput();
+    for (auto _ : state) benchmark::DoNotOptimize(detail::Crc32cUpdateTable(~0u, bytes.data(), bytes.size()));
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes.size()));
+}
+
+BENCHMARK_CAPTURE(BM_IesInit, largest, &kLargest)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_IesParseOnly, largest, &kLargest)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_IesInit, typical, &kTypical)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_IesParseOnly, typical, &kTypical)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_IesIntensity, full360_181x73, &kFull);
+BENCHMARK_CAPTURE(BM_IesIntensity, full360_37x17, &kSmallFull);
+BENCHMARK_CAPTURE(BM_IesIntensity, half_73x37, &kTypical);
+BENCHMARK(BM_Crc32cHardware);
+BENCHMARK(BM_Crc32cTable);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    auto module = kelvo::host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
+    if (!module) {
+        std::fprintf(stderr, "cannot attach the render module: %s\n", module.GetError().ToString().c_str());
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
