@@ -19,7 +19,10 @@ function(kelvo_add_module name)
     PREFIX "" OUTPUT_NAME ${ARG_OUTPUT_NAME}
     LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/modules/${ARG_FOLDER}
     LINK_DEPENDS ${KELVO_EXPORT_MAP})
-  target_link_options(${name} PRIVATE -Wl,--version-script=${KELVO_EXPORT_MAP} -Wl,--no-undefined)
+  # clang's sanitizer runtimes live in the executable, so a sanitized module has undefined
+  # symbols by design there.
+  target_link_options(${name} PRIVATE -Wl,--version-script=${KELVO_EXPORT_MAP}
+    $<$<NOT:$<AND:$<CXX_COMPILER_ID:Clang>,$<CONFIG:Asan,Tsan>>>:-Wl,--no-undefined>)
   install(TARGETS ${name} LIBRARY DESTINATION lib/kelvo/modules/${ARG_FOLDER})
 endfunction()
 set(KELVO_EXPORT_MAP ${CMAKE_SOURCE_DIR}/cmake/module_exports.map)
