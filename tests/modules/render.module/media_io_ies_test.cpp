@@ -25,3 +25,182 @@ TEST(IesDetectTest, ContentWithinTheFirst1024Bytes) {
 
 }  // namespace
 }  // namespace kelvo
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <set>
+
+#include "ies_test_util.h"
+#include "kelvo/jobs.h"
+#include "kelvo/mediasession_output.h"
+
+namespace kelvo {
+namespace {
+namespace fs = std::filesystem;
+using namespace testing_ies;
+
+class IesImportTest : public testing::Test {
+protected:
+    void SetUp() override {
+        folder = fs::temp_directory_path() / ("kelvo_iesimport_" + std::to_string(::getpid()) + "_" +
+                                              testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::create_directories(folder);
+    }
+    void TearDown() override { fs::remove_all(folder); }
+    Url Write(const std::string& name, const std::string& bytes) {
+        std::ofstream(folder / name, std::ios::binary) << bytes;
+        return Url::FromFile((folder / name).string());
+    }
+    static std::string Data(const char* name) {
+        return ReadFile(fs::path(KELVO_SOURCE_DIR) / "tests/data/ies" / name);
+    }
+    fs::path folder;
+};
+
+TEST_F(IesImportTest, DetectionBySuffixAndFirstBytes) {
+    const std::string ies = Data("kelvo__ballast_factor.ies");
+    auto detect = [](const Url& url) {
+        auto r = DetectFileFormat(url);
+        EXPECT_TRUE(r.Ok()) << r.GetError().Message();
+        return r.Ok() ? std::string(r->Text()) : std::string("error");
+    };
+    EXPECT_EQ(detect(Write("a.ies", ies)), "net.kelvo.fileformat.imageies");
+    EXPECT_EQ(detect(Write("B.IES", ies)), "net.kelvo.fileformat.imageies");  // case ignored
+    EXPECT_EQ(detect(Write("a.txt", ies)), "");
+    EXPECT_EQ(detect(Write("old.ies", "free text\nTILT=NONE\n")), "net.kelvo.fileformat.imageies");
+    EXPECT_EQ(detect(Write("late.ies", std::string(1024, ' ') + "TILT=NONE\n")), "");
+    // A picture named .ies is not ours (the host's PNG format takes it by content).
+    Url picture = Write("picture.ies", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16));
+    auto format = CreateClass<FileFormatInterface>(Id("net.kelvo.fileformat.imageies"));
+    ASSERT_TRUE(format.Ok());
+    EXPECT_FALSE(*(*format)->Detect(picture));
+    EXPECT_NE(detect(picture), "net.kelvo.fileformat.imageies");
+    EXPECT_EQ((*format)->GetName(), "IES");
+    EXPECT_TRUE((*format)->MatchesSuffix(*Url::FromText("file:///x/LAMP.Ies")));
+    EXPECT_EQ(detect(Write("empty.ies", "")), "");
+    // A read failure is the detection's error.
+    fs::create_directories(folder / "folder.ies");
+    auto dir = DetectFileFormat(Url::FromFile((folder / "folder.ies").string()));
+    ASSERT_FALSE(dir.Ok());
+    EXPECT_EQ(dir.GetError().Message(), "Cannot open " + Url::FromFile((folder / "folder.ies").string()).ToString() + ".");
+}
+
+TEST_F(IesImportTest, ImportGivesOneGreyLayerThatRefusesOtherFormats) {
+    auto image = ImportImage(Write("lamp.ies", Data("kelvo__ballast_factor.ies")));
+    ASSERT_TRUE(image.Ok()) << image.GetError().Message();
+    EXPECT_EQ((*image)->GetWidth(), 512);
+    EXPECT_EQ((*image)->GetLayerCount(), 1);
+    EXPECT_EQ((*image)->GetProperties().Get<Id>(kImagePropertyFileFormat), Id("net.kelvo.fileformat.imageies"));
+    StrongRef<ImageLayerInterface> layer = (*image)->GetLayer(0);
+    EXPECT_EQ(layer->GetPixelFormat(), kPixelGrey8);
+    EXPECT_EQ(layer->GetColorProfile(), COLORPROFILE::SRGB);
+    for (PixelFormat other : {kPixelRgb8, kPixelGrey16, kPixelGrey32f}) {
+        auto get = layer->GetPixelHandler(other, COLORPROFILE::SRGB);
+        ASSERT_FALSE(get.Ok());
+        EXPECT_EQ(get.GetError().Message(), "Wrong pixel format");
+        EXPECT_EQ(get.GetError().Kind(), ERRORKIND::UNSUPPORTEDARGUMENT);
+        EXPECT_EQ(layer->SetPixelHandler(other, COLORPROFILE::SRGB).GetError().Message(), "Wrong pixel format");
+    }
+    // A downlight: the floor under the light is bright, the top of the wall dark.
+    auto reader = layer->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB);
+    ASSERT_TRUE(reader.Ok());
+    uint8_t top[512], floor[512];
+    ASSERT_TRUE((*reader)->GetPixels(0, 0, 512, top).Ok());
+    ASSERT_TRUE((*reader)->GetPixels(0, 420, 512, floor).Ok());
+    EXPECT_EQ(top[256], 0);
+    EXPECT_GT(floor[256], 200);
+    EXPECT_EQ((*reader)->GetPixels(500, 3, 13, top).GetError().Message(),
+              "Illegal argument: Pixels 500 to 512 of row 3 lie outside the 512 x 512 layer.");
+
+    // Parse errors end the import unchanged; an exported copy opens as any picture.
+    auto bad = ImportImage(Write("bad.ies", Data("kelvo__tilt_file.ies")));
+    ASSERT_FALSE(bad.Ok());
+    EXPECT_EQ(bad.GetError().Message(), "IES file error in line 3");
+    Url png = Url::FromFile((folder / "lamp.png").string());
+    ASSERT_TRUE(ExportImage(png, **image).Ok());
+    auto back = ImportImage(png);
+    ASSERT_TRUE(back.Ok()) << back.GetError().Message();
+    uint8_t again[512];
+    ASSERT_TRUE((*(*back)->GetLayer(0)->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))->GetPixels(0, 420, 512, again).Ok());
+    EXPECT_TRUE(std::equal(floor, floor + 512, again));
+}
+
+TEST(IesPreviewTest, RowsInParallelProgressAndErrors) {
+    auto p = ParseText(ReadFile(fs::path(KELVO_SOURCE_DIR) / "tests/data/ies/guv__ushio_b1.ies"));
+    ASSERT_TRUE(p.result.Ok());
+    auto wrong = p.ies->GeneratePreviewImage(64, 32, nullptr, nullptr);
+    ASSERT_FALSE(wrong.Ok());
+    EXPECT_EQ(wrong.GetError().Message(), "Width and height of image must match.");
+
+    // Every row exactly once, through the handler the delegate made for the asked format.
+    struct Recorder final : Implements<SetPixelHandlerInterface> {
+        std::mutex mutex;
+        std::multiset<int64_t> rows;
+        std::vector<float> pixels = std::vector<float>(97 * 97);
+        PixelFormat GetPixelFormat() const override { return kPixelGrey32f; }
+        COLORPROFILE GetColorProfile() const override { return COLORPROFILE::LINEAR; }
+        Result<void> SetPixels(int64_t x, int64_t y, int64_t count, const void* from) override {
+            std::lock_guard lock(mutex);
+            rows.insert(y);
+            std::memcpy(pixels.data() + y * 97 + x, from, size_t(count) * sizeof(float));
+            return OK();
+        }
+    };
+    auto recorder = std::make_shared<Recorder>();
+    PixelFormat asked{};
+    std::vector<float> progress;
+    std::atomic<int> inside{0};
+    auto r = p.ies->GeneratePreviewImage(
+        97, 97,
+        [&](PixelFormat f, COLORPROFILE) -> Result<StrongRef<SetPixelHandlerInterface>> {
+            asked = f;
+            return StrongRef<SetPixelHandlerInterface>(recorder);
+        },
+        [&](float f) {
+            EXPECT_EQ(inside.fetch_add(1), 0);  // never two reports at once
+            progress.push_back(f);
+            inside.fetch_sub(1);
+        });
+    ASSERT_TRUE(r.Ok()) << r.GetError().Message();
+    EXPECT_EQ(asked, kPixelGrey32f);
+    EXPECT_EQ(recorder->rows.size(), 97u);
+    EXPECT_EQ(std::set<int64_t>(recorder->rows.begin(), recorder->rows.end()).size(), 97u);
+    ASSERT_FALSE(progress.empty());
+    EXPECT_TRUE(std::is_sorted(progress.begin(), progress.end()));
+    EXPECT_EQ(progress.back(), 1.0f);
+    float brightest = *std::max_element(recorder->pixels.begin(), recorder->pixels.end());
+    EXPECT_NEAR(brightest, 1.0f, 0.05f);
+    EXPECT_GE(*std::min_element(recorder->pixels.begin(), recorder->pixels.end()), 0.0f);
+
+    // A handler's error stops the preview and comes back.
+    struct Failing final : Implements<SetPixelHandlerInterface> {
+        PixelFormat GetPixelFormat() const override { return kPixelGrey32f; }
+        COLORPROFILE GetColorProfile() const override { return COLORPROFILE::LINEAR; }
+        Result<void> SetPixels(int64_t, int64_t y, int64_t, const void*) override {
+            if (y == 40) return IoError(KELVO_HERE, "mem:", "Disk full.");
+            return OK();
+        }
+    };
+    auto failed = p.ies->GeneratePreviewImage(
+        64, 64, [](PixelFormat, COLORPROFILE) -> Result<StrongRef<SetPixelHandlerInterface>> {
+            return StrongRef<SetPixelHandlerInterface>(std::make_shared<Failing>());
+        },
+        nullptr);
+    ASSERT_FALSE(failed.Ok());
+    EXPECT_EQ(failed.GetError().Message(), "Disk full.");
+
+    // The image form equals itself run to run.
+    auto a = p.ies->GeneratePreviewImage(48), b = p.ies->GeneratePreviewImage(48);
+    ASSERT_TRUE(a.Ok() && b.Ok());
+    std::vector<uint8_t> ra(48), rb(48);
+    for (int64_t y = 0; y < 48; ++y) {
+        ASSERT_TRUE((*(*a)->GetLayer(0)->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))->GetPixels(0, y, 48, ra.data()).Ok());
+        ASSERT_TRUE((*(*b)->GetLayer(0)->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))->GetPixels(0, y, 48, rb.data()).Ok());
+        EXPECT_EQ(ra, rb);
+    }
+}
+
+}  // namespace
+}  // namespace kelvo

@@ -7,10 +7,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 
 #include "kelvo/data.h"
+#include "kelvo/image.h"
 #include "kelvo/io.h"
 #include "kelvo/object.h"
 #include "kelvo/result.h"
@@ -43,6 +45,13 @@ struct IesRawData {
     uint32_t checksum = 0;                     // CRC-32C of the content
 };
 
+// The preview asks this for the handler that receives its rows, naming the pixel format and
+// colour profile it writes (grey, 32-bit float, linear).
+using IesPixelHandlerDelegate =
+    std::function<Result<StrongRef<SetPixelHandlerInterface>>(PixelFormat format, COLORPROFILE profile)>;
+// Told the fraction of rows done (0..1, rising, never from two threads at once).
+using IesProgressDelegate = std::function<void(float done)>;
+
 class IesInterface : public virtual Object {
 public:
     static constexpr Id InterfaceId() { return Id("net.kelvo.render.interface.ies"); }
@@ -67,6 +76,18 @@ public:
     virtual double GetLightPowerRatio() const = 0;
     virtual uint32_t GetChecksum() const = 0;
     virtual const DataDictionary& GetProperties() const = 0;
+
+    // Renders a square preview of the distribution: the light shining on a wall behind it
+    // (the upper two thirds) and on the floor below it (the lower third), both seen
+    // face-on, bright where more light arrives. Rows go to the handler the delegate
+    // returns, in parallel on the host's job system. Fails with "Width and height of image
+    // must match." for a non-square size, and with the delegate's or handler's errors.
+    // A size of 0 draws nothing. Thread-safe after Init.
+    virtual Result<void> GeneratePreviewImage(int64_t width, int64_t height,
+                                              const IesPixelHandlerDelegate& handler,
+                                              const IesProgressDelegate& progress) const = 0;
+    // The same into a new host image of size x size with one grey, 8-bit sRGB layer.
+    virtual Result<StrongRef<ImageInterface>> GeneratePreviewImage(int64_t size) const = 0;
 
     // The profile as LM-63 text, with multiplier 1 and dimensions in metres. Fails only
     // when memory runs out.

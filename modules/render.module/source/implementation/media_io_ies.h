@@ -2,9 +2,13 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 namespace kelvo::detail {
+
+// Width and height of the picture an imported IES file becomes.
+inline constexpr int64_t kIesImageSize = 512;
 
 // How many bytes from the start of a file the detection reads.
 inline constexpr size_t kIesDetectBytes = 1024;
