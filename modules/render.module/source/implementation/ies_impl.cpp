@@ -7,6 +7,7 @@
 #include <cmath>
 #include <compare>
 #include <cstring>
+#include <limits>
 
 #include "ies_crc32c.h"
 #include "kelvo/entry.h"
@@ -150,12 +151,6 @@ void AppendBlock(std::string& out, std::span<const double> values) {
     }
 }
 
-bool Ascending(std::span<const double> a) {
-    for (size_t i = 1; i < a.size(); ++i)
-        if (!(a[i - 1] <= a[i])) return false;
-    return true;
-}
-
 }  // namespace
 
 void IesImpl::Reset() {
@@ -285,45 +280,46 @@ namespace detail {
 Result<void> BracketIndex::Build(std::span<const double> a, double offset) {
     return CatchOutOfMemory([&]() -> Result<void> {
         const size_t n = a.size();
+        _runningMax.clear();
         _start.clear();
-        _ascending = Ascending(a);
-        if (!_ascending || n < 2) return OK();
-        _origin = a[0] - offset;
-        const double range = (a[n - 1] - offset) - _origin;
+        if (n < 2) return OK();
+        // NaN angles never exceed a key, so they never raise the running maximum.
+        double m = -std::numeric_limits<double>::infinity();
+        _runningMax.resize(n - 1);
+        for (size_t j = 1; j < n; ++j) {
+            const double v = a[j] - offset;
+            if (v > m) m = v;
+            _runningMax[j - 1] = m;
+        }
+        _origin = _runningMax.front();
+        const double range = _runningMax.back() - _origin;
         if (!(range > 0.0) || !std::isfinite(range)) return OK();
-        // Four buckets per angle: with near-even steps a bucket start is at most one step
-        // away from the answer.
+        // Four buckets per angle: with near-even steps a bucket's start is the answer.
         const size_t buckets = std::min<size_t>(4 * n, 4096);
         _scale = static_cast<double>(buckets) / range;
         _start.resize(buckets);
         size_t j = 1;
         for (size_t k = 0; k < buckets; ++k) {
             const double key = _origin + static_cast<double>(k) / _scale;
-            while (j < n && !(a[j] - offset > key)) ++j;
+            while (j < n && !(_runningMax[j - 1] > key)) ++j;
             _start[k] = static_cast<uint16_t>(j);
         }
         return OK();
     });
 }
 
-size_t BracketIndex::Find(const double* a, size_t n, double offset, double key) const {
-    size_t j = 1;
-    if (!_ascending) {
-        while (j < n && !(a[j] - offset > key)) ++j;
-        return j;
+size_t BracketIndex::Find(double key) const {
+    const size_t n = _runningMax.size() + 1;
+    if (n < 2) return 1;
+    if (!_start.empty()) {
+        const double f = (key - _origin) * _scale;
+        const double last = static_cast<double>(_start.size() - 1);
+        const size_t j = _start[f > 0.0 ? static_cast<size_t>(f < last ? f : last) : 0];
+        // Exact when the running maximum first exceeds the key at j.
+        if ((j == n || _runningMax[j - 1] > key) && (j == 1 || !(_runningMax[j - 2] > key))) return j;
     }
-    if (_start.empty()) {
-        return static_cast<size_t>(
-            std::upper_bound(a + 1, a + n, key, [offset](double k, double v) { return k < v - offset; }) - a);
-    }
-    const double f = (key - _origin) * _scale;
-    const double last = static_cast<double>(_start.size() - 1);
-    j = _start[f > 0.0 ? static_cast<size_t>(f < last ? f : last) : 0];
-    // The bucket's start may lie a little off when rounding moved the key across a
-    // bucket edge: walk to the exact answer either way.
-    while (j < n && !(a[j] - offset > key)) ++j;
-    while (j > 1 && a[j - 1] - offset > key) --j;
-    return j;
+    return static_cast<size_t>(std::upper_bound(_runningMax.begin(), _runningMax.end(), key) -
+                               _runningMax.begin()) + 1;
 }
 
 }  // namespace detail
@@ -343,7 +339,7 @@ double IesImpl::ComputeLightIntensity(const Vec3& d) const {
     // Vertical bracket: the first index whose successor exceeds θ.
     size_t i0 = 0, i1 = 0;
     if (nV > 1) {
-        size_t j = _verticalIndex.Find(av, nV, 0.0, theta);
+        size_t j = _verticalIndex.Find(theta);
         if (j == nV) j = nV - 1;
         i0 = j - 1;
         i1 = j;
@@ -379,7 +375,7 @@ double IesImpl::ComputeLightIntensity(const Vec3& d) const {
     }
     size_t h0 = 0, h1 = 0;
     if (nH > 1) {
-        size_t j = _horizontalIndex.Find(ah, nH, a0, phiF);
+        size_t j = _horizontalIndex.Find(phiF);
         if (j == nH) j = nH - 1;
         h0 = j - 1;
         h1 = j;

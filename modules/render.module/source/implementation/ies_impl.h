@@ -12,19 +12,21 @@
 namespace kelvo {
 
 namespace detail {
-// Finds the first index j >= 1 whose angle, less `offset`, exceeds a key (n when none),
-// the same index a scan from the start gives, in about constant time: a table of bucket
-// starts leaves a step or two to walk. Angles that do not ascend are scanned.
+// Finds the first index j >= 1 whose angle, less `offset`, exceeds a key (n when none): the
+// index a scan from the start gives, for any array, ascending or not. The scan's answer is
+// the first j whose running maximum exceeds the key, and running maxima ascend, so a
+// table of bucket starts over them gives the answer at once in the common case and a
+// bisection bounds the rest at O(log n), whatever the angles.
 class BracketIndex {
 public:
     Result<void> Build(std::span<const double> angles, double offset);
-    size_t Find(const double* angles, size_t n, double offset, double key) const;
+    size_t Find(double key) const;
 
 private:
-    std::vector<uint16_t, Allocator<uint16_t>> _start;
+    std::vector<double, Allocator<double>> _runningMax;  // [j - 1]: max of angles[1..j] - offset
+    std::vector<uint16_t, Allocator<uint16_t>> _start;   // per bucket: the answer at its start
     double _origin = 0.0;
     double _scale = 0.0;
-    bool _ascending = true;
 };
 }  // namespace detail
 
