@@ -113,6 +113,13 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
               << folder.string()
               << '\n';
 
+    // The sample light profile, opened through the image import like any picture.
+    KELVO_TRY(WriteIesPreview(context, (context.resourceFolder / "ies" / "kelvo_sample_spot.ies").string(),
+                              (folder / "ies_preview.png").string(), 512));
+    std::cout << "kelvo demo: wrote ies_preview.png to "
+              << folder.string()
+              << '\n';
+
     // The lobes of the fifteen legacy BSDF models.
     KELVO_ASSIGN_OR_RETURN(std::vector<std::string> sheet, WriteBsdfSheet(folder));
     std::cout << "kelvo demo: wrote " << sheet[0] << ", " << sheet[1] << " to " << folder.string() << '\n';

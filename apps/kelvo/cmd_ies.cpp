@@ -1,4 +1,5 @@
 // kelvo ies: inspect, evaluate and rewrite IES photometric profiles.
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <fstream>
@@ -7,6 +8,7 @@
 #include "context.h"
 #include "json.h"
 #include "kelvo/ies.h"
+#include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
 
 namespace kelvo::cli {
@@ -203,6 +205,51 @@ Result<void> RunConvert(Context& context, const std::string& file, const std::st
 
 }  // namespace
 
+Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output, int64_t size) {
+    KELVO_TRY(context.LoadModules());
+    if (size < 1 || size > 16384)
+        return IllegalArgumentError(KELVO_HERE, "--size must lie in 1..16384, not @.", size);
+    // Opened as any picture is: the file-format registry detects the IES file and its
+    // import step renders the preview into the image's layer.
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, ImportImage(Url::FromFile(file)));
+    if (image->GetProperties().Get<Id>(kImagePropertyFileFormat) != Id("net.kelvo.fileformat.imageies"))
+        return IllegalArgumentError(KELVO_HERE, "@ is not an IES file.", file);
+    StrongRef<ImageLayerInterface> layer = image->GetLayer(0);
+    const PixelFormat format = layer->GetPixelFormat();
+    const COLORPROFILE profile = layer->GetColorProfile();
+    const int64_t w = layer->GetWidth(), h = layer->GetHeight();
+    const size_t bpp = format.GetBytesPerPixel();
+    std::vector<uint8_t> source(size_t(w * h) * bpp);
+    KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(format, profile));
+    for (int64_t y = 0; y < h; ++y) KELVO_TRY(reader->GetPixels(0, y, w, source.data() + size_t(y * w) * bpp));
+
+    // Resampled (bilinear, on the stored values) into a host layer of the asked size,
+    // which any file format can write.
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> out, CreateImage(size, size));
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> target, CreateImageLayer(size, size, kPixelGrey32f, profile));
+    KELVO_ASSIGN_OR_RETURN(auto writer, target->SetPixelHandler(kPixelGrey32f, profile));
+    std::vector<float> grey(size_t(w * h));
+    std::vector<float> row(static_cast<size_t>(size));
+    KELVO_TRY(ConvertPixels(format, profile, source.data(), kPixelGrey32f, profile, grey.data(), w * h));
+    for (int64_t y = 0; y < size; ++y) {
+        double sy = std::clamp((double(y) + 0.5) * double(h) / double(size) - 0.5, 0.0, double(h - 1));
+        int64_t y0 = std::min<int64_t>(int64_t(sy), h - 1), y1 = std::min<int64_t>(y0 + 1, h - 1);
+        float fy = float(sy - double(y0));
+        for (int64_t x = 0; x < size; ++x) {
+            double sx = std::clamp((double(x) + 0.5) * double(w) / double(size) - 0.5, 0.0, double(w - 1));
+            int64_t x0 = std::min<int64_t>(int64_t(sx), w - 1), x1 = std::min<int64_t>(x0 + 1, w - 1);
+            float fx = float(sx - double(x0));
+            auto at = [&](int64_t xx, int64_t yy) { return grey[size_t(yy * w + xx)]; };
+            float top = at(x0, y0) + (at(x1, y0) - at(x0, y0)) * fx;
+            float bottom = at(x0, y1) + (at(x1, y1) - at(x0, y1)) * fx;
+            row[size_t(x)] = top + (bottom - top) * fy;
+        }
+        KELVO_TRY(writer->SetPixels(0, y, size, row.data()));
+    }
+    KELVO_TRY(out->AddLayer(target));
+    return ExportImage(Url::FromFile(output), *out);
+}
+
 void AddIesCommand(CLI::App& app, Context& context, int& status) {
     auto* ies = app.add_subcommand("ies", "Inspect, evaluate and rewrite IES photometric profiles (LM-63)");
     ies->require_subcommand(1);
@@ -257,6 +304,23 @@ void AddIesCommand(CLI::App& app, Context& context, int& status) {
     convert->add_option("-o,--out", *convertOut, "The file to write")->required();
     convert->callback([&context, &status, convertFile, convertOut] {
         if (auto r = RunConvert(context, *convertFile, *convertOut); !r) status = Fail(r.GetError());
+    });
+
+    auto* preview = ies->add_subcommand(
+        "preview", "Render the profile's preview (the light on a wall behind it and the floor below) into a "
+                   "picture, opening the file through the image import as any picture is opened");
+    auto previewFile = std::make_shared<std::string>();
+    auto previewOut = std::make_shared<std::string>();
+    auto previewSize = std::make_shared<int64_t>(512);
+    preview->add_option("FILE", *previewFile, "The .ies file")->required();
+    preview->add_option("-o,--out", *previewOut, "The picture to write (.png, .tif, .exr)")->required();
+    preview->add_option("--size", *previewSize, "Width and height in pixels")->default_val(512);
+    preview->callback([&context, &status, previewFile, previewOut, previewSize] {
+        if (auto r = WriteIesPreview(context, *previewFile, *previewOut, *previewSize); !r) {
+            status = Fail(r.GetError());
+            return;
+        }
+        std::cout << "kelvo ies preview: wrote " << *previewOut << '\n';
     });
 }
 

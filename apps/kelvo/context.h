@@ -46,5 +46,9 @@ void AddCameraCommand(CLI::App& app, Context& context, int& status);
 void AddBsdfCommand(CLI::App& app, Context& context, int& status);
 void AddSelfTestCommand(CLI::App& app, Context& context, int& status);
 void AddIesCommand(CLI::App& app, Context& context, int& status);
+// Writes the preview of an IES file, opened through the image import, as a size x size
+// picture (the format follows the output's suffix).
+Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output,
+                             int64_t size);
 
 }  // namespace kelvo::cli

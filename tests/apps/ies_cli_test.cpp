@@ -103,3 +103,41 @@ TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {
 }
 
 }  // namespace
+
+namespace {
+
+// Width and height from a PNG's IHDR chunk.
+std::pair<uint32_t, uint32_t> PngSize(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    unsigned char b[24] = {};
+    in.read(reinterpret_cast<char*>(b), 24);
+    auto be = [&](int at) { return uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 | b[at + 3]; };
+    return {be(16), be(20)};
+}
+
+TEST(KelvoIesTest, PreviewOpensTheFileAsAPictureAndWritesTheAskedSize) {
+    fs::path out = fs::temp_directory_path() / ("kelvo_ies_preview_" + std::to_string(::getpid()) + ".png");
+    ToolRun preview = Kelvo("ies preview " + Data("guv__ushio_b1.ies") + " -o " + out.string() + " --size 96");
+    ASSERT_EQ(preview.status, 0) << preview.out;
+    EXPECT_EQ(PngSize(out), (std::pair<uint32_t, uint32_t>(96, 96)));
+    fs::remove(out);
+
+    ToolRun broken = Kelvo("ies preview " + Data("kelvo__tilt_file.ies") + " -o " + out.string());
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_EQ(broken.out, "kelvo: IES file error in line 3\n");
+    // Only what the file-format registry recognises as IES is previewed.
+    ToolRun readme = Kelvo("ies preview " + Data("README.md") + " -o " + out.string());
+    EXPECT_EQ(readme.status, 1);
+    EXPECT_EQ(readme.out, "kelvo: No file format recognises file://" + Data("README.md") + ".\n");
+    EXPECT_FALSE(fs::exists(out));
+}
+
+TEST(KelvoIesTest, DemoPreviewsTheSampleProfile) {
+    fs::path out = fs::temp_directory_path() / ("kelvo_ies_demo_" + std::to_string(::getpid()));
+    ToolRun demo = Kelvo("demo --out " + out.string());
+    ASSERT_EQ(demo.status, 0) << demo.out;
+    EXPECT_EQ(PngSize(out / "ies_preview.png"), (std::pair<uint32_t, uint32_t>(512, 512)));
+    fs::remove_all(out);
+}
+
+}  // namespace
