@@ -7,9 +7,13 @@
 #include <cstdlib>
 #include <string>
 
+#include <fstream>
+#include <unistd.h>
+
 #include "host.h"
 #include "implementation/media_io_ies.h"
 #include "kelvo/ies.h"
+#include "kelvo/mediasession_fileformats.h"
 #include "kelvo/memorystream.h"
 #include "kelvo/registry.h"
 
@@ -32,10 +36,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace kelvo;
     std::string bytes(reinterpret_cast<const char*>(data), size);
 
-    // Detection looks at the first 1024 bytes only.
+    // Detection looks at the first 1024 bytes only, and the file format reads them from
+    // the file as the content test sees them.
     bool detected = detail::DetectIesContent(bytes);
     if (detected != detail::DetectIesContent(bytes.substr(0, detail::kIesDetectBytes)))
         Fail("detection read beyond its 1024 bytes");
+    static const struct TempFile {
+        std::string path = "/tmp/kelvo_ies_fuzz_" + std::to_string(::getpid()) + ".ies";
+        ~TempFile() { std::remove(path.c_str()); }
+    } temp;
+    const std::string& path = temp.path;
+    std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), std::streamsize(bytes.size()));
+    static auto format = CreateClass<FileFormatInterface>(Id("net.kelvo.fileformat.imageies"));
+    if (!format) Fail("no IES file format");
+    auto found = (*format)->Detect(Url::FromFile(path));
+    if (!found || *found != detected) Fail("file format detection differs from the content test");
 
     // The stream hands the bytes out in pieces whose size the input picks, so that
     // tokens and CR LF pairs straddle reads.

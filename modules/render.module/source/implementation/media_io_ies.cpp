@@ -22,7 +22,6 @@ bool DetectIesContent(std::string_view firstBytes) {
 namespace {
 
 constexpr Id kFormatId("net.kelvo.fileformat.imageies");
-constexpr Id kHandlerId("net.kelvo.fileformathandler.imageloaderies");
 constexpr Id kImportId("net.kelvo.mediasession.ies.import");
 constexpr Id kLayerClassId("net.kelvo.render.class.mediastreamimagelayeriesimport");
 
