@@ -421,3 +421,44 @@ TEST(IesEvalTest, BracketIndexFindsWhatAScanFinds) {
 
 }  // namespace
 }  // namespace kelvo
+
+namespace kelvo {
+namespace {
+
+TEST(IesObjectTest, DescriptionRoundTripComparesEqualAndRefusesMismatchedCounts) {
+    auto p = ParseText(Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 40 0")
+                           .replace(0, 16, "IESNA91\n[LAMP] caf\xe9"));
+    ASSERT_TRUE(p.result.Ok()) << p.result.GetError().Message();
+    auto io = Query<DescribeIOInterface>(StrongRef<Object>(p.ies));
+    ASSERT_TRUE(io);
+    auto document = WriteDescription(*io);
+    ASSERT_TRUE(document.Ok()) << document.GetError().Message();
+    EXPECT_LT(document->find("\"_properties\""), document->find("\"_anglesVertical\""));
+    EXPECT_LT(document->find("\"_dataPower\""), document->find("\"_checksum\""));
+
+    auto copy = NewProfile();
+    ASSERT_TRUE(ReadDescription(*Query<DescribeIOInterface>(StrongRef<Object>(copy)), *document).Ok());
+    EXPECT_EQ(copy->Compare(*p.ies), 0);
+    EXPECT_EQ(copy->GetHashCode(), p.ies->GetHashCode());
+    EXPECT_EQ(copy->GetProperties().Get<std::string>(int64_t(IESPROPERTY_LAMP)), " caf\xe9");
+    for (double theta : {0.0, 30.0, 89.0})
+        EXPECT_EQ(copy->ComputeLightIntensity(Direction(theta, 60)), p.ies->ComputeLightIntensity(Direction(theta, 60)));
+
+    // Stored values are taken as they are; counts that do not fit are refused whole.
+    std::string stale = *document;
+    size_t at = stale.find("\"_dataPower\":") + 13;
+    stale.replace(at, stale.find(',', at) - at, "1.5");
+    ASSERT_TRUE(ReadDescription(*Query<DescribeIOInterface>(StrongRef<Object>(copy)), stale).Ok());
+    EXPECT_EQ(copy->GetRawAccess().dataPower, 1.5);
+    std::string shortData = *document;
+    at = shortData.find("\"_data\":[") + 9;
+    shortData.erase(at, shortData.find(',', at) + 1 - at);
+    auto refused = ReadDescription(*Query<DescribeIOInterface>(StrongRef<Object>(copy)), shortData);
+    ASSERT_FALSE(refused.Ok());
+    EXPECT_EQ(refused.GetError().Message(), "Illegal argument: IES: Incorrect number or angles");
+    EXPECT_EQ(copy->GetRawAccess().data.size(), 6u);
+    EXPECT_EQ(copy->GetRawAccess().dataPower, 1.5);
+}
+
+}  // namespace
+}  // namespace kelvo

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "kelvo/data.h"
+#include "kelvo/datadescription.h"
 #include "kelvo/image.h"
 #include "kelvo/io.h"
 #include "kelvo/object.h"
@@ -66,6 +67,13 @@ public:
     virtual int Compare(const IesInterface& other) const = 0;
     // Equal profiles give equal hash codes.
     virtual uint64_t GetHashCode() const = 0;
+
+    // Describes the members under "_properties", "_anglesVertical", "_anglesHorizontal",
+    // "_data", "_dataMax", "_dataPower" and "_checksum" (kelvo/datadescription.h); a profile
+    // also answers DescribeIOInterface. Reading takes the stored maximum, power and checksum
+    // as they are, and takes nothing unless the counts fit together (else "Illegal
+    // argument: IES: Incorrect number or angles").
+    virtual Result<void> DescribeIO(DataDescriber& io) = 0;
 
     // Normalised intensity (0..1) towards `direction`, a unit vector in the light's frame
     // whose -z axis is the photometric nadir. Directions outside the vertical angle range

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "ies_crc32c.h"
+#include "kelvo/datadescription.h"
 #include "kelvo/entry.h"
 #include "kelvo/lexer.h"
 #include "kelvo/random.h"
@@ -473,6 +474,50 @@ uint64_t IesImpl::GetHashCode() const {
     uint64_t h = Fnv1a(std::string_view(reinterpret_cast<const char*>(&_checksum), 4));
     uint64_t power = std::bit_cast<uint64_t>(_dataPower);
     return Fnv1a(std::string_view(reinterpret_cast<const char*>(&power), 8), h);
+}
+
+Result<void> IesImpl::DescribeIO(DataDescriber& io) {
+    return CatchOutOfMemory([&]() -> Result<void> {
+        if (!io.IsReading()) {
+            KELVO_TRY(Describe(io, "_properties", _properties));
+            KELVO_TRY(Describe(io, "_anglesVertical", _anglesVertical));
+            KELVO_TRY(Describe(io, "_anglesHorizontal", _anglesHorizontal));
+            KELVO_TRY(Describe(io, "_data", _data));
+            KELVO_TRY(Describe(io, "_dataMax", _dataMax));
+            KELVO_TRY(Describe(io, "_dataPower", _dataPower));
+            return Describe(io, "_checksum", _checksum);
+        }
+        // Read into copies and take them only when the counts fit together: the evaluator
+        // indexes the values by the angle counts.
+        DataDictionary properties;
+        DoubleArray vertical, horizontal, data;
+        double dataMax = 0.0, dataPower = 0.0;
+        uint32_t checksum = 0;
+        KELVO_TRY(Describe(io, "_properties", properties));
+        KELVO_TRY(Describe(io, "_anglesVertical", vertical));
+        KELVO_TRY(Describe(io, "_anglesHorizontal", horizontal));
+        KELVO_TRY(Describe(io, "_data", data));
+        KELVO_TRY(Describe(io, "_dataMax", dataMax));
+        KELVO_TRY(Describe(io, "_dataPower", dataPower));
+        KELVO_TRY(Describe(io, "_checksum", checksum));
+        const size_t nV = vertical.size(), nH = horizontal.size();
+        if (nV > kMaxAngles || nH > kMaxAngles || data.size() != nV * nH)
+            return IllegalArgumentError(KELVO_HERE, "IES: Incorrect number or angles");
+        detail::BracketIndex verticalIndex, horizontalIndex;
+        KELVO_TRY(verticalIndex.Build(vertical, 0.0));
+        KELVO_TRY(horizontalIndex.Build(horizontal, horizontal.empty() ? 0.0 : horizontal[0]));
+        // Nothing is recomputed: a stored profile comes back exactly as it was stored.
+        std::swap(_properties, properties);
+        _anglesVertical.swap(vertical);
+        _anglesHorizontal.swap(horizontal);
+        _data.swap(data);
+        _dataMax = dataMax;
+        _dataPower = dataPower;
+        _checksum = checksum;
+        std::swap(_verticalIndex, verticalIndex);
+        std::swap(_horizontalIndex, horizontalIndex);
+        return OK();
+    });
 }
 
 Result<std::string> IesImpl::ConvertToText() const {

@@ -30,7 +30,7 @@ private:
 };
 }  // namespace detail
 
-class IesImpl final : public Implements<IesInterface> {
+class IesImpl final : public Implements<IesInterface, DescribeIOInterface> {
 public:
     using DoubleArray = std::vector<double, Allocator<double>>;
 
@@ -41,6 +41,7 @@ public:
     Result<void> Init(const StrongRef<InputStream>& input) override;
     int Compare(const IesInterface& other) const override;
     uint64_t GetHashCode() const override;
+    Result<void> DescribeIO(DataDescriber& io) override;
     double ComputeLightIntensity(const Vec3& direction) const override;
     double GetLightPowerRatio() const override { return _dataPower / kFourPi; }
     uint32_t GetChecksum() const override { return _checksum; }
