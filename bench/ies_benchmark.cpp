@@ -3,6 +3,7 @@
 // the processor instruction beside the byte table.
 #include <benchmark/benchmark.h>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -88,6 +89,21 @@ void BM_IesIntensity(benchmark::State& state, const File* file) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// The floor under any evaluator of the formula: the acos and atan2 that turn a direction
+// into its two angles, on the same directions.
+void BM_DirectionAnglesOnly(benchmark::State& state) {
+    Random random(5);
+    std::vector<Vec3> directions(4096);
+    for (Vec3& d : directions) d = Normalize(Vec3{random.Get01() * 2 - 1, random.Get01() * 2 - 1, random.Get01() * 2 - 1});
+    size_t i = 0;
+    for (auto _ : state) {
+        const Vec3& d = directions[i];
+        benchmark::DoNotOptimize(std::acos(-d.z * 0.999999) + std::atan2(d.x, d.y));
+        i = (i + 1) & 4095;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
 std::vector<unsigned char> ChecksumInput() {
     Random random(9);
     std::vector<unsigned char> bytes(1 << 20);
@@ -117,6 +133,7 @@ BENCHMARK_CAPTURE(BM_IesParseOnly, typical, &kTypical)->Unit(benchmark::kMillise
 BENCHMARK_CAPTURE(BM_IesIntensity, full360_181x73, &kFull);
 BENCHMARK_CAPTURE(BM_IesIntensity, full360_37x17, &kSmallFull);
 BENCHMARK_CAPTURE(BM_IesIntensity, half_73x37, &kTypical);
+BENCHMARK(BM_DirectionAnglesOnly);
 BENCHMARK(BM_Crc32cHardware);
 BENCHMARK(BM_Crc32cTable);
 
