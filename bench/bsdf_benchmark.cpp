@@ -2,8 +2,10 @@
 // cost of the legacy models per call.
 //
 // D and Sample run over half vectors and sample records drawn from each distribution at
-// roughness 0.1, 0.3 and 0.6: argument 0 mixes the three (the mix of fine and coarse
-// cells a renderer meets), 1..3 take one roughness each. "table" runs on a warm table.
+// roughness 0.1, 0.3 and 0.6. Argument 0 mixes the three in runs of 64 samples of one
+// material, as a renderer shading a tile or a bucket meets them; 1..3 take one roughness
+// each; 4 switches material at every sample, the worst case for branch prediction.
+// "table" runs on a warm table.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -68,8 +70,12 @@ struct Workload {
     std::vector<Vec3> halfVectors;
     std::vector<Record> records;
 
+    static constexpr size_t kRun = 64;
+    static size_t Unit(int arg) { return arg == 4 ? 1 : kRun; }
+
     Workload(int arg, bool table) {
-        size_t first = arg == 0 ? 0 : size_t(arg - 1), last = arg == 0 ? 3 : size_t(arg);
+        const bool mixed = arg == 0 || arg == 4;
+        size_t first = mixed ? 0 : size_t(arg - 1), last = mixed ? 3 : size_t(arg);
         auto records0 = MakeRecords(17, kPerRoughness * 3);
         for (size_t k = first; k < last; ++k) {
             Dist d;
@@ -85,11 +91,15 @@ struct Workload {
                 which.push_back(dists.size() - 1);
             }
         }
-        // Interleave the roughness values as shading samples of different materials would.
+        // Interleave the materials: whole runs for the mix, single samples for argument 4.
+        const size_t unit = Unit(arg);
+        std::vector<size_t> units(which.size() / unit);
+        for (size_t i = 0; i < units.size(); ++i) units[i] = i;
         std::mt19937_64 rng(5);
-        std::vector<size_t> order(which.size());
-        for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-        std::shuffle(order.begin(), order.end(), rng);
+        std::shuffle(units.begin(), units.end(), rng);
+        std::vector<size_t> order;
+        for (size_t u : units)
+            for (size_t i = 0; i < unit; ++i) order.push_back(u * unit + i);
         auto permute = [&](auto& v) {
             auto copy = v;
             for (size_t i = 0; i < order.size(); ++i) v[i] = copy[order[i]];
@@ -106,35 +116,49 @@ struct Workload {
     }
 };
 
+// The renderer holds a material's distribution for a run of samples; the lookup of the
+// next one is harness cost, paid once a run (once a sample for argument 4).
 template <typename Dist, bool kTable>
 void BM_D(benchmark::State& state) {
     Workload<Dist> w(int(state.range(0)), kTable);
-    size_t i = 0, n = w.which.size();
+    const size_t n = w.which.size(), unit = w.Unit(int(state.range(0)));
+    size_t i = 0, left = unit;
+    const Dist* dist = &w.dists[w.which[0]];
     for (auto _ : state) {
         double p;
-        benchmark::DoNotOptimize(w.dists[w.which[i]].D(w.halfVectors[i], true, p));
+        benchmark::DoNotOptimize(dist->D(w.halfVectors[i], true, p));
         benchmark::DoNotOptimize(p);
         if (++i == n) i = 0;
+        if (--left == 0) {  // n is a multiple of the run
+            dist = &w.dists[w.which[i]];
+            left = unit;
+        }
     }
 }
 
 template <typename Dist, bool kTable>
 void BM_Sample(benchmark::State& state) {
     Workload<Dist> w(int(state.range(0)), kTable);
-    size_t i = 0, n = w.which.size();
+    const size_t n = w.which.size(), unit = w.Unit(int(state.range(0)));
+    size_t i = 0, left = unit;
+    const Dist* dist = &w.dists[w.which[0]];
     for (auto _ : state) {
         double d, p;
-        benchmark::DoNotOptimize(w.dists[w.which[i]].Sample(w.records[i].data(), d, p));
+        benchmark::DoNotOptimize(dist->Sample(w.records[i].data(), d, p));
         benchmark::DoNotOptimize(d);
         if (++i == n) i = 0;
+        if (--left == 0) {  // n is a multiple of the run
+            dist = &w.dists[w.which[i]];
+            left = unit;
+        }
     }
 }
 
 #define KELVO_DIST_BENCH(Dist)                                                        \
-    BENCHMARK_TEMPLATE(BM_D, Dist, true)->Name("D/" #Dist "/table")->DenseRange(0, 3);   \
-    BENCHMARK_TEMPLATE(BM_D, Dist, false)->Name("D/" #Dist "/closed")->DenseRange(0, 3); \
-    BENCHMARK_TEMPLATE(BM_Sample, Dist, true)->Name("Sample/" #Dist "/table")->DenseRange(0, 3); \
-    BENCHMARK_TEMPLATE(BM_Sample, Dist, false)->Name("Sample/" #Dist "/closed")->DenseRange(0, 3)
+    BENCHMARK_TEMPLATE(BM_D, Dist, true)->Name("D/" #Dist "/table")->DenseRange(0, 4);   \
+    BENCHMARK_TEMPLATE(BM_D, Dist, false)->Name("D/" #Dist "/closed")->DenseRange(0, 4); \
+    BENCHMARK_TEMPLATE(BM_Sample, Dist, true)->Name("Sample/" #Dist "/table")->DenseRange(0, 4); \
+    BENCHMARK_TEMPLATE(BM_Sample, Dist, false)->Name("Sample/" #Dist "/closed")->DenseRange(0, 4)
 KELVO_DIST_BENCH(BeckmannDistribution);
 KELVO_DIST_BENCH(GGXDistribution);
 KELVO_DIST_BENCH(WardDistribution);

@@ -45,17 +45,19 @@ struct DensityCells {
 inline int64_t ClampCell(int64_t i) { return i < 0 ? 0 : (i > 999 ? 999 : i); }
 
 // Fine cells (steps of 0.0001 from 0.9) serve c >= 0.9, where narrow lobes peak; coarse
-// cells (steps of 0.001) serve everything below. Written without branches on the cell
-// kind: a renderer's half vectors switch between the two unpredictably.
+// cells (steps of 0.001) serve everything below. The cell kind indexes its origin, scale
+// and block instead of branching: a renderer's half vectors switch between the two kinds
+// unpredictably, and compilers turn a plain conditional back into a jump. Only for the
+// cosines the table serves, 1e-16 <= c < 0.999: there i <= 990, so j = i + 1 and no clamp
+// to 0..999 can bind.
 inline DensityCells FindDensityCells(double c) {
-    // fine ? (c - 0.9) * 10000 : c * 1000, bit for bit, as arithmetic on the flag.
-    const int64_t fine = c >= 0.9;
-    const double fineD = double(fine);
-    double f = (c - 0.9 * fineD) * (1000.0 + 9000.0 * fineD);
-    int64_t i = ClampCell(static_cast<int64_t>(f));
-    int64_t j = ClampCell(i + 1);
-    int64_t block = kDistributionCoarseCells * (1 - fine);
-    return {block + i, block + j, f - double(i)};
+    static constexpr double kOrigin[2] = {0.0, 0.9};  // c - 0.0 is c: coarse f stays c * 1000
+    static constexpr double kScale[2] = {1000.0, 10000.0};
+    static constexpr int64_t kBlock[2] = {kDistributionCoarseCells, 0};
+    const unsigned fine = c >= 0.9;
+    const double f = (c - kOrigin[fine]) * kScale[fine];
+    const int64_t i = static_cast<int32_t>(f);
+    return {kBlock[fine] + i, kBlock[fine] + i + 1, f - double(i)};
 }
 
 // The cosine a D block entry stands for.

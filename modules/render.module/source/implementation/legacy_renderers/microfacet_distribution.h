@@ -135,7 +135,7 @@ public:
 
     // D(h) and its sampling density; from the table when one is set, useTable is asked for
     // and c < 0.999 (the tip of the lobe always uses the formula).
-    double D(const Vec3& h, bool useTable, double& samplingDensity) const {
+    [[gnu::always_inline]] double D(const Vec3& h, bool useTable, double& samplingDensity) const {
         double c = h.z;
         if constexpr (kTabulated) {
             if (_table && useTable && c < 0.999) {
@@ -144,7 +144,7 @@ public:
                 DensityCells cells = FindDensityCells(c);
                 float vi = LoadEntry(_table, _dOffset + cells.i);
                 float vj = LoadEntry(_table, _dOffset + cells.j);
-                if ((vi < -0.5f) | (vj < -0.5f)) [[unlikely]] {
+                if (std::min(vi, vj) < -0.5f) [[unlikely]] {
                     CellPair filled = FillDensityCells(cells.i, cells.j);
                     vi = filled.vi;
                     vj = filled.vj;
