@@ -102,10 +102,6 @@ TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {
     fs::remove(out);
 }
 
-}  // namespace
-
-namespace {
-
 // Width and height from a PNG's IHDR chunk.
 std::pair<uint32_t, uint32_t> PngSize(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
