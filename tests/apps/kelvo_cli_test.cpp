@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <sstream>
 
+#include "../image_test_util.h"
 #include "host.h"
 #include "json.h"
 #include "kelvo/mediasession_output.h"
@@ -204,12 +205,6 @@ TEST(KelvoCameraTest, JsonLinesDriveNamedCamerasAndAnswerEveryLine) {
         R"({"offset":[0,0,0],"xAxis":[1,0,0],"yAxis":[0,1,0],"zAxis":[0,0,1]})"));
 }
 
-}  // namespace
-}  // namespace kelvo::cli
-
-namespace kelvo::cli {
-namespace {
-
 class ImageCommandTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -222,25 +217,15 @@ protected:
 
     template <typename T>
     void Write(const std::string& name, PixelFormat f, COLORPROFILE p, const std::vector<T>& px, int64_t w, int64_t h) {
-        auto image = *CreateImage(w, h);
-        auto layer = *CreateImageLayer(w, h, f, p);
-        auto writer = *layer->SetPixelHandler(f, p);
-        for (int64_t y = 0; y < h; ++y) ASSERT_TRUE(writer->SetPixels(0, y, w, px.data() + y * w * f.channels).Ok());
-        ASSERT_TRUE(image->AddLayer(layer).Ok());
-        ASSERT_TRUE(ExportImage(Url::FromFile(Path(name)), *image).Ok());
+        ASSERT_TRUE(ExportImage(Url::FromFile(Path(name)), *testing_images::MakeImage(w, h, f, p, px)).Ok());
     }
     template <typename T>
     std::vector<T> Read(const std::string& name, PixelFormat f, COLORPROFILE p, PixelFormat stored = {}) {
         auto image = ImportImage(Url::FromFile(Path(name)));
         EXPECT_TRUE(image.Ok()) << name;
         if (!image) return {};
-        auto layer = (*image)->GetLayer(0);
-        EXPECT_EQ(layer->GetPixelFormat(), stored.IsValid() ? stored : f) << name;
-        std::vector<T> out(size_t(layer->GetWidth() * layer->GetHeight()) * f.channels);
-        auto reader = *layer->GetPixelHandler(f, p);
-        for (int64_t y = 0; y < layer->GetHeight(); ++y)
-            EXPECT_TRUE(reader->GetPixels(0, y, layer->GetWidth(), out.data() + y * layer->GetWidth() * f.channels).Ok());
-        return out;
+        EXPECT_EQ((*image)->GetLayer(0)->GetPixelFormat(), stored.IsValid() ? stored : f) << name;
+        return testing_images::Pixels<T>(**image, 0, f, p);
     }
     fs::path _dir;
 };
@@ -321,12 +306,6 @@ TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
     EXPECT_EQ(answers[5], R"({"error":"Illegal argument: Distribution kind 4 has no table."})");
     EXPECT_EQ(answers[6], R"({"error":"Illegal argument: wi is missing."})");
 }
-
-}  // namespace
-}  // namespace kelvo::cli
-
-namespace kelvo::cli {
-namespace {
 
 TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
     fs::path png = fs::temp_directory_path() / ("kelvo_lobe_" + std::to_string(::getpid()) + ".png");
