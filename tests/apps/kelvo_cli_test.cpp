@@ -21,7 +21,12 @@ namespace fs = std::filesystem;
 struct ToolRun {
     int status;
     std::string out;
+    bool operator==(const ToolRun&) const = default;
+    friend void PrintTo(const ToolRun& r, std::ostream* os) { *os << "status " << r.status << ": " << r.out; }
 };
+
+// What a failed run prints on stderr, with its exit status.
+ToolRun Failed(const std::string& message) { return {1, "kelvo: " + message + "\n"}; }
 
 // Runs the tool from another working directory, capturing stdout and stderr.
 ToolRun Kelvo(const std::string& args) {
@@ -98,14 +103,9 @@ TEST(KelvoToolTest, ModulesAndConfigShowWhatTheModuleDeclares) {
 }
 
 TEST(KelvoToolTest, ErrorsGoToStderrWithStatusOne) {
-    ToolRun bad = Kelvo("--set g_runUnitTestRenderStatistics=maybe config");
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_EQ(bad.out,
-              "kelvo: Illegal argument: Value 'maybe' is not a bool for "
-              "g_runUnitTestRenderStatistics.\n");
-    ToolRun form = Kelvo("--set novalue config");
-    EXPECT_EQ(form.status, 1);
-    EXPECT_EQ(form.out, "kelvo: Illegal argument: --set expects NAME=VALUE, not 'novalue'.\n");
+    EXPECT_EQ(Kelvo("--set g_runUnitTestRenderStatistics=maybe config"),
+              Failed("Illegal argument: Value 'maybe' is not a bool for g_runUnitTestRenderStatistics."));
+    EXPECT_EQ(Kelvo("--set novalue config"), Failed("Illegal argument: --set expects NAME=VALUE, not 'novalue'."));
     EXPECT_EQ(Kelvo("nosuchcommand").status, 1);
     EXPECT_EQ(Kelvo("--help").status, 0);
 }
@@ -145,14 +145,13 @@ TEST(KelvoCameraTest, CommandLinePrintsRaysWithRoundTripPrecision) {
     EXPECT_EQ(*ReadVec3(j["rays"][0]["origin"], "o"), (Vec3{0, 0, 5}));
     EXPECT_EQ(*ReadVec3(j["rays"][0]["direction"], "d"), (Vec3{0, 0, -1}));
 
-    EXPECT_EQ(Kelvo("camera --class fisheye").out, "kelvo: Illegal argument: Class fisheye not found.\n");
-    EXPECT_EQ(Kelvo("camera -p 3").out,
-              "kelvo: Illegal argument: --pixel expects 2 numbers separated by commas, not '3'.\n");
-    ToolRun same = Kelvo("camera --position 1,2,3 --look-at 1,2,3");
-    EXPECT_EQ(same.status, 1);
-    EXPECT_EQ(same.out, "kelvo: Illegal argument: --look-at must differ from --position.\n");
-    EXPECT_EQ(Kelvo("camera --position 0,0,0 --look-at 0,5,0").out,
-              "kelvo: Illegal argument: --up must not be parallel to the viewing direction.\n");
+    EXPECT_EQ(Kelvo("camera --class fisheye"), Failed("Illegal argument: Class fisheye not found."));
+    EXPECT_EQ(Kelvo("camera -p 3"),
+              Failed("Illegal argument: --pixel expects 2 numbers separated by commas, not '3'."));
+    EXPECT_EQ(Kelvo("camera --position 1,2,3 --look-at 1,2,3"),
+              Failed("Illegal argument: --look-at must differ from --position."));
+    EXPECT_EQ(Kelvo("camera --position 0,0,0 --look-at 0,5,0"),
+              Failed("Illegal argument: --up must not be parallel to the viewing direction."));
 }
 
 TEST(KelvoCameraTest, JsonLinesDriveNamedCamerasAndAnswerEveryLine) {
@@ -270,12 +269,9 @@ TEST_F(ImageCommandTest, InfoNamesFormatLayersAndProfile) {
     EXPECT_EQ(j["format"], "net.kelvo.fileformat.imagepng");
     EXPECT_EQ(j["layers"][0]["pixelFormat"], "grey16");
 
-    ToolRun missing = Kelvo("image info " + Path("none.png"));
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.out, "kelvo: Cannot open file://" + Path("none.png") + ".\n");
-    ToolRun bmp = Kelvo("image convert " + Path("g.png") + " " + Path("g.bmp"));
-    EXPECT_EQ(bmp.status, 1);
-    EXPECT_EQ(bmp.out, "kelvo: No file format writes file://" + Path("g.bmp") + ".\n");
+    EXPECT_EQ(Kelvo("image info " + Path("none.png")), Failed("Cannot open file://" + Path("none.png") + "."));
+    EXPECT_EQ(Kelvo("image convert " + Path("g.png") + " " + Path("g.bmp")),
+              Failed("No file format writes file://" + Path("g.bmp") + "."));
 }
 
 TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
@@ -317,11 +313,9 @@ TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
     in.read(head, 8);
     EXPECT_EQ(std::string(head + 1, 3), "PNG");
     fs::remove(png);
-    run = Kelvo("bsdf plot -m ggxbrdf --data '[1]'");
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.out, "kelvo: Illegal argument: --data must be a JSON object.\n");
-    run = Kelvo("bsdf plot -m nosuchbrdf -o /dev/null");
-    EXPECT_EQ(run.out, "kelvo: Illegal argument: Class net.kelvo.render.bsdflegacyclass.nosuchbrdf not found.\n");
+    EXPECT_EQ(Kelvo("bsdf plot -m ggxbrdf --data '[1]'"), Failed("Illegal argument: --data must be a JSON object."));
+    EXPECT_EQ(Kelvo("bsdf plot -m nosuchbrdf -o /dev/null"),
+              Failed("Illegal argument: Class net.kelvo.render.bsdflegacyclass.nosuchbrdf not found."));
 }
 
 TEST(SelfTestCommandTest, RunsTheBsdfTestsAndAddsStatisticsOnRequest) {
