@@ -12,7 +12,12 @@ namespace fs = std::filesystem;
 struct ToolRun {
     int status;
     std::string out;
+    bool operator==(const ToolRun&) const = default;
+    friend void PrintTo(const ToolRun& r, std::ostream* os) { *os << "status " << r.status << ": " << r.out; }
 };
+
+// What a failed run prints on stderr, with its exit status.
+ToolRun Failed(const std::string& message) { return {1, "kelvo: " + message + "\n"}; }
 
 ToolRun Kelvo(const std::string& args, const std::string& stdinText = "") {
     fs::path in = fs::temp_directory_path() / ("kelvo_ies_stdin_" + std::to_string(::getpid()));
@@ -56,11 +61,8 @@ TEST(KelvoIesTest, InfoShowsTheHeaderAndJsonEveryMember) {
     EXPECT_EQ(f["error"], "IES file error in line 3");
     EXPECT_EQ(f["properties"]["1002"], " kelvo test data");
     EXPECT_FALSE(f.contains("_data"));
-    ToolRun text = Kelvo("ies info " + Data("kelvo__no_tilt.ies"));
-    EXPECT_EQ(text.status, 1);
-    EXPECT_EQ(text.out, "kelvo: IES Header incomplete\n");
-    ToolRun missing = Kelvo("ies info /nonexistent.ies");
-    EXPECT_EQ(missing.out, "kelvo: Cannot open file:///nonexistent.ies.\n");
+    EXPECT_EQ(Kelvo("ies info " + Data("kelvo__no_tilt.ies")), Failed("IES Header incomplete"));
+    EXPECT_EQ(Kelvo("ies info /nonexistent.ies"), Failed("Cannot open file:///nonexistent.ies."));
 }
 
 TEST(KelvoIesTest, EvalTakesDirectionsFromTheCommandLineOrJsonLines) {
@@ -85,9 +87,8 @@ TEST(KelvoIesTest, EvalTakesDirectionsFromTheCommandLineOrJsonLines) {
     EXPECT_EQ(a[2]["error"], "Illegal argument: The line is not valid JSON.");
     EXPECT_TRUE(a[3].contains("error"));
 
-    ToolRun bad = Kelvo("ies eval " + file + " --dir 1,2");
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_EQ(bad.out, "kelvo: Illegal argument: --dir expects 3 numbers separated by commas, not '1,2'.\n");
+    EXPECT_EQ(Kelvo("ies eval " + file + " --dir 1,2"),
+              Failed("Illegal argument: --dir expects 3 numbers separated by commas, not '1,2'."));
 }
 
 TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {
@@ -101,10 +102,6 @@ TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {
         EXPECT_EQ(before[key], after[key]) << key;
     fs::remove(out);
 }
-
-}  // namespace
-
-namespace {
 
 // Width and height from a PNG's IHDR chunk.
 std::pair<uint32_t, uint32_t> PngSize(const fs::path& path) {
@@ -122,13 +119,11 @@ TEST(KelvoIesTest, PreviewOpensTheFileAsAPictureAndWritesTheAskedSize) {
     EXPECT_EQ(PngSize(out), (std::pair<uint32_t, uint32_t>(96, 96)));
     fs::remove(out);
 
-    ToolRun broken = Kelvo("ies preview " + Data("kelvo__tilt_file.ies") + " -o " + out.string());
-    EXPECT_EQ(broken.status, 1);
-    EXPECT_EQ(broken.out, "kelvo: IES file error in line 3\n");
+    EXPECT_EQ(Kelvo("ies preview " + Data("kelvo__tilt_file.ies") + " -o " + out.string()),
+              Failed("IES file error in line 3"));
     // Only what the file-format registry recognises as IES is previewed.
-    ToolRun readme = Kelvo("ies preview " + Data("README.md") + " -o " + out.string());
-    EXPECT_EQ(readme.status, 1);
-    EXPECT_EQ(readme.out, "kelvo: No file format recognises file://" + Data("README.md") + ".\n");
+    EXPECT_EQ(Kelvo("ies preview " + Data("README.md") + " -o " + out.string()),
+              Failed("No file format recognises file://" + Data("README.md") + "."));
     EXPECT_FALSE(fs::exists(out));
 }
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <sstream>
 
+#include "../image_test_util.h"
 #include "host.h"
 #include "json.h"
 #include "kelvo/mediasession_output.h"
@@ -20,7 +21,12 @@ namespace fs = std::filesystem;
 struct ToolRun {
     int status;
     std::string out;
+    bool operator==(const ToolRun&) const = default;
+    friend void PrintTo(const ToolRun& r, std::ostream* os) { *os << "status " << r.status << ": " << r.out; }
 };
+
+// What a failed run prints on stderr, with its exit status.
+ToolRun Failed(const std::string& message) { return {1, "kelvo: " + message + "\n"}; }
 
 // Runs the tool from another working directory, capturing stdout and stderr.
 ToolRun Kelvo(const std::string& args) {
@@ -97,14 +103,9 @@ TEST(KelvoToolTest, ModulesAndConfigShowWhatTheModuleDeclares) {
 }
 
 TEST(KelvoToolTest, ErrorsGoToStderrWithStatusOne) {
-    ToolRun bad = Kelvo("--set g_runUnitTestRenderStatistics=maybe config");
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_EQ(bad.out,
-              "kelvo: Illegal argument: Value 'maybe' is not a bool for "
-              "g_runUnitTestRenderStatistics.\n");
-    ToolRun form = Kelvo("--set novalue config");
-    EXPECT_EQ(form.status, 1);
-    EXPECT_EQ(form.out, "kelvo: Illegal argument: --set expects NAME=VALUE, not 'novalue'.\n");
+    EXPECT_EQ(Kelvo("--set g_runUnitTestRenderStatistics=maybe config"),
+              Failed("Illegal argument: Value 'maybe' is not a bool for g_runUnitTestRenderStatistics."));
+    EXPECT_EQ(Kelvo("--set novalue config"), Failed("Illegal argument: --set expects NAME=VALUE, not 'novalue'."));
     EXPECT_EQ(Kelvo("nosuchcommand").status, 1);
     EXPECT_EQ(Kelvo("--help").status, 0);
 }
@@ -144,14 +145,13 @@ TEST(KelvoCameraTest, CommandLinePrintsRaysWithRoundTripPrecision) {
     EXPECT_EQ(*ReadVec3(j["rays"][0]["origin"], "o"), (Vec3{0, 0, 5}));
     EXPECT_EQ(*ReadVec3(j["rays"][0]["direction"], "d"), (Vec3{0, 0, -1}));
 
-    EXPECT_EQ(Kelvo("camera --class fisheye").out, "kelvo: Illegal argument: Class fisheye not found.\n");
-    EXPECT_EQ(Kelvo("camera -p 3").out,
-              "kelvo: Illegal argument: --pixel expects 2 numbers separated by commas, not '3'.\n");
-    ToolRun same = Kelvo("camera --position 1,2,3 --look-at 1,2,3");
-    EXPECT_EQ(same.status, 1);
-    EXPECT_EQ(same.out, "kelvo: Illegal argument: --look-at must differ from --position.\n");
-    EXPECT_EQ(Kelvo("camera --position 0,0,0 --look-at 0,5,0").out,
-              "kelvo: Illegal argument: --up must not be parallel to the viewing direction.\n");
+    EXPECT_EQ(Kelvo("camera --class fisheye"), Failed("Illegal argument: Class fisheye not found."));
+    EXPECT_EQ(Kelvo("camera -p 3"),
+              Failed("Illegal argument: --pixel expects 2 numbers separated by commas, not '3'."));
+    EXPECT_EQ(Kelvo("camera --position 1,2,3 --look-at 1,2,3"),
+              Failed("Illegal argument: --look-at must differ from --position."));
+    EXPECT_EQ(Kelvo("camera --position 0,0,0 --look-at 0,5,0"),
+              Failed("Illegal argument: --up must not be parallel to the viewing direction."));
 }
 
 TEST(KelvoCameraTest, JsonLinesDriveNamedCamerasAndAnswerEveryLine) {
@@ -204,12 +204,6 @@ TEST(KelvoCameraTest, JsonLinesDriveNamedCamerasAndAnswerEveryLine) {
         R"({"offset":[0,0,0],"xAxis":[1,0,0],"yAxis":[0,1,0],"zAxis":[0,0,1]})"));
 }
 
-}  // namespace
-}  // namespace kelvo::cli
-
-namespace kelvo::cli {
-namespace {
-
 class ImageCommandTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -222,25 +216,15 @@ protected:
 
     template <typename T>
     void Write(const std::string& name, PixelFormat f, COLORPROFILE p, const std::vector<T>& px, int64_t w, int64_t h) {
-        auto image = *CreateImage(w, h);
-        auto layer = *CreateImageLayer(w, h, f, p);
-        auto writer = *layer->SetPixelHandler(f, p);
-        for (int64_t y = 0; y < h; ++y) ASSERT_TRUE(writer->SetPixels(0, y, w, px.data() + y * w * f.channels).Ok());
-        ASSERT_TRUE(image->AddLayer(layer).Ok());
-        ASSERT_TRUE(ExportImage(Url::FromFile(Path(name)), *image).Ok());
+        ASSERT_TRUE(ExportImage(Url::FromFile(Path(name)), *testing_images::MakeImage(w, h, f, p, px)).Ok());
     }
     template <typename T>
     std::vector<T> Read(const std::string& name, PixelFormat f, COLORPROFILE p, PixelFormat stored = {}) {
         auto image = ImportImage(Url::FromFile(Path(name)));
         EXPECT_TRUE(image.Ok()) << name;
         if (!image) return {};
-        auto layer = (*image)->GetLayer(0);
-        EXPECT_EQ(layer->GetPixelFormat(), stored.IsValid() ? stored : f) << name;
-        std::vector<T> out(size_t(layer->GetWidth() * layer->GetHeight()) * f.channels);
-        auto reader = *layer->GetPixelHandler(f, p);
-        for (int64_t y = 0; y < layer->GetHeight(); ++y)
-            EXPECT_TRUE(reader->GetPixels(0, y, layer->GetWidth(), out.data() + y * layer->GetWidth() * f.channels).Ok());
-        return out;
+        EXPECT_EQ((*image)->GetLayer(0)->GetPixelFormat(), stored.IsValid() ? stored : f) << name;
+        return testing_images::Pixels<T>(**image, 0, f, p);
     }
     fs::path _dir;
 };
@@ -285,12 +269,9 @@ TEST_F(ImageCommandTest, InfoNamesFormatLayersAndProfile) {
     EXPECT_EQ(j["format"], "net.kelvo.fileformat.imagepng");
     EXPECT_EQ(j["layers"][0]["pixelFormat"], "grey16");
 
-    ToolRun missing = Kelvo("image info " + Path("none.png"));
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.out, "kelvo: Cannot open file://" + Path("none.png") + ".\n");
-    ToolRun bmp = Kelvo("image convert " + Path("g.png") + " " + Path("g.bmp"));
-    EXPECT_EQ(bmp.status, 1);
-    EXPECT_EQ(bmp.out, "kelvo: No file format writes file://" + Path("g.bmp") + ".\n");
+    EXPECT_EQ(Kelvo("image info " + Path("none.png")), Failed("Cannot open file://" + Path("none.png") + "."));
+    EXPECT_EQ(Kelvo("image convert " + Path("g.png") + " " + Path("g.bmp")),
+              Failed("No file format writes file://" + Path("g.bmp") + "."));
 }
 
 TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
@@ -322,12 +303,6 @@ TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
     EXPECT_EQ(answers[6], R"({"error":"Illegal argument: wi is missing."})");
 }
 
-}  // namespace
-}  // namespace kelvo::cli
-
-namespace kelvo::cli {
-namespace {
-
 TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
     fs::path png = fs::temp_directory_path() / ("kelvo_lobe_" + std::to_string(::getpid()) + ".png");
     ToolRun run = Kelvo("bsdf plot -m ggxbtdf --data '{\"roughness\":0.4,\"iorin\":1.5}' --wo 0.3 0 1 "
@@ -338,11 +313,9 @@ TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
     in.read(head, 8);
     EXPECT_EQ(std::string(head + 1, 3), "PNG");
     fs::remove(png);
-    run = Kelvo("bsdf plot -m ggxbrdf --data '[1]'");
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.out, "kelvo: Illegal argument: --data must be a JSON object.\n");
-    run = Kelvo("bsdf plot -m nosuchbrdf -o /dev/null");
-    EXPECT_EQ(run.out, "kelvo: Illegal argument: Class net.kelvo.render.bsdflegacyclass.nosuchbrdf not found.\n");
+    EXPECT_EQ(Kelvo("bsdf plot -m ggxbrdf --data '[1]'"), Failed("Illegal argument: --data must be a JSON object."));
+    EXPECT_EQ(Kelvo("bsdf plot -m nosuchbrdf -o /dev/null"),
+              Failed("Illegal argument: Class net.kelvo.render.bsdflegacyclass.nosuchbrdf not found."));
 }
 
 TEST(SelfTestCommandTest, RunsTheBsdfTestsAndAddsStatisticsOnRequest) {

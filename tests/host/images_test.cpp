@@ -7,6 +7,7 @@
 #include <fstream>
 #include <vector>
 
+#include "../image_test_util.h"
 #include "host.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
@@ -14,6 +15,7 @@
 namespace kelvo {
 namespace {
 namespace fs = std::filesystem;
+using namespace testing_images;
 
 class ImagesTest : public testing::Test {
 protected:
@@ -26,29 +28,6 @@ protected:
     Url File(const std::string& name) const { return Url::FromFile((_dir / name).string()); }
     fs::path _dir;
 };
-
-template <typename T>
-StrongRef<ImageInterface> MakeImage(int64_t w, int64_t h, PixelFormat f, COLORPROFILE p,
-                                    const std::vector<T>& pixels) {
-    auto image = *CreateImage(w, h);
-    auto layer = *CreateImageLayer(w, h, f, p);
-    auto writer = *layer->SetPixelHandler(f, p);
-    for (int64_t y = 0; y < h; ++y)
-        EXPECT_TRUE(writer->SetPixels(0, y, w, pixels.data() + size_t(y * w) * f.channels).Ok());
-    EXPECT_TRUE(image->AddLayer(layer).Ok());
-    return image;
-}
-
-template <typename T>
-std::vector<T> Pixels(const ImageInterface& image, int64_t layerIndex, PixelFormat f, COLORPROFILE p) {
-    auto layer = image.GetLayer(layerIndex);
-    std::vector<T> out(size_t(layer->GetWidth() * layer->GetHeight()) * f.channels);
-    auto reader = *layer->GetPixelHandler(f, p);
-    for (int64_t y = 0; y < layer->GetHeight(); ++y)
-        EXPECT_TRUE(reader->GetPixels(0, y, layer->GetWidth(),
-                                      out.data() + size_t(y * layer->GetWidth()) * f.channels).Ok());
-    return out;
-}
 
 TEST_F(ImagesTest, PixelFormatsNameTheirLayout) {
     EXPECT_EQ(kPixelRgba16.GetBitsPerPixel(), 64);

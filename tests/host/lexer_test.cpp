@@ -100,12 +100,8 @@ TEST_F(LexerTest, CommasBetweenNumbersAreSeparators) {
     // A comma that does not follow a number, or two commas, is no separator.
     for (const char* text : {", 1", "1,,2", "x, 1"}) {
         auto l = Lex(text);
-        if (std::string_view(text) == "x, 1") {
-            ASSERT_EQ(*l->Next(), T::WORD);
-        }
-        if (std::string_view(text) == "1,,2") {
-            ASSERT_TRUE(l->ReadNumber().Ok());
-        }
+        if (text[0] == 'x') { ASSERT_EQ(*l->Next(), T::WORD); }
+        if (text[0] == '1') { ASSERT_TRUE(l->ReadNumber().Ok()); }
         auto r = l->ReadNumber();
         ASSERT_FALSE(r.Ok()) << text;
         EXPECT_EQ(r.GetError().Message(), "Number expected in line 1.");
@@ -152,14 +148,11 @@ TEST_F(LexerTest, StreamErrorsPassThroughAndMissingStreamIsRefused) {
 
 TEST_F(LexerTest, RandomSequencesAreFixedBySeed) {
     // Values pinned so that a change of generator (or platform) shows up here.
-    Random a(42), b(42), c(43);
-    std::vector<uint64_t> first;
-    for (int i = 0; i < 4; ++i) first.push_back(a.Next64());
-    for (uint64_t v : first) EXPECT_EQ(b.Next64(), v);
     // xoshiro256** seeded by SplitMix64, checked against an independent implementation.
-    EXPECT_EQ(first[0], 0x15780b2e0c2ec716u);
-    EXPECT_EQ(first[1], 0x6104d9866d113a7eu);
-    EXPECT_NE(c.Next64(), first[0]);
+    Random a(42), c(43);
+    EXPECT_EQ(a.Next64(), 0x15780b2e0c2ec716u);
+    EXPECT_EQ(a.Next64(), 0x6104d9866d113a7eu);
+    EXPECT_NE(c.Next64(), 0x15780b2e0c2ec716u);
     Random zero(0);
     EXPECT_NE(zero.Next64(), 0u);
 

@@ -382,12 +382,6 @@ TEST(IesObjectTest, OutOfMemoryAtEveryAllocationLeavesNoLeak) {
     EXPECT_TRUE(succeeded);
 }
 
-}  // namespace
-}  // namespace kelvo
-
-namespace kelvo {
-namespace {
-
 TEST(IesEvalTest, BracketIndexFindsWhatAScanFinds) {
     // Irregular steps, repeated angles, arrays out of order, keys on and between angles and
     // outside the range, with and without an offset (the horizontal search works on angles
@@ -418,12 +412,6 @@ TEST(IesEvalTest, BracketIndexFindsWhatAScanFinds) {
         }
     }
 }
-
-}  // namespace
-}  // namespace kelvo
-
-namespace kelvo {
-namespace {
 
 TEST(IesObjectTest, DescriptionRoundTripComparesEqualAndRefusesMismatchedCounts) {
     auto p = ParseText(Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 40 0")

@@ -1,11 +1,21 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <set>
 #include <string>
 
+#include "ies_test_util.h"
 #include "implementation/media_io_ies.h"
+#include "kelvo/jobs.h"
+#include "kelvo/mediasession_output.h"
 
 namespace kelvo {
 namespace {
+namespace fs = std::filesystem;
+using namespace testing_ies;
 
 TEST(IesDetectTest, ContentWithinTheFirst1024Bytes) {
     EXPECT_TRUE(detail::DetectIesContent("IESNA:LM-63-2002\n[MANUFAC] x\nTILT=NONE\n"));
@@ -22,24 +32,6 @@ TEST(IesDetectTest, ContentWithinTheFirst1024Bytes) {
     EXPECT_FALSE(detail::DetectIesContent(padding + " TILT=NONE"));
     EXPECT_FALSE(detail::DetectIesContent(std::string(1024, 'x') + "IESNA91"));
 }
-
-}  // namespace
-}  // namespace kelvo
-
-#include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <mutex>
-#include <set>
-
-#include "ies_test_util.h"
-#include "kelvo/jobs.h"
-#include "kelvo/mediasession_output.h"
-
-namespace kelvo {
-namespace {
-namespace fs = std::filesystem;
-using namespace testing_ies;
 
 class IesImportTest : public testing::Test {
 protected:

@@ -33,7 +33,6 @@ TEST(DistributionCachesTest, BlockLayoutMarkerAndKinds) {
         for (size_t i = 0; i < kSamplerCacheFloats; ++i)
             ASSERT_EQ(t[i], -1.0f) << "kind " << kind << " entry " << i;
     }
-    EXPECT_EQ(reinterpret_cast<char*>(caches->GetCache(3)) - reinterpret_cast<char*>(first), 14436000);
     for (int32_t kind : {4, 5, -1, 1000, INT32_MIN}) EXPECT_EQ(caches->GetCache(kind), nullptr) << kind;
 
     // A new Init clears what readers filled; Free leaves no table behind.
