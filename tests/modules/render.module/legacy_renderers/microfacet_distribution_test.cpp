@@ -217,6 +217,10 @@ TEST(DistributionTableTest, CellEdgesAndTheTipOfTheLobe) {
     }
     EXPECT_EQ(std::memcmp(before.data(), table + base, 2000 * sizeof(float)), 0);
     EXPECT_NE(d.D(HalfVector(0.99899), true, p), d.ExactD(0.99899, unused));
+    // The last cosine below the tip still interpolates between fine cells 989 and 990.
+    d.D(HalfVector(std::nextafter(0.999, 0.0)), true, p);
+    EXPECT_EQ(table[base + 989], float(d.ExactD(CellCosine(989), unused)));
+    EXPECT_EQ(table[base + 990], float(d.ExactD(CellCosine(990), unused)));
 
     // Without asking for the table, or below 1e-16, the formula (or 0) answers.
     EXPECT_EQ(d.D(HalfVector(0.95), false, p), d.ExactD(0.95, unused));
