@@ -26,11 +26,6 @@ protected:
     void TearDown() override { host::SetHostThreads(0); }
 };
 
-// A latch the tests open by hand.
-struct Gate {
-    StrongRef<ConditionVariableInterface> cv = *CreateConditionVariable();
-};
-
 StrongRef<JobInterface> MakeJob(std::string_view name, JobFunction f) {
     auto job = CreateJob(name, std::move(f));
     EXPECT_TRUE(job.Ok());
@@ -39,10 +34,10 @@ StrongRef<JobInterface> MakeJob(std::string_view name, JobFunction f) {
 
 TEST_F(JobsTest, CancelReachesRunningJobAndObserversRunOnce) {
     auto queue = *CreateJobQueue("Cancel Queue", 1);
-    Gate started;
+    auto started = *CreateConditionVariable();
     std::atomic<int> observed{0};
     auto job = MakeJob("Spinner", [&](JobInterface& self) -> Result<void> {
-        started.cv->Set();
+        started->Set();
         while (!self.IsCancelled()) std::this_thread::yield();
         return UnexpectedError(KELVO_HERE, "stopped");
     });
@@ -59,15 +54,13 @@ TEST_F(JobsTest, CancelReachesRunningJobAndObserversRunOnce) {
     ASSERT_TRUE(second->AddObserver([&](JobInterface&) { observed.fetch_add(10); }).Ok());
     ASSERT_TRUE(queue->Enqueue(job).Ok());
     ASSERT_TRUE(queue->Enqueue(second).Ok());
-    started.cv->Wait();
+    started->Wait();
     EXPECT_EQ(job->GetState(), JOBSTATE::RUNNING);
 
-    Result<void> r2 = CancelAndWait(*second);
-    EXPECT_EQ(r2.GetError().Message(), "Job Behind was cancelled.");
+    EXPECT_EQ(CancelAndWait(*second).GetError().Message(), "Job Behind was cancelled.");
     EXPECT_EQ(job->GetState(), JOBSTATE::RUNNING);  // still spinning: second never waited on it
 
-    Result<void> r = CancelAndWait(*job);
-    EXPECT_EQ(r.GetError().Message(), "stopped");
+    EXPECT_EQ(CancelAndWait(*job).GetError().Message(), "stopped");
     EXPECT_EQ(job->GetState(), JOBSTATE::ENDED);
     queue->WaitAll();
     EXPECT_FALSE(secondRan);
@@ -277,13 +270,7 @@ TEST_F(JobsTest, LazyInitRunsOnceUnderAStampede) {
 TEST_F(JobsTest, ConditionVariableWaitsAndTimesOut) {
     auto cv = *CreateConditionVariable();
     EXPECT_FALSE(cv->WaitFor(0.001));
-    auto queue = *CreateJobQueue("Signal", 1);
-    auto job = MakeJob("Setter", [&](JobInterface&) {
-        cv->Set();
-        return OK();
-    });
-    ASSERT_TRUE(queue->Enqueue(job).Ok());
-    cv->Wait();
+    cv->Set();
     EXPECT_TRUE(cv->IsSet());
     EXPECT_TRUE(cv->WaitFor(-1));
     cv->Reset();
