@@ -26,11 +26,8 @@ TEST_F(CoreValuesTest, IdsCompareByTextAndInternRuntimeText) {
     EXPECT_EQ(*b, a);
     EXPECT_EQ(b->Text(), "net.kelvo.a");
     for (std::string_view bad : {std::string_view(""), std::string_view("a b"),
-                                 std::string_view("tab\there"), std::string_view("nul\0x", 5)}) {
-        auto r = Id::FromText(bad);
-        ASSERT_FALSE(r.Ok());
-        EXPECT_EQ(r.GetError().Kind(), ERRORKIND::ILLEGALARGUMENT);
-    }
+                                 std::string_view("tab\there"), std::string_view("nul\0x", 5)})
+        EXPECT_EQ(Id::FromText(bad).GetError().Kind(), ERRORKIND::ILLEGALARGUMENT) << bad;
     EXPECT_EQ(Id::FromText("a b").GetError().Message(), "Illegal argument: Invalid id 'a b'.");
     EXPECT_FALSE(Id::FromText(std::string(256, 'x')).Ok());
     EXPECT_TRUE(Id::FromText(std::string(255, 'x')).Ok());
@@ -47,7 +44,6 @@ Result<int> Quarter(int v) {
 
 TEST_F(CoreValuesTest, ErrorsFormatAndPassThroughUnchanged) {
     auto r = Quarter(6);
-    ASSERT_FALSE(r.Ok());
     EXPECT_EQ(r.GetError().Message(), "Illegal argument: 3 is odd (half).");
     EXPECT_EQ(r.GetError().Location().Path(), "tests/host/core_values_test");
     EXPECT_EQ(*Quarter(8), 2);
@@ -82,7 +78,6 @@ TEST_F(CoreValuesTest, DictionariesReadMissingOrMistypedValuesAsFallback) {
     host::FailAllAllocations();
     auto failed = d.Set(Id("net.kelvo.new"), 1.0);
     host::FailNthAllocation(0);
-    ASSERT_FALSE(failed.Ok());
     EXPECT_EQ(failed.GetError().Kind(), ERRORKIND::OUTOFMEMORY);
     EXPECT_EQ(d.Size(), 5u);
 }

@@ -81,8 +81,7 @@ TEST_F(DataDescriptionTest, WritesMembersInOrderAndReadsThemBackExactly) {
     ASSERT_TRUE(ReadDescription(back, *text).Ok());
     EXPECT_EQ(back._properties, _p._properties);
     EXPECT_EQ(back._properties.Get<std::string>(int64_t(1002)), "Lux \xb0 caf\xe9");
-    ASSERT_EQ(back._anglesVertical.size(), 5u);
-    for (size_t i = 0; i < 5; ++i) EXPECT_EQ(back._anglesVertical[i], _p._anglesVertical[i]);
+    EXPECT_EQ(back._anglesVertical, _p._anglesVertical);
     EXPECT_EQ(back._counts, _p._counts);
     EXPECT_TRUE(std::isnan(back._dataMax));
     EXPECT_EQ(back._checksum, _p._checksum);

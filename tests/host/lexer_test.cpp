@@ -102,9 +102,7 @@ TEST_F(LexerTest, CommasBetweenNumbersAreSeparators) {
         auto l = Lex(text);
         if (text[0] == 'x') { ASSERT_EQ(*l->Next(), T::WORD); }
         if (text[0] == '1') { ASSERT_TRUE(l->ReadNumber().Ok()); }
-        auto r = l->ReadNumber();
-        ASSERT_FALSE(r.Ok()) << text;
-        EXPECT_EQ(r.GetError().Message(), "Number expected in line 1.");
+        EXPECT_EQ(l->ReadNumber().GetError().Message(), "Number expected in line 1.") << text;
     }
 }
 
@@ -114,19 +112,13 @@ TEST_F(LexerTest, FailedNumberReadsNameTheLine) {
     EXPECT_EQ(*lexer->ReadNumber(), 2);
     EXPECT_EQ(*lexer->ReadInteger(), 3);
     auto bad = lexer->ReadNumber();
-    ASSERT_FALSE(bad.Ok());
     EXPECT_EQ(bad.GetError().Message(), "Number expected in line 3.");
     EXPECT_EQ(bad.GetError().Location().Path(), "host/lexer");
 
-    auto end = Lex("7\n")->ReadNumber();
-    ASSERT_TRUE(end.Ok());
-    auto atEnd = Lex("\n\n");
-    EXPECT_EQ(atEnd->ReadNumber().GetError().Message(), "Number expected in line 2.");
-    for (const char* text : {"2.5", "1e19", "-1e300", "x"}) {
-        auto r = Lex(text)->ReadInteger();
-        ASSERT_FALSE(r.Ok()) << text;
-        EXPECT_EQ(r.GetError().Message(), "Integer expected in line 1.");
-    }
+    EXPECT_EQ(Lex("7\n")->ReadNumber().ValueOr(-1), 7);
+    EXPECT_EQ(Lex("\n\n")->ReadNumber().GetError().Message(), "Number expected in line 2.");
+    for (const char* text : {"2.5", "1e19", "-1e300", "x"})
+        EXPECT_EQ(Lex(text)->ReadInteger().GetError().Message(), "Integer expected in line 1.") << text;
     EXPECT_EQ(*Lex("-4.0")->ReadInteger(), -4);
 }
 
@@ -140,7 +132,6 @@ TEST_F(LexerTest, StreamErrorsPassThroughAndMissingStreamIsRefused) {
     auto lexer = CreateLexer(std::make_shared<Broken>());
     ASSERT_TRUE(lexer.Ok());
     auto r = (*lexer)->Next();
-    ASSERT_FALSE(r.Ok());
     EXPECT_EQ(r.GetError().Message(), "Cannot read file:///x.ies.");
     EXPECT_EQ(r.GetError().Kind(), ERRORKIND::IO);
     EXPECT_EQ(CreateLexer(nullptr).GetError().Message(), "Illegal argument: No input stream.");
@@ -153,8 +144,7 @@ TEST_F(LexerTest, RandomSequencesAreFixedBySeed) {
     EXPECT_EQ(a.Next64(), 0x15780b2e0c2ec716u);
     EXPECT_EQ(a.Next64(), 0x6104d9866d113a7eu);
     EXPECT_NE(c.Next64(), 0x15780b2e0c2ec716u);
-    Random zero(0);
-    EXPECT_NE(zero.Next64(), 0u);
+    EXPECT_NE(Random(0).Next64(), 0u);
 
     Random d(7), e(7);
     double batch[1000];
