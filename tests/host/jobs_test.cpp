@@ -158,7 +158,7 @@ TEST_F(JobsTest, ParallelForCoversEveryIndexOnceWithAnyChunk) {
             struct Local {
                 int64_t sum = 0;
             };
-            Result<void> r = ParallelFor<Local>(
+            ASSERT_TRUE(ParallelFor<Local>(
                 from, to, [&](Local&) { inits.fetch_add(1); },
                 [&](Local& l, int64_t i) {
                     hits[size_t(i - from)].fetch_add(1);
@@ -168,8 +168,7 @@ TEST_F(JobsTest, ParallelForCoversEveryIndexOnceWithAnyChunk) {
                     finals.fetch_add(1);
                     total += l.sum;
                 },
-                {chunk, 0});
-            ASSERT_TRUE(r.Ok());
+                {chunk, 0}).Ok());
             for (auto& h : hits) ASSERT_EQ(h.load(), 1) << "chunk " << chunk;
             EXPECT_EQ(total, (from + to - 1) * (to - from) / 2);
             EXPECT_EQ(inits.load(), finals.load());
