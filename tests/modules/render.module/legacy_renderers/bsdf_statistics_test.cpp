@@ -86,8 +86,7 @@ TEST(DistributionSamplingTest, HalfVectorsFollowTheirDensities) {
 TEST(DiffuseSamplingTest, SampleFFollowsPdfIndirect) {
     DataDictionary record = Dict(bsdfdata::kOrenNayarSigma, 0.6);
     for (const char* suffix : {"lambertbrdf", "orennayarbrdf"}) {
-        auto m = MakeModel(suffix);
-        ASSERT_TRUE(m->Init(record).Ok());
+        auto m = MakeModel(suffix, record);
         EXPECT_EQ(SampleFChiSquare(*m, Normalize(Vec3{0.4, 0.2, 0.7}), kChiSquareTests, true), "")
             << suffix;
     }

@@ -76,6 +76,12 @@ inline StrongRef<BSDFLegacyInterface> MakeModel(const std::string& suffix) {
     return made ? *made : nullptr;
 }
 
+inline StrongRef<BSDFLegacyInterface> MakeModel(const std::string& suffix, const DataDictionary& d) {
+    auto m = MakeModel(suffix);
+    EXPECT_TRUE(m && m->Init(d).Ok()) << suffix;
+    return m;
+}
+
 // Stores (key, value, key, value, ...) pairs.
 inline void SetAll(DataDictionary&) {}
 template <typename V, typename... Rest>

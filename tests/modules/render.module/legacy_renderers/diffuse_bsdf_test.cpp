@@ -23,8 +23,7 @@ TEST(BsdfRegistryTest, CachedSampleType) {
 }
 
 TEST(LambertTest, SidesGrazingAndTheUntestedDensity) {
-    auto m = MakeModel("lambertbrdf");
-    ASSERT_TRUE(m->Init(DataDictionary{}).Ok());
+    auto m = MakeModel("lambertbrdf", DataDictionary{});
     Vec3 wo{0, 0.6, 0.8}, wi{0.8, 0, 0.6}, below{0.8, 0, -0.6};
     double pdf = -1;
     EXPECT_EQ(m->ComputeBSDF(wo, wi, wi, pdf), (Col3{1, 1, 1}));
@@ -58,11 +57,9 @@ TEST(LambertTest, SidesGrazingAndTheUntestedDensity) {
 }
 
 TEST(OrenNayarTest, SigmaZeroNormalDirectionsAndGrazing) {
-    auto m = MakeModel("orennayarbrdf");
+    auto m = MakeModel("orennayarbrdf", DataDictionary{});  // without sigma: Lambert
     Vec3 wo = Normalize(Vec3{0.3, -0.4, 0.7}), wi = Normalize(Vec3{-0.5, 0.2, 0.4});
     double pdf;
-    // Without sigma in the record the model is Lambert.
-    ASSERT_TRUE(m->Init(DataDictionary{}).Ok());
     EXPECT_EQ(m->ComputeBSDF(wo, wi, wi, pdf), (Col3{1, 1, 1}));
     EXPECT_DOUBLE_EQ(pdf, wi.z * kInvPi);
 
@@ -92,10 +89,8 @@ TEST(OrenNayarTest, SigmaZeroNormalDirectionsAndGrazing) {
 }
 
 TEST(OrenNayarTest, FullModelMatchesItsTermsAndIsReciprocal) {
-    auto m = MakeModel("orennayarbrdf");
-    ASSERT_TRUE(m->Init(OrenNayarRecord(0.8, false)).Ok());
-    auto simple = MakeModel("orennayarbrdf");
-    ASSERT_TRUE(simple->Init(OrenNayarRecord(0.8, true)).Ok());
+    auto m = MakeModel("orennayarbrdf", OrenNayarRecord(0.8, false));
+    auto simple = MakeModel("orennayarbrdf", OrenNayarRecord(0.8, true));
     auto lambert = MakeModel("lambertbrdf");
     Rng rng(3);
     for (int n = 0; n < 2000; ++n) {

@@ -16,12 +16,6 @@ DataDictionary Glossy(double roughness, double iorIn = 1.5) {
     return d;
 }
 
-StrongRef<BSDFLegacyInterface> Init(const std::string& suffix, const DataDictionary& d) {
-    auto m = MakeModel(suffix);
-    EXPECT_TRUE(m && m->Init(d).Ok());
-    return m;
-}
-
 const char* const kKinds[] = {"beckmann", "ggx", "phong", "ward", "anisotropic"};
 
 TEST(LegacyRegistryTest, HoldsExactlyTheFifteenModels) {
@@ -37,8 +31,8 @@ TEST(LegacyRegistryTest, HoldsExactlyTheFifteenModels) {
 
 TEST(MicrofacetBsdfTest, ZeroSumsAndWrongSidesGiveNothing) {
     for (const char* kind : kKinds) {
-        auto brdf = Init(std::string(kind) + "brdf", Glossy(0.4));
-        auto btdf = Init(std::string(kind) + "btdf", Glossy(0.4, 2.0));
+        auto brdf = MakeModel(std::string(kind) + "brdf", Glossy(0.4));
+        auto btdf = MakeModel(std::string(kind) + "btdf", Glossy(0.4, 2.0));
         Vec3 wo = Normalize(Vec3{0.3, 0.2, 0.9});
         double p = -1;
         // wl = -wo: the half vector does not exist.
@@ -60,7 +54,7 @@ TEST(MicrofacetBsdfTest, ZeroSumsAndWrongSidesGiveNothing) {
 }
 
 TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
-    auto btdf = Init("ggxbtdf", Glossy(0.5));
+    auto btdf = MakeModel("ggxbtdf", Glossy(0.5));
     auto dist = Updated<GGXDistribution>(Glossy(0.5));
     Vec3 wo = Normalize(Vec3{0.2, 0.1, 0.9}), wi = Normalize(Vec3{-0.1, 0.05, -0.9});
     double p;
@@ -78,7 +72,7 @@ TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
 
     // Seen from below, Beckmann, GGX and Phong transmission vanish by the masking sign test.
     for (const char* kind : {"beckmann", "ggx", "phong"}) {
-        auto m = Init(std::string(kind) + "btdf", Glossy(0.5));
+        auto m = MakeModel(std::string(kind) + "btdf", Glossy(0.5));
         Rng rng(4);
         for (int n = 0; n < 200; ++n) {
             Vec3 below = SphericalDirection(kPi / 2 + 1.4 * rng.NextDouble(), 6.28 * rng.NextDouble());
@@ -90,7 +84,7 @@ TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
 
 TEST(MicrofacetBsdfTest, SamplingBeyondTheCriticalAngleGivesNothing) {
     // Leaving the denser medium (wo below, iorIn 1.5): grazing wo cannot refract.
-    auto btdf = Init("beckmannbtdf", Glossy(0.05));
+    auto btdf = MakeModel("beckmannbtdf", Glossy(0.05));
     Vec3 wo = Normalize(Vec3{0.95, 0.0, -0.2});
     // Entering it, the same view refracts.
     Vec3 above{wo.x, wo.y, -wo.z}, wi;
@@ -111,7 +105,7 @@ TEST(MicrofacetBsdfTest, AnisotropicLobeTurnsWithTheRotation) {
     DataDictionary d0 = Glossy(0.5), d1 = Glossy(0.5);
     SetAll(d0, bsdfdata::kAnisotropy, 0.6);
     SetAll(d1, bsdfdata::kAnisotropy, 0.6, bsdfdata::kRotation, kPi / 2);
-    auto m0 = Init("anisotropicbrdf", d0), m1 = Init("anisotropicbrdf", d1);
+    auto m0 = MakeModel("anisotropicbrdf", d0), m1 = MakeModel("anisotropicbrdf", d1);
     auto turn = [](const Vec3& w) { return Vec3{-w.y, w.x, w.z}; };  // by +90 degrees
     Vec3 wo = Normalize(Vec3{0.4, 0.1, 0.8}), wi = Normalize(Vec3{-0.3, 0.2, 0.85});
     double p0, p1;
@@ -125,9 +119,8 @@ TEST(MicrofacetBsdfTest, AnisotropicLobeTurnsWithTheRotation) {
 }
 
 TEST(BlurrySpecularTest, OffSwitchSidesAndTheLegacyFactors) {
-    auto m = MakeModel("blurryspecularbrdf");
     DataDictionary d = Dict(bsdfdata::kBlurryExponent, 0.0);
-    ASSERT_TRUE(m->Init(d).Ok());
+    auto m = MakeModel("blurryspecularbrdf", d);
     Vec3 wo = Normalize(Vec3{0.1, 0, 1}), wi = Normalize(Vec3{-0.1, 0, 1});
     double p = -1;
     EXPECT_EQ(m->ComputeBSDF(wo, wi, wi, p), (Col3{0, 0, 0}));
@@ -164,12 +157,10 @@ TEST(BlurrySimpleTest, TableAgreesAndIsNeverReadAboveTheCutOff) {
     auto caches = MakeCaches();
     float* table = caches->GetCache(DISTRIBUTIONKIND_GGX);
     DataDictionary d = Dict(bsdfdata::kBlurryExponent, 30.0, bsdfdata::kBlurrySamplingExponent, 0.05);
-    auto closed = MakeModel("blurrysimplebrdf");
-    ASSERT_TRUE(closed->Init(d).Ok());
+    auto closed = MakeModel("blurrysimplebrdf", d);
     ASSERT_TRUE(bsdfdata::SetTable(d, bsdfdata::kBlurryTable, table).Ok());
     SetAll(d, bsdfdata::kBlurryDensityRow, int64_t(2000 * 7), bsdfdata::kBlurrySamplingRow, int64_t(1000 * 7));
-    auto tab = MakeModel("blurrysimplebrdf");
-    ASSERT_TRUE(tab->Init(d).Ok());
+    auto tab = MakeModel("blurrysimplebrdf", d);
     Vec3 wo{0, 0, 1};
     for (double c = 0.05; c < 0.9995; c += 0.0013) {
         Vec3 wi{std::sqrt(1 - c * c), 0, c};

@@ -18,8 +18,7 @@ DataDictionary Glossy(double roughness, double anisotropy = 0.0) {
 }
 
 void ExpectSampleFFollowsPdfIndirect(const std::string& suffix, const DataDictionary& d, const Vec3& wo) {
-    auto m = MakeModel(suffix);
-    ASSERT_TRUE(m->Init(d).Ok());
+    auto m = MakeModel(suffix, d);
     EXPECT_EQ(SampleFChiSquare(*m, wo, kChiSquareTests), "") << suffix;
 }
 
@@ -46,8 +45,7 @@ double Albedo(BSDFLegacyInterface& m, const Vec3& wo) {
 TEST(GlossyEnergyTest, ReflectionAlbedoStaysAtMostOne) {
     for (const char* suffix : {"beckmannbrdf", "ggxbrdf", "wardbrdf", "anisotropicbrdf"}) {
         for (double r : {0.3, 0.6, 1.0}) {
-            auto m = MakeModel(suffix);
-            ASSERT_TRUE(m->Init(Glossy(r, 0.3)).Ok());
+            auto m = MakeModel(suffix, Glossy(r, 0.3));
             for (double view : {0.0, 0.8, 1.3, 1.5}) {
                 double a = Albedo(*m, SphericalDirection(view, 0.4));
                 EXPECT_LE(a, 1.0 + 1e-3) << suffix << " roughness " << r << " view " << view;
@@ -63,8 +61,7 @@ TEST(GlossyEnergyTest, ReflectionIsReciprocal) {
            Vec2{0.3, 0.6}, bsdfdata::kWarpSpecular, 1.0, bsdfdata::kWeftSpecular, 1.0);
     for (const char* suffix : {"beckmannbrdf", "ggxbrdf", "phongbrdf", "wardbrdf", "anisotropicbrdf",
                                "irawanbrdf", "orennayarbrdf", "lambertbrdf"}) {
-        auto m = MakeModel(suffix);
-        ASSERT_TRUE(m->Init(d).Ok());
+        auto m = MakeModel(suffix, d);
         Rng rng(8);
         for (int n = 0; n < 20000; ++n) {
             Vec3 a = SphericalDirection(1.5 * rng.NextDouble(), 6.28 * rng.NextDouble());
