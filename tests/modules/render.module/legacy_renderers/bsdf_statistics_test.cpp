@@ -28,11 +28,12 @@ double HemisphereIntegral(const Dist& d, bool withCosine) {
 
 TEST(DistributionNormalisationTest, ClosedFormsIntegrateToOne) {
     for (double r : {0.05, 0.1, 0.3, 0.6, 1.0}) {
-        EXPECT_NEAR(HemisphereIntegral(Updated<BeckmannDistribution>(Record(r)), true), 1.0, 1e-3) << r;
-        EXPECT_NEAR(HemisphereIntegral(Updated<GGXDistribution>(Record(r)), true), 1.0, 1e-3) << r;
-        EXPECT_NEAR(HemisphereIntegral(Updated<PhongDistribution>(Record(r)), true), 1.0, 1e-3) << r;
+        SCOPED_TRACE(r);
+        EXPECT_NEAR(HemisphereIntegral(Updated<BeckmannDistribution>(Record(r)), true), 1.0, 1e-3);
+        EXPECT_NEAR(HemisphereIntegral(Updated<GGXDistribution>(Record(r)), true), 1.0, 1e-3);
+        EXPECT_NEAR(HemisphereIntegral(Updated<PhongDistribution>(Record(r)), true), 1.0, 1e-3);
         // Ward's density integrates to one without the cosine.
-        EXPECT_NEAR(HemisphereIntegral(Updated<WardDistribution>(Record(r)), false), 1.0, 1e-3) << r;
+        EXPECT_NEAR(HemisphereIntegral(Updated<WardDistribution>(Record(r)), false), 1.0, 1e-3);
     }
     for (auto [r, an] : {std::pair{0.5, 0.3}, {0.7, 0.6}, {0.4, 0.0}}) {
         auto a = Updated<AnisotropicDistribution>(Anisotropic(r, an, 0.4));

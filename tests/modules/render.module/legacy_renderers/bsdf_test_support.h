@@ -97,7 +97,8 @@ DataDictionary Dict(Args&&... args) {
 }
 
 // A roughness record with the caches' tables (null tables without caches).
-inline DataDictionary Record(double roughness, const MicrofacetDistributionCachesInterface* caches = nullptr) {
+inline DataDictionary Record(double roughness,
+                             const MicrofacetDistributionCachesInterface* caches = nullptr) {
     DataDictionary d = Dict(bsdfdata::kRoughness, roughness);
     EXPECT_TRUE(bsdfdata::SetDistributionTables(d, caches).Ok());
     return d;

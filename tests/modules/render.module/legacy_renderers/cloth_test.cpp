@@ -232,8 +232,8 @@ TEST(IrawanTest, EnergyAndSampling) {
         // the specular scale by a few percent; that error adds to ours.
         EXPECT_NEAR(mean, 0.75, 3 * se + 0.05 * 0.5) << name;
     }
-    DataDictionary d =
-        Dict(bsdfdata::kClothPattern, "twill", bsdfdata::kWarpDiffuse, 0.4, bsdfdata::kWeftDiffuse, 0.4);
+    DataDictionary d = Dict(bsdfdata::kClothPattern, "twill", bsdfdata::kWarpDiffuse, 0.4,
+                            bsdfdata::kWeftDiffuse, 0.4);
     ASSERT_TRUE(m->Init(d).Ok());
     Rng rng(3);
     for (int i = 0; i < 2000; ++i) {

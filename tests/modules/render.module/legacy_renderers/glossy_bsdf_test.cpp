@@ -159,7 +159,8 @@ TEST(BlurrySimpleTest, TableAgreesAndIsNeverReadAboveTheCutOff) {
     DataDictionary d = Dict(bsdfdata::kBlurryExponent, 30.0, bsdfdata::kBlurrySamplingExponent, 0.05);
     auto closed = MakeModel("blurrysimplebrdf", d);
     ASSERT_TRUE(bsdfdata::SetTable(d, bsdfdata::kBlurryTable, table).Ok());
-    SetAll(d, bsdfdata::kBlurryDensityRow, int64_t(2000 * 7), bsdfdata::kBlurrySamplingRow, int64_t(1000 * 7));
+    SetAll(d, bsdfdata::kBlurryDensityRow, int64_t(2000 * 7), bsdfdata::kBlurrySamplingRow,
+           int64_t(1000 * 7));
     auto tab = MakeModel("blurrysimplebrdf", d);
     Vec3 wo{0, 0, 1};
     for (double c = 0.05; c < 0.9995; c += 0.0013) {

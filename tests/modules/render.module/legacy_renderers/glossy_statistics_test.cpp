@@ -57,8 +57,9 @@ TEST(GlossyEnergyTest, ReflectionAlbedoStaysAtMostOne) {
 
 TEST(GlossyEnergyTest, ReflectionIsReciprocal) {
     DataDictionary d = Glossy(0.4, 0.3);
-    SetAll(d, bsdfdata::kOrenNayarSigma, 0.4, bsdfdata::kClothPattern, "denim", bsdfdata::kTextureCoordinate,
-           Vec2{0.3, 0.6}, bsdfdata::kWarpSpecular, 1.0, bsdfdata::kWeftSpecular, 1.0);
+    SetAll(d, bsdfdata::kOrenNayarSigma, 0.4, bsdfdata::kClothPattern, "denim",
+           bsdfdata::kTextureCoordinate, Vec2{0.3, 0.6}, bsdfdata::kWarpSpecular, 1.0,
+           bsdfdata::kWeftSpecular, 1.0);
     for (const char* suffix : {"beckmannbrdf", "ggxbrdf", "phongbrdf", "wardbrdf", "anisotropicbrdf",
                                "irawanbrdf", "orennayarbrdf", "lambertbrdf"}) {
         auto m = MakeModel(suffix, d);
