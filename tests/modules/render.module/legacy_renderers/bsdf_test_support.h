@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <numeric>
 #include <optional>
 #include <random>
 #include <sstream>
@@ -73,6 +74,52 @@ inline StrongRef<BSDFLegacyInterface> MakeModel(const std::string& suffix) {
     auto made = CreateClass<BSDFLegacyInterface>(*id);
     EXPECT_TRUE(made.Ok()) << suffix;
     return made ? *made : nullptr;
+}
+
+inline StrongRef<BSDFLegacyInterface> MakeModel(const std::string& suffix, const DataDictionary& d) {
+    auto m = MakeModel(suffix);
+    EXPECT_TRUE(m && m->Init(d).Ok()) << suffix;
+    return m;
+}
+
+// Stores (key, value, key, value, ...) pairs.
+inline void SetAll(DataDictionary&) {}
+template <typename V, typename... Rest>
+void SetAll(DataDictionary& d, const Id& key, V&& value, Rest&&... rest) {
+    EXPECT_TRUE(d.Set(key, Data(std::forward<V>(value))).Ok()) << key.Text();
+    SetAll(d, std::forward<Rest>(rest)...);
+}
+template <typename... Args>
+DataDictionary Dict(Args&&... args) {
+    DataDictionary d;
+    SetAll(d, std::forward<Args>(args)...);
+    return d;
+}
+
+// A roughness record with the caches' tables (null tables without caches).
+inline DataDictionary Record(double roughness,
+                             const MicrofacetDistributionCachesInterface* caches = nullptr) {
+    DataDictionary d = Dict(bsdfdata::kRoughness, roughness);
+    EXPECT_TRUE(bsdfdata::SetDistributionTables(d, caches).Ok());
+    return d;
+}
+
+template <typename Dist>
+Dist Updated(const DataDictionary& record) {
+    Dist d;
+    EXPECT_TRUE(d.Update(record).Ok());
+    return d;
+}
+
+// Midpoint rule for the integral of f(direction) over the upper hemisphere.
+template <typename F>
+double IntegrateHemisphere(F&& f, int thetaSteps, int phiSteps) {
+    double sum = 0.0, dt = kPi / 2 / thetaSteps, dp = 2 * kPi / phiSteps;
+    for (int i = 0; i < thetaSteps; ++i) {
+        double t = (i + 0.5) * dt, st = std::sin(t);
+        for (int j = 0; j < phiSteps; ++j) sum += f(SphericalDirection(t, (j + 0.5) * dp)) * st;
+    }
+    return sum * dt * dp;
 }
 
 // Regularised upper incomplete gamma function Q(a, x), by its series below a + 1 and by
@@ -162,7 +209,7 @@ inline std::string ChiSquare(const ChiSquareSetup& s,
     }
     // Pool the cells that expect too few samples, smallest first.
     std::vector<int> order(cells);
-    for (int i = 0; i < cells; ++i) order[i] = i;
+    std::iota(order.begin(), order.end(), 0);
     std::sort(order.begin(), order.end(), [&](int a, int b) { return expected[a] < expected[b]; });
     double chi2 = 0.0, pooledObs = 0.0, pooledExp = 0.0;
     int dof = -1;
@@ -199,6 +246,28 @@ inline std::string ChiSquare(const ChiSquareSetup& s,
     os << "chi2 " << chi2 << " with " << dof << " degrees of freedom, p " << pValue << " < "
        << alpha << ", " << outside << " samples outside the range";
     return os.str();
+}
+
+// Chi-square test of a model's SampleF against its PdfIndirect from the view `wo`. A diffuse
+// model's samples must also each match PdfIndirect and ComputeBSDF, and as its PdfIndirect
+// has no hemisphere test, only the upper hemisphere is expected.
+inline std::string SampleFChiSquare(BSDFLegacyInterface& m, const Vec3& wo, int testCount,
+                                    bool diffuse = false) {
+    return ChiSquare(
+        ChiSquareSetup{.testCount = testCount},
+        [&](Rng& rng) -> std::optional<Vec3> {
+            SampleRecord rec = MakeSample(rng);
+            Vec3 wi;
+            double pdf, evalPdf;
+            Col3 v = m.SampleF(wo, rec.data(), wi, pdf);
+            if (pdf == 0.0) return std::nullopt;
+            if (diffuse) {
+                EXPECT_NEAR(pdf, m.PdfIndirect(wo, wi), 1e-12);
+                EXPECT_NEAR(v.r, m.ComputeBSDF(wo, wi, wi, evalPdf).r, 1e-12);
+            }
+            return wi;
+        },
+        [&](const Vec3& wi) { return diffuse && wi.z <= 0 ? 0.0 : m.PdfIndirect(wo, wi); });
 }
 
 }  // namespace kelvo::testing_support

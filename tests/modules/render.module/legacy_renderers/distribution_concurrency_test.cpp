@@ -19,12 +19,7 @@ std::vector<double> Evaluate(MicrofacetDistributionCachesInterface& caches, uint
     for (int n = 0; n < count; ++n) {
         // Roughness values that share levels: the first writer's value wins, so each
         // thread uses the level's own roughness to keep the reference comparable.
-        double r = (n % 7) / 7.0;
-        DataDictionary d;
-        EXPECT_TRUE(d.Set(bsdfdata::kRoughness, r).Ok());
-        EXPECT_TRUE(bsdfdata::SetDistributionTables(d, &caches).Ok());
-        Dist dist;
-        EXPECT_TRUE(dist.Update(d).Ok());
+        auto dist = Updated<Dist>(Record((n % 7) / 7.0, &caches));
         SampleRecord rec = MakeSample(rng);
         double dv, pdf;
         Vec3 h = dist.Sample(rec.data(), dv, pdf);

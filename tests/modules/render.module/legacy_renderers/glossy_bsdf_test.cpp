@@ -10,20 +10,10 @@ namespace kelvo::legacy {
 namespace {
 using namespace kelvo::testing_support;
 
-DataDictionary Glossy(double roughness, const MicrofacetDistributionCachesInterface* caches = nullptr,
-                      double iorIn = 1.5, double iorOut = 1.0) {
-    DataDictionary d;
-    EXPECT_TRUE(d.Set(bsdfdata::kRoughness, roughness).Ok());
-    EXPECT_TRUE(d.Set(bsdfdata::kIorIn, iorIn).Ok());
-    EXPECT_TRUE(d.Set(bsdfdata::kIorOut, iorOut).Ok());
-    EXPECT_TRUE(bsdfdata::SetDistributionTables(d, caches).Ok());
+DataDictionary Glossy(double roughness, double iorIn = 1.5) {
+    DataDictionary d = Record(roughness);
+    SetAll(d, bsdfdata::kIorIn, iorIn, bsdfdata::kIorOut, 1.0);
     return d;
-}
-
-StrongRef<BSDFLegacyInterface> Init(const std::string& suffix, const DataDictionary& d) {
-    auto m = MakeModel(suffix);
-    EXPECT_TRUE(m && m->Init(d).Ok());
-    return m;
 }
 
 const char* const kKinds[] = {"beckmann", "ggx", "phong", "ward", "anisotropic"};
@@ -41,8 +31,8 @@ TEST(LegacyRegistryTest, HoldsExactlyTheFifteenModels) {
 
 TEST(MicrofacetBsdfTest, ZeroSumsAndWrongSidesGiveNothing) {
     for (const char* kind : kKinds) {
-        auto brdf = Init(std::string(kind) + "brdf", Glossy(0.4));
-        auto btdf = Init(std::string(kind) + "btdf", Glossy(0.4, nullptr, 2.0));
+        auto brdf = MakeModel(std::string(kind) + "brdf", Glossy(0.4));
+        auto btdf = MakeModel(std::string(kind) + "btdf", Glossy(0.4, 2.0));
         Vec3 wo = Normalize(Vec3{0.3, 0.2, 0.9});
         double p = -1;
         // wl = -wo: the half vector does not exist.
@@ -64,9 +54,8 @@ TEST(MicrofacetBsdfTest, ZeroSumsAndWrongSidesGiveNothing) {
 }
 
 TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
-    auto btdf = Init("ggxbtdf", Glossy(0.5));
-    GGXDistribution dist;
-    ASSERT_TRUE(dist.Update(Glossy(0.5)).Ok());
+    auto btdf = MakeModel("ggxbtdf", Glossy(0.5));
+    auto dist = Updated<GGXDistribution>(Glossy(0.5));
     Vec3 wo = Normalize(Vec3{0.2, 0.1, 0.9}), wi = Normalize(Vec3{-0.1, 0.05, -0.9});
     double p;
     Col3 v = btdf->ComputeBSDF(wo, wi, wi, p);
@@ -83,7 +72,7 @@ TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
 
     // Seen from below, Beckmann, GGX and Phong transmission vanish by the masking sign test.
     for (const char* kind : {"beckmann", "ggx", "phong"}) {
-        auto m = Init(std::string(kind) + "btdf", Glossy(0.5));
+        auto m = MakeModel(std::string(kind) + "btdf", Glossy(0.5));
         Rng rng(4);
         for (int n = 0; n < 200; ++n) {
             Vec3 below = SphericalDirection(kPi / 2 + 1.4 * rng.NextDouble(), 6.28 * rng.NextDouble());
@@ -95,23 +84,17 @@ TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
 
 TEST(MicrofacetBsdfTest, SamplingBeyondTheCriticalAngleGivesNothing) {
     // Leaving the denser medium (wo below, iorIn 1.5): grazing wo cannot refract.
-    auto btdf = Init("beckmannbtdf", Glossy(0.05));
+    auto btdf = MakeModel("beckmannbtdf", Glossy(0.05));
     Vec3 wo = Normalize(Vec3{0.95, 0.0, -0.2});
-    Rng rng(5);
-    for (int n = 0; n < 100; ++n) {
-        SampleRecord rec = MakeSample(rng);
-        Vec3 wi;
-        double p = -1;
-        EXPECT_EQ(btdf->SampleF(wo, rec.data(), wi, p), (Col3{0, 0, 0}));
-        EXPECT_EQ(p, 0.0);
-    }
     // Entering it, the same view refracts.
-    Vec3 above{wo.x, wo.y, -wo.z};
+    Vec3 above{wo.x, wo.y, -wo.z}, wi;
+    Rng rng(5);
     int accepted = 0;
     for (int n = 0; n < 100; ++n) {
         SampleRecord rec = MakeSample(rng);
-        Vec3 wi;
-        double p;
+        double p = -1;
+        EXPECT_EQ(btdf->SampleF(wo, rec.data(), wi, p), (Col3{0, 0, 0}));
+        EXPECT_EQ(p, 0.0);
         btdf->SampleF(above, rec.data(), wi, p);
         accepted += p > 0.0;
     }
@@ -120,10 +103,9 @@ TEST(MicrofacetBsdfTest, SamplingBeyondTheCriticalAngleGivesNothing) {
 
 TEST(MicrofacetBsdfTest, AnisotropicLobeTurnsWithTheRotation) {
     DataDictionary d0 = Glossy(0.5), d1 = Glossy(0.5);
-    ASSERT_TRUE(d0.Set(bsdfdata::kAnisotropy, 0.6).Ok());
-    ASSERT_TRUE(d1.Set(bsdfdata::kAnisotropy, 0.6).Ok());
-    ASSERT_TRUE(d1.Set(bsdfdata::kRotation, kPi / 2).Ok());
-    auto m0 = Init("anisotropicbrdf", d0), m1 = Init("anisotropicbrdf", d1);
+    SetAll(d0, bsdfdata::kAnisotropy, 0.6);
+    SetAll(d1, bsdfdata::kAnisotropy, 0.6, bsdfdata::kRotation, kPi / 2);
+    auto m0 = MakeModel("anisotropicbrdf", d0), m1 = MakeModel("anisotropicbrdf", d1);
     auto turn = [](const Vec3& w) { return Vec3{-w.y, w.x, w.z}; };  // by +90 degrees
     Vec3 wo = Normalize(Vec3{0.4, 0.1, 0.8}), wi = Normalize(Vec3{-0.3, 0.2, 0.85});
     double p0, p1;
@@ -137,15 +119,13 @@ TEST(MicrofacetBsdfTest, AnisotropicLobeTurnsWithTheRotation) {
 }
 
 TEST(BlurrySpecularTest, OffSwitchSidesAndTheLegacyFactors) {
-    auto m = MakeModel("blurryspecularbrdf");
-    DataDictionary d;
-    ASSERT_TRUE(d.Set(bsdfdata::kBlurryExponent, 0.0).Ok());
-    ASSERT_TRUE(m->Init(d).Ok());
+    DataDictionary d = Dict(bsdfdata::kBlurryExponent, 0.0);
+    auto m = MakeModel("blurryspecularbrdf", d);
     Vec3 wo = Normalize(Vec3{0.1, 0, 1}), wi = Normalize(Vec3{-0.1, 0, 1});
     double p = -1;
     EXPECT_EQ(m->ComputeBSDF(wo, wi, wi, p), (Col3{0, 0, 0}));
     EXPECT_EQ(p, 0.0);
-    ASSERT_TRUE(d.Set(bsdfdata::kBlurryExponent, 20.0).Ok());
+    SetAll(d, bsdfdata::kBlurryExponent, 20.0);
     ASSERT_TRUE(m->Update(d).Ok());
     Col3 v = m->ComputeBSDF(wo, wi, wi, p);
     double c = Normalize(wo + wi).z;
@@ -157,13 +137,9 @@ TEST(BlurrySpecularTest, OffSwitchSidesAndTheLegacyFactors) {
     EXPECT_EQ(m->PdfIndirect(wo, -wi), 1.0);
     EXPECT_EQ(m->ComputeMIPAngle(1.0), std::pow(0.5, 20.0));
     // Curve mode: flat until the offset, then the curve.
-    ASSERT_TRUE(d.Set(bsdfdata::kCurveMode, true).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kCurveFactor, 1.0).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kCurvePower, 1.0).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kCurveExponent, 1.0).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kAngleScale, 1.0).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kAngleSlope, 2.0).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kAngleOffset, 0.5).Ok());
+    SetAll(d, bsdfdata::kCurveMode, true, bsdfdata::kCurveFactor, 1.0, bsdfdata::kCurvePower, 1.0,
+           bsdfdata::kCurveExponent, 1.0, bsdfdata::kAngleScale, 1.0, bsdfdata::kAngleSlope, 2.0,
+           bsdfdata::kAngleOffset, 0.5);
     ASSERT_TRUE(m->Update(d).Ok());
     EXPECT_NEAR(m->ComputeBSDF(wo, wi, wi, p).r, 100.0 * w * kPi / wi.z, 1e-9);
     // Sampling: a Phong half-vector lobe, its value without the factor pi.
@@ -180,16 +156,12 @@ TEST(BlurrySpecularTest, OffSwitchSidesAndTheLegacyFactors) {
 TEST(BlurrySimpleTest, TableAgreesAndIsNeverReadAboveTheCutOff) {
     auto caches = MakeCaches();
     float* table = caches->GetCache(DISTRIBUTIONKIND_GGX);
-    DataDictionary d;
-    ASSERT_TRUE(d.Set(bsdfdata::kBlurryExponent, 30.0).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kBlurrySamplingExponent, 0.05).Ok());
-    auto closed = MakeModel("blurrysimplebrdf");
-    ASSERT_TRUE(closed->Init(d).Ok());
+    DataDictionary d = Dict(bsdfdata::kBlurryExponent, 30.0, bsdfdata::kBlurrySamplingExponent, 0.05);
+    auto closed = MakeModel("blurrysimplebrdf", d);
     ASSERT_TRUE(bsdfdata::SetTable(d, bsdfdata::kBlurryTable, table).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kBlurryDensityRow, int64_t(2000 * 7)).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kBlurrySamplingRow, int64_t(1000 * 7)).Ok());
-    auto tab = MakeModel("blurrysimplebrdf");
-    ASSERT_TRUE(tab->Init(d).Ok());
+    SetAll(d, bsdfdata::kBlurryDensityRow, int64_t(2000 * 7), bsdfdata::kBlurrySamplingRow,
+           int64_t(1000 * 7));
+    auto tab = MakeModel("blurrysimplebrdf", d);
     Vec3 wo{0, 0, 1};
     for (double c = 0.05; c < 0.9995; c += 0.0013) {
         Vec3 wi{std::sqrt(1 - c * c), 0, c};

@@ -13,30 +13,13 @@ using namespace kelvo::testing_support;
 constexpr int kChiSquareTests = 7;
 
 DataDictionary Glossy(double roughness, double anisotropy = 0.0) {
-    DataDictionary d;
-    EXPECT_TRUE(d.Set(bsdfdata::kRoughness, roughness).Ok());
-    EXPECT_TRUE(d.Set(bsdfdata::kAnisotropy, anisotropy).Ok());
-    EXPECT_TRUE(d.Set(bsdfdata::kRotation, 0.7).Ok());
-    return d;
+    return Dict(bsdfdata::kRoughness, roughness, bsdfdata::kAnisotropy, anisotropy,
+                bsdfdata::kRotation, 0.7);
 }
 
 void ExpectSampleFFollowsPdfIndirect(const std::string& suffix, const DataDictionary& d, const Vec3& wo) {
-    auto m = MakeModel(suffix);
-    ASSERT_TRUE(m->Init(d).Ok());
-    ChiSquareSetup s;
-    s.testCount = kChiSquareTests;
-    std::string failure = ChiSquare(
-        s,
-        [&](Rng& rng) -> std::optional<Vec3> {
-            SampleRecord rec = MakeSample(rng);
-            Vec3 wi;
-            double p;
-            m->SampleF(wo, rec.data(), wi, p);
-            if (p == 0.0) return std::nullopt;
-            return wi;
-        },
-        [&](const Vec3& wi) { return m->PdfIndirect(wo, wi); });
-    EXPECT_EQ(failure, "") << suffix;
+    auto m = MakeModel(suffix, d);
+    EXPECT_EQ(SampleFChiSquare(*m, wo, kChiSquareTests), "") << suffix;
 }
 
 TEST(GlossySamplingTest, ReflectionSampleFFollowsPdfIndirect) {
@@ -47,32 +30,22 @@ TEST(GlossySamplingTest, ReflectionSampleFFollowsPdfIndirect) {
     ExpectSampleFFollowsPdfIndirect("wardbrdf", Glossy(0.8), Normalize(Vec3{0.9, 0, 0.3}));
     ExpectSampleFFollowsPdfIndirect("anisotropicbrdf", Glossy(0.6, 0.4), wo);
     ExpectSampleFFollowsPdfIndirect("anisotropicbrdf", Glossy(0.8, 0.0), Normalize(Vec3{0.9, 0, 0.3}));
-    DataDictionary cloth;
-    ASSERT_TRUE(cloth.Set(bsdfdata::kClothPattern, std::string("gabardine")).Ok());
-    ASSERT_TRUE(cloth.Set(bsdfdata::kWarpDiffuse, 0.5).Ok());
-    ExpectSampleFFollowsPdfIndirect("irawanbrdf", cloth, wo);
+    ExpectSampleFFollowsPdfIndirect(
+        "irawanbrdf", Dict(bsdfdata::kClothPattern, "gabardine", bsdfdata::kWarpDiffuse, 0.5), wo);
 }
 
-// Albedo = integral of value / pi * cos(theta_i) over the hemisphere, by the midpoint rule.
+// Albedo = integral of value / pi * cos(theta_i) over the hemisphere.
 double Albedo(BSDFLegacyInterface& m, const Vec3& wo) {
-    const int nt = 400, np = 800;
-    double sum = 0.0, dt = kPi / 2 / nt, dp = 2 * kPi / np;
-    for (int i = 0; i < nt; ++i) {
-        double t = (i + 0.5) * dt, st = std::sin(t), ct = std::cos(t);
-        for (int j = 0; j < np; ++j) {
-            Vec3 wi = SphericalDirection(t, (j + 0.5) * dp);
-            double p;
-            sum += m.ComputeBSDF(wo, wi, wi, p).r * ct * st;
-        }
-    }
-    return sum * dt * dp / kPi;
+    return IntegrateHemisphere([&](const Vec3& wi) {
+        double p;
+        return m.ComputeBSDF(wo, wi, wi, p).r * wi.z;
+    }, 400, 800) / kPi;
 }
 
 TEST(GlossyEnergyTest, ReflectionAlbedoStaysAtMostOne) {
     for (const char* suffix : {"beckmannbrdf", "ggxbrdf", "wardbrdf", "anisotropicbrdf"}) {
         for (double r : {0.3, 0.6, 1.0}) {
-            auto m = MakeModel(suffix);
-            ASSERT_TRUE(m->Init(Glossy(r, 0.3)).Ok());
+            auto m = MakeModel(suffix, Glossy(r, 0.3));
             for (double view : {0.0, 0.8, 1.3, 1.5}) {
                 double a = Albedo(*m, SphericalDirection(view, 0.4));
                 EXPECT_LE(a, 1.0 + 1e-3) << suffix << " roughness " << r << " view " << view;
@@ -84,15 +57,12 @@ TEST(GlossyEnergyTest, ReflectionAlbedoStaysAtMostOne) {
 
 TEST(GlossyEnergyTest, ReflectionIsReciprocal) {
     DataDictionary d = Glossy(0.4, 0.3);
-    ASSERT_TRUE(d.Set(bsdfdata::kOrenNayarSigma, 0.4).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kClothPattern, std::string("denim")).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kTextureCoordinate, Vec2{0.3, 0.6}).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kWarpSpecular, 1.0).Ok());
-    ASSERT_TRUE(d.Set(bsdfdata::kWeftSpecular, 1.0).Ok());
+    SetAll(d, bsdfdata::kOrenNayarSigma, 0.4, bsdfdata::kClothPattern, "denim",
+           bsdfdata::kTextureCoordinate, Vec2{0.3, 0.6}, bsdfdata::kWarpSpecular, 1.0,
+           bsdfdata::kWeftSpecular, 1.0);
     for (const char* suffix : {"beckmannbrdf", "ggxbrdf", "phongbrdf", "wardbrdf", "anisotropicbrdf",
                                "irawanbrdf", "orennayarbrdf", "lambertbrdf"}) {
-        auto m = MakeModel(suffix);
-        ASSERT_TRUE(m->Init(d).Ok());
+        auto m = MakeModel(suffix, d);
         Rng rng(8);
         for (int n = 0; n < 20000; ++n) {
             Vec3 a = SphericalDirection(1.5 * rng.NextDouble(), 6.28 * rng.NextDouble());
