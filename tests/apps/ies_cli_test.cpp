@@ -1,36 +1,14 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 
 #include <nlohmann/json.hpp>
 
+#include "../modules/render.module/ies_test_util.h"
+
 namespace {
 namespace fs = std::filesystem;
-
-struct ToolRun {
-    int status;
-    std::string out;
-    bool operator==(const ToolRun&) const = default;
-    friend void PrintTo(const ToolRun& r, std::ostream* os) { *os << "status " << r.status << ": " << r.out; }
-};
-
-// What a failed run prints on stderr, with its exit status.
-ToolRun Failed(const std::string& message) { return {1, "kelvo: " + message + "\n"}; }
-
-ToolRun Kelvo(const std::string& args, const std::string& stdinText = "") {
-    fs::path in = fs::temp_directory_path() / ("kelvo_ies_stdin_" + std::to_string(::getpid()));
-    std::ofstream(in) << stdinText;
-    std::string cmd = "cd / && " + std::string(KELVO_TOOL) + " " + args + " < " + in.string() + " 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
-    std::string out;
-    char buf[4096];
-    while (size_t n = fread(buf, 1, sizeof buf, p)) out.append(buf, n);
-    int status = pclose(p);
-    fs::remove(in);
-    return {WEXITSTATUS(status), out};
-}
+using namespace kelvo::testing_cli;
 
 std::string Data(const char* name) { return std::string(KELVO_SOURCE_DIR) + "/tests/data/ies/" + name; }
 
@@ -103,15 +81,6 @@ TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {
     fs::remove(out);
 }
 
-// Width and height from a PNG's IHDR chunk.
-std::pair<uint32_t, uint32_t> PngSize(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    unsigned char b[24] = {};
-    in.read(reinterpret_cast<char*>(b), 24);
-    auto be = [&](int at) { return uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 | b[at + 3]; };
-    return {be(16), be(20)};
-}
-
 TEST(KelvoIesTest, PreviewOpensTheFileAsAPictureAndWritesTheAskedSize) {
     fs::path out = fs::temp_directory_path() / ("kelvo_ies_preview_" + std::to_string(::getpid()) + ".png");
     ToolRun preview = Kelvo("ies preview " + Data("guv__ushio_b1.ies") + " -o " + out.string() + " --size 96");
@@ -125,14 +94,6 @@ TEST(KelvoIesTest, PreviewOpensTheFileAsAPictureAndWritesTheAskedSize) {
     EXPECT_EQ(Kelvo("ies preview " + Data("README.md") + " -o " + out.string()),
               Failed("No file format recognises file://" + Data("README.md") + "."));
     EXPECT_FALSE(fs::exists(out));
-}
-
-TEST(KelvoIesTest, DemoPreviewsTheSampleProfile) {
-    fs::path out = fs::temp_directory_path() / ("kelvo_ies_demo_" + std::to_string(::getpid()));
-    ToolRun demo = Kelvo("demo --out " + out.string());
-    ASSERT_EQ(demo.status, 0) << demo.out;
-    EXPECT_EQ(PngSize(out / "ies_preview.png"), (std::pair<uint32_t, uint32_t>(512, 512)));
-    fs::remove_all(out);
 }
 
 }  // namespace

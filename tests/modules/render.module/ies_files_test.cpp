@@ -24,13 +24,9 @@ struct Expectation {
 };
 
 std::optional<double> Number(const std::string& cell) {
-    try {
-        size_t used = 0;
-        double v = std::stod(cell, &used);
-        return used == cell.size() ? std::optional<double>(v) : std::nullopt;
-    } catch (...) {
-        return std::nullopt;
-    }
+    std::istringstream in(cell);
+    double v;
+    return in >> v && in.peek() == EOF ? std::optional<double>(v) : std::nullopt;
 }
 
 // Rows of the README table: | `file` | source | licence | origin | ver | tilt | type | u |
@@ -112,24 +108,18 @@ void CheckFolder(const fs::path& folder) {
         ASSERT_TRUE(p.result.Ok()) << p.result.GetError().Message();
         const DataDictionary& props = p.ies->GetProperties();
         IesRawData raw = p.ies->GetRawAccess();
-        if (e->version) {
-            EXPECT_EQ(props.Get<int>(int64_t(IESPROPERTY_VERSION), -1), *e->version);
-        }
-        if (e->tilt) {
-            EXPECT_EQ(props.Get<int>(int64_t(IESPROPERTY_TILT), -1), *e->tilt);
-        }
-        if (e->shape) {
-            EXPECT_EQ(props.Get<int>(int64_t(IESPROPERTY_SHAPE), -1), *e->shape);
-        }
+        for (auto [key, want] : {std::pair{IESPROPERTY_VERSION, e->version}, std::pair{IESPROPERTY_TILT, e->tilt},
+                                 std::pair{IESPROPERTY_SHAPE, e->shape}})
+            if (want) {
+                EXPECT_EQ(props.Get<int>(int64_t(key), -1), *want) << key;
+            }
         Vec3 dims = props.Get<Vec3>(int64_t(IESPROPERTY_DIMENSIONS), Vec3{-1, -1, -1});
         if (e->dims) {
             ExpectClose(dims.x, e->dims->x, "width");
             ExpectClose(dims.y, e->dims->y, "length");
             ExpectClose(dims.z, e->dims->z, "height");
         }
-        if (e->dataMax) {
-            ExpectClose(raw.dataMax, *e->dataMax, "dataMax");
-        }
+        if (e->dataMax) ExpectClose(raw.dataMax, *e->dataMax, "dataMax");
         if (e->counts) {
             EXPECT_EQ(raw.anglesVertical.size(), e->counts->first);
             EXPECT_EQ(raw.anglesHorizontal.size(), e->counts->second);
@@ -160,8 +150,7 @@ void CheckFolder(const fs::path& folder) {
         for (int key : {IESPROPERTY_VERSION, IESPROPERTY_MANUFAC, IESPROPERTY_LUMCAT, IESPROPERTY_LUMINAIRE,
                         IESPROPERTY_LAMPCAT, IESPROPERTY_LAMP})
             EXPECT_EQ(Property(*back.ies, key), Property(*p.ies, key)) << key;
-        Vec3 backDims = back.ies->GetProperties().Get<Vec3>(int64_t(IESPROPERTY_DIMENSIONS));
-        EXPECT_EQ(backDims, dims);
+        EXPECT_EQ(back.ies->GetProperties().Get<Vec3>(int64_t(IESPROPERTY_DIMENSIONS)), dims);
         EXPECT_TRUE(dims.x >= 0 && dims.y >= 0 && dims.z >= 0);
         EXPECT_EQ(ParseText(bytes, 5).ies->GetChecksum(), p.ies->GetChecksum());
     }

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 
+#include "../../image_test_util.h"
 #include "ies_test_util.h"
 #include "implementation/media_io_ies.h"
 #include "kelvo/jobs.h"
@@ -16,6 +17,7 @@ namespace kelvo {
 namespace {
 namespace fs = std::filesystem;
 using namespace testing_ies;
+using testing_images::Pixels;
 
 TEST(IesDetectTest, ContentWithinTheFirst1024Bytes) {
     EXPECT_TRUE(detail::DetectIesContent("IESNA:LM-63-2002\n[MANUFAC] x\nTILT=NONE\n"));
@@ -96,14 +98,11 @@ TEST_F(IesImportTest, ImportGivesOneGreyLayerThatRefusesOtherFormats) {
         EXPECT_EQ(layer->SetPixelHandler(other, COLORPROFILE::SRGB).GetError().Message(), "Wrong pixel format");
     }
     // A downlight: the floor under the light is bright, the top of the wall dark.
-    auto reader = layer->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB);
-    ASSERT_TRUE(reader.Ok());
-    uint8_t top[512], floor[512];
-    ASSERT_TRUE((*reader)->GetPixels(0, 0, 512, top).Ok());
-    ASSERT_TRUE((*reader)->GetPixels(0, 420, 512, floor).Ok());
-    EXPECT_EQ(top[256], 0);
-    EXPECT_GT(floor[256], 200);
-    EXPECT_EQ((*reader)->GetPixels(500, 3, 13, top).GetError().Message(),
+    std::vector<uint8_t> grey = Pixels<uint8_t>(**image, 0, kPixelGrey8, COLORPROFILE::SRGB);
+    EXPECT_EQ(grey[256], 0);
+    EXPECT_GT(grey[420 * 512 + 256], 200);
+    uint8_t row[13];
+    EXPECT_EQ((*layer->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))->GetPixels(500, 3, 13, row).GetError().Message(),
               "Illegal argument: Pixels 500 to 512 of row 3 lie outside the 512 x 512 layer.");
 
     // Parse errors end the import unchanged; an exported copy opens as any picture.
@@ -114,9 +113,7 @@ TEST_F(IesImportTest, ImportGivesOneGreyLayerThatRefusesOtherFormats) {
     ASSERT_TRUE(ExportImage(png, **image).Ok());
     auto back = ImportImage(png);
     ASSERT_TRUE(back.Ok()) << back.GetError().Message();
-    uint8_t again[512];
-    ASSERT_TRUE((*(*back)->GetLayer(0)->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))->GetPixels(0, 420, 512, again).Ok());
-    EXPECT_TRUE(std::equal(floor, floor + 512, again));
+    EXPECT_EQ(Pixels<uint8_t>(**back, 0, kPixelGrey8, COLORPROFILE::SRGB), grey);
 }
 
 TEST(IesPreviewTest, RowsInParallelProgressAndErrors) {
@@ -186,12 +183,8 @@ TEST(IesPreviewTest, RowsInParallelProgressAndErrors) {
     // The image form equals itself run to run.
     auto a = p.ies->GeneratePreviewImage(48), b = p.ies->GeneratePreviewImage(48);
     ASSERT_TRUE(a.Ok() && b.Ok());
-    std::vector<uint8_t> ra(48), rb(48);
-    for (int64_t y = 0; y < 48; ++y) {
-        ASSERT_TRUE((*(*a)->GetLayer(0)->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))->GetPixels(0, y, 48, ra.data()).Ok());
-        ASSERT_TRUE((*(*b)->GetLayer(0)->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))->GetPixels(0, y, 48, rb.data()).Ok());
-        EXPECT_EQ(ra, rb);
-    }
+    EXPECT_EQ(Pixels<uint8_t>(**a, 0, kPixelGrey8, COLORPROFILE::SRGB),
+              Pixels<uint8_t>(**b, 0, kPixelGrey8, COLORPROFILE::SRGB));
 }
 
 }  // namespace
