@@ -118,16 +118,14 @@ struct Workload {
 
 // The renderer holds a material's distribution for a run of samples; the lookup of the
 // next one is harness cost, paid once a run (once a sample for argument 4).
-template <typename Dist, bool kTable>
-void BM_D(benchmark::State& state) {
+template <typename Dist, bool kTable, typename Call>
+void RunWorkload(benchmark::State& state, Call call) {
     Workload<Dist> w(int(state.range(0)), kTable);
     const size_t n = w.which.size(), unit = w.Unit(int(state.range(0)));
     size_t i = 0, left = unit;
     const Dist* dist = &w.dists[w.which[0]];
     for (auto _ : state) {
-        double p;
-        benchmark::DoNotOptimize(dist->D(w.halfVectors[i], true, p));
-        benchmark::DoNotOptimize(p);
+        call(*dist, w, i);
         if (++i == n) i = 0;
         if (--left == 0) {  // n is a multiple of the run
             dist = &w.dists[w.which[i]];
@@ -137,21 +135,21 @@ void BM_D(benchmark::State& state) {
 }
 
 template <typename Dist, bool kTable>
+void BM_D(benchmark::State& state) {
+    RunWorkload<Dist, kTable>(state, [](const Dist& dist, const Workload<Dist>& w, size_t i) {
+        double p;
+        benchmark::DoNotOptimize(dist.D(w.halfVectors[i], true, p));
+        benchmark::DoNotOptimize(p);
+    });
+}
+
+template <typename Dist, bool kTable>
 void BM_Sample(benchmark::State& state) {
-    Workload<Dist> w(int(state.range(0)), kTable);
-    const size_t n = w.which.size(), unit = w.Unit(int(state.range(0)));
-    size_t i = 0, left = unit;
-    const Dist* dist = &w.dists[w.which[0]];
-    for (auto _ : state) {
+    RunWorkload<Dist, kTable>(state, [](const Dist& dist, const Workload<Dist>& w, size_t i) {
         double d, p;
-        benchmark::DoNotOptimize(dist->Sample(w.records[i].data(), d, p));
+        benchmark::DoNotOptimize(dist.Sample(w.records[i].data(), d, p));
         benchmark::DoNotOptimize(d);
-        if (++i == n) i = 0;
-        if (--left == 0) {  // n is a multiple of the run
-            dist = &w.dists[w.which[i]];
-            left = unit;
-        }
-    }
+    });
 }
 
 #define KELVO_DIST_BENCH(Dist)                                                        \
