@@ -152,9 +152,9 @@ void BM_Sample(benchmark::State& state) {
     });
 }
 
-#define KELVO_DIST_BENCH(Dist)                                                        \
-    BENCHMARK_TEMPLATE(BM_D, Dist, true)->Name("D/" #Dist "/table")->DenseRange(0, 4);   \
-    BENCHMARK_TEMPLATE(BM_D, Dist, false)->Name("D/" #Dist "/closed")->DenseRange(0, 4); \
+#define KELVO_DIST_BENCH(Dist)                                                                   \
+    BENCHMARK_TEMPLATE(BM_D, Dist, true)->Name("D/" #Dist "/table")->DenseRange(0, 4);           \
+    BENCHMARK_TEMPLATE(BM_D, Dist, false)->Name("D/" #Dist "/closed")->DenseRange(0, 4);         \
     BENCHMARK_TEMPLATE(BM_Sample, Dist, true)->Name("Sample/" #Dist "/table")->DenseRange(0, 4); \
     BENCHMARK_TEMPLATE(BM_Sample, Dist, false)->Name("Sample/" #Dist "/closed")->DenseRange(0, 4)
 KELVO_DIST_BENCH(BeckmannDistribution);
@@ -180,7 +180,8 @@ struct Model {
         (void)d.Set(bsdfdata::kBlurryExponent, 30.0);
         (void)d.Set(bsdfdata::kBlurrySamplingExponent, 0.05);
         if (table) {
-            (void)bsdfdata::SetTable(d, bsdfdata::kBlurryTable, Caches().GetCache(DISTRIBUTIONKIND_GGX));
+            (void)bsdfdata::SetTable(d, bsdfdata::kBlurryTable,
+                                     Caches().GetCache(DISTRIBUTIONKIND_GGX));
             (void)d.Set(bsdfdata::kBlurryDensityRow, int64_t(2000 * 120));
             (void)d.Set(bsdfdata::kBlurrySamplingRow, int64_t(1000 * 120));
         }
@@ -230,14 +231,14 @@ void BM_SampleF(benchmark::State& state, const std::string& suffix, bool table) 
 void RegisterModels() {
     for (const char* suffix :
          {"lambertbrdf", "orennayarbrdf", "irawanbrdf", "blurrysimplebrdf", "blurryspecularbrdf",
-          "beckmannbrdf", "beckmannbtdf", "ggxbrdf", "ggxbtdf", "phongbrdf", "phongbtdf", "wardbrdf",
-          "wardbtdf", "anisotropicbrdf", "anisotropicbtdf"}) {
+          "beckmannbrdf", "beckmannbtdf", "ggxbrdf", "ggxbtdf", "phongbrdf", "phongbtdf",
+          "wardbrdf", "wardbtdf", "anisotropicbrdf", "anisotropicbtdf"}) {
         for (bool table : {true, false}) {
             std::string tail = std::string(suffix) + (table ? "/table" : "/closed");
             benchmark::RegisterBenchmark(("ComputeBSDF/" + tail).c_str(), BM_ComputeBSDF,
                                          std::string(suffix), table);
-            benchmark::RegisterBenchmark(("SampleF/" + tail).c_str(), BM_SampleF, std::string(suffix),
-                                         table);
+            benchmark::RegisterBenchmark(("SampleF/" + tail).c_str(), BM_SampleF,
+                                         std::string(suffix), table);
         }
     }
 }

@@ -115,7 +115,8 @@ int main(int argc, char** argv) {
     using namespace kelvo;
     auto module = host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
     if (!module) {
-        std::fprintf(stderr, "cannot attach the render module: %s\n", module.GetError().ToString().c_str());
+        std::fprintf(stderr, "cannot attach the render module: %s\n",
+                     module.GetError().ToString().c_str());
         return 1;
     }
     g_frameworkAllocate = g_kelvo.host.Allocate;
@@ -142,10 +143,12 @@ int main(int argc, char** argv) {
     (void)(*parallel)->Init(params, false);
 
     StrongRef<CameraInterface> cameras[] = {baseline, *perspective, *parallel};
-    const char* names[] = {"CreateScreenRay/baseline", "CreateScreenRay/perspective", "CreateScreenRay/parallel"};
+    const char* names[] = {"CreateScreenRay/baseline", "CreateScreenRay/perspective",
+                           "CreateScreenRay/parallel"};
     for (int i = 0; i < 3; ++i) {
         StrongRef<CameraInterface> camera = cameras[i];
-        benchmark::RegisterBenchmark(names[i], [camera](benchmark::State& s) { RenderTile(s, camera); });
+        benchmark::RegisterBenchmark(names[i],
+                                     [camera](benchmark::State& s) { RenderTile(s, camera); });
     }
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

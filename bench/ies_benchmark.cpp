@@ -26,10 +26,15 @@ struct File {
 
 // The largest and the 0-360 files come from the shared corpus (their licences keep them
 // out of the repository); the typical one is a copy kept in tests/data.
-const File kLargest{"largest_263x361", fs::path(KELVO_SHARED_DIR) / "data/ies/eulumdat__Preliminar_Interlab_IPT_fotometria_1.ies"};
-const File kFull{"full360_181x73", fs::path(KELVO_SHARED_DIR) / "data/ies/eulumdat__ITALO_1_5P5_S05_3.140-3M.IES"};
-const File kTypical{"typical_73x37", fs::path(KELVO_SOURCE_DIR) / "tests/data/ies/arnold__profile.ies"};
-const File kSmallFull{"full360_37x17", fs::path(KELVO_SOURCE_DIR) / "tests/data/ies/guv__ushio_b1.ies"};
+const File kLargest{
+    "largest_263x361",
+    fs::path(KELVO_SHARED_DIR) / "data/ies/eulumdat__Preliminar_Interlab_IPT_fotometria_1.ies"};
+const File kFull{"full360_181x73",
+                 fs::path(KELVO_SHARED_DIR) / "data/ies/eulumdat__ITALO_1_5P5_S05_3.140-3M.IES"};
+const File kTypical{"typical_73x37",
+                    fs::path(KELVO_SOURCE_DIR) / "tests/data/ies/arnold__profile.ies"};
+const File kSmallFull{"full360_37x17",
+                      fs::path(KELVO_SOURCE_DIR) / "tests/data/ies/guv__ushio_b1.ies"};
 
 std::string Read(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -56,10 +61,12 @@ void RunOnFile(benchmark::State& state, const File& file, Step step) {
 }
 
 void BM_IesInit(benchmark::State& state, const File* file) {
-    RunOnFile(state, *file, [](IesImpl& ies, const StrongRef<InputStream>& s) { return ies.Init(s).Ok(); });
+    RunOnFile(state, *file,
+              [](IesImpl& ies, const StrongRef<InputStream>& s) { return ies.Init(s).Ok(); });
 }
 void BM_IesParseOnly(benchmark::State& state, const File* file) {
-    RunOnFile(state, *file, [](IesImpl& ies, const StrongRef<InputStream>& s) { return ies.ParseOnly(s).Ok(); });
+    RunOnFile(state, *file,
+              [](IesImpl& ies, const StrongRef<InputStream>& s) { return ies.ParseOnly(s).Ok(); });
 }
 
 void BM_IesIntensity(benchmark::State& state, const File* file) {
@@ -94,7 +101,8 @@ void BM_IesIntensity(benchmark::State& state, const File* file) {
 void BM_DirectionAnglesOnly(benchmark::State& state) {
     Random random(5);
     std::vector<Vec3> directions(4096);
-    for (Vec3& d : directions) d = Normalize(Vec3{random.Get01() * 2 - 1, random.Get01() * 2 - 1, random.Get01() * 2 - 1});
+    for (Vec3& d : directions)
+        d = Normalize(Vec3{random.Get01() * 2 - 1, random.Get01() * 2 - 1, random.Get01() * 2 - 1});
     size_t i = 0;
     for (auto _ : state) {
         const Vec3& d = directions[i];
@@ -117,12 +125,14 @@ void BM_Crc32cHardware(benchmark::State& state) {
         return;
     }
     auto bytes = ChecksumInput();
-    for (auto _ : state) benchmark::DoNotOptimize(detail::Crc32cUpdateHardware(~0u, bytes.data(), bytes.size()));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(detail::Crc32cUpdateHardware(~0u, bytes.data(), bytes.size()));
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes.size()));
 }
 void BM_Crc32cTable(benchmark::State& state) {
     auto bytes = ChecksumInput();
-    for (auto _ : state) benchmark::DoNotOptimize(detail::Crc32cUpdateTable(~0u, bytes.data(), bytes.size()));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(detail::Crc32cUpdateTable(~0u, bytes.data(), bytes.size()));
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes.size()));
 }
 
@@ -144,7 +154,8 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     auto module = kelvo::host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
     if (!module) {
-        std::fprintf(stderr, "cannot attach the render module: %s\n", module.GetError().ToString().c_str());
+        std::fprintf(stderr, "cannot attach the render module: %s\n",
+                     module.GetError().ToString().c_str());
         return 1;
     }
     benchmark::RunSpecifiedBenchmarks();

@@ -23,8 +23,9 @@ void BM_ParallelForPerChunk(benchmark::State& state) {
     const int threads = Threads();
     std::atomic<int64_t> sink{0};
     for (auto _ : state) {
-        auto r = kelvo::ParallelFor(0, kChunks, [&](int64_t i) { sink.fetch_add(i, std::memory_order_relaxed); },
-                                    {1, threads});
+        auto r = kelvo::ParallelFor(
+            0, kChunks, [&](int64_t i) { sink.fetch_add(i, std::memory_order_relaxed); },
+            {1, threads});
         benchmark::DoNotOptimize(r.Ok());
     }
     state.SetItemsProcessed(state.iterations() * kChunks);

@@ -1,15 +1,15 @@
 // Fuzzes the IES parser (and through it the lexer), the evaluator, the writer and the
 // detection of the IES image import. Any input may fail to parse; none may crash, hang,
 // leak or read out of bounds, and whatever parses must survive a write and re-read.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-
 #include <fstream>
-#include <unistd.h>
+#include <string>
 
 #include "host.h"
 #include "implementation/ies_impl.h"
@@ -48,7 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         ~TempFile() { std::remove(path.c_str()); }
     } temp;
     const std::string& path = temp.path;
-    std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), std::streamsize(bytes.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(bytes.data(), std::streamsize(bytes.size()));
     static auto format = CreateClass<FileFormatInterface>(Id("net.kelvo.fileformat.imageies"));
     if (!format) Fail("no IES file format");
     auto found = (*format)->Detect(Url::FromFile(path));
@@ -63,14 +64,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!(*ies)->Init(*stream)) return 0;
 
     // Parsed: evaluation is finite and non-negative everywhere.
-    const Vec3 directions[] = {{0, 0, -1}, {0, 0, 1}, {1, 0, 0}, {-1, 0, 0}, {0, 1, 0},
-                               {0.3, -0.4, 0.866}, {0, 0, 0}, {-0.0, -1, 0}};
+    const Vec3 directions[] = {{0, 0, -1}, {0, 0, 1},          {1, 0, 0}, {-1, 0, 0},
+                               {0, 1, 0},  {0.3, -0.4, 0.866}, {0, 0, 0}, {-0.0, -1, 0}};
     for (const Vec3& d : directions) {
         double v = (*ies)->ComputeLightIntensity(d);
         if (!std::isfinite(v) || v < 0) Fail("intensity not finite or negative");
     }
     IesRawData raw = (*ies)->GetRawAccess();
-    if (!(raw.dataPower > 0) || !std::isfinite(raw.dataPower)) Fail("power not finite and positive");
+    if (!(raw.dataPower > 0) || !std::isfinite(raw.dataPower))
+        Fail("power not finite and positive");
     // Only ascending angles bound the cubic's overshoot: a file whose angles go back lets the
     // tangents grow without limit, and its power with them (a result of the file, not a fault).
     if (std::is_sorted(raw.anglesVertical.begin(), raw.anglesVertical.end()) &&

@@ -1,13 +1,13 @@
 // Writing and reading data descriptions as JSON documents (format in
 // kelvo/datadescription.h).
-#include <nlohmann/json.hpp>
+#include "kelvo/datadescription.h"
 
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 #include "host.h"
-#include "kelvo/datadescription.h"
 
 namespace kelvo::host {
 namespace {
@@ -23,10 +23,14 @@ bool IsUtf8(std::string_view s) {
             ++i;
             continue;
         }
-        if (c >= 0xC2 && c <= 0xDF) n = 1;
-        else if (c >= 0xE0 && c <= 0xEF) n = 2;
-        else if (c >= 0xF0 && c <= 0xF4) n = 3;
-        else return false;
+        if (c >= 0xC2 && c <= 0xDF)
+            n = 1;
+        else if (c >= 0xE0 && c <= 0xEF)
+            n = 2;
+        else if (c >= 0xF0 && c <= 0xF4)
+            n = 3;
+        else
+            return false;
         if (s.size() - i <= n) return false;
         for (size_t k = 1; k <= n; ++k)
             if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return false;
@@ -88,10 +92,14 @@ bool NumberFromJson(const Json& j, double& out) {
     }
     if (!j.is_string()) return false;
     const std::string s = j.get<std::string>();
-    if (s == "nan") out = std::numeric_limits<double>::quiet_NaN();
-    else if (s == "inf") out = HUGE_VAL;
-    else if (s == "-inf") out = -HUGE_VAL;
-    else return false;
+    if (s == "nan")
+        out = std::numeric_limits<double>::quiet_NaN();
+    else if (s == "inf")
+        out = HUGE_VAL;
+    else if (s == "-inf")
+        out = -HUGE_VAL;
+    else
+        return false;
     return true;
 }
 
@@ -120,8 +128,10 @@ Result<Json> DictionaryToJson(const DataDictionary& dict) {
     Json entries = Json::array();
     for (const auto& [key, data] : dict) {
         Json e;
-        if (key.index() == 0) e["key"] = std::string(std::get<Id>(key).Text());
-        else e["key"] = std::get<int64_t>(key);
+        if (key.index() == 0)
+            e["key"] = std::string(std::get<Id>(key).Text());
+        else
+            e["key"] = std::get<int64_t>(key);
         const auto& v = data.Raw();
         if (std::holds_alternative<std::monostate>(v)) {
             e["type"] = "none";
@@ -152,13 +162,16 @@ Result<Json> DictionaryToJson(const DataDictionary& dict) {
             e["value"] = VecToJson(std::initializer_list<double>{c3->r, c3->g, c3->b});
         } else if (auto* m = std::get_if<Matrix>(&v)) {
             e["type"] = "matrix";
-            e["value"] = Json{{"offset", Vec3ToJson(m->offset)}, {"xAxis", Vec3ToJson(m->xAxis)},
-                              {"yAxis", Vec3ToJson(m->yAxis)}, {"zAxis", Vec3ToJson(m->zAxis)}};
+            e["value"] = Json{{"offset", Vec3ToJson(m->offset)},
+                              {"xAxis", Vec3ToJson(m->xAxis)},
+                              {"yAxis", Vec3ToJson(m->yAxis)},
+                              {"zAxis", Vec3ToJson(m->zAxis)}};
         } else if (auto* u = std::get_if<Url>(&v)) {
             e["type"] = "url";
             e["value"] = TextToJson(u->ToString());
         } else {
-            return IllegalArgumentError(KELVO_HERE, "The value under @ cannot be serialised.", KeyText(key));
+            return IllegalArgumentError(KELVO_HERE, "The value under @ cannot be serialised.",
+                                        KeyText(key));
         }
         entries.push_back(std::move(e));
     }
@@ -212,8 +225,10 @@ Result<DataDictionary> DictionaryFromJson(std::string_view member, const Json& j
             data = Col3{n[0], n[1], n[2]};
         } else if (type == "matrix" && v.is_object()) {
             Matrix m;
-            for (auto [name, at] : {std::pair{"offset", &m.offset}, {"xAxis", &m.xAxis},
-                                    {"yAxis", &m.yAxis}, {"zAxis", &m.zAxis}}) {
+            for (auto [name, at] : {std::pair{"offset", &m.offset},
+                                    {"xAxis", &m.xAxis},
+                                    {"yAxis", &m.yAxis},
+                                    {"zAxis", &m.zAxis}}) {
                 if (!v.contains(name)) continue;
                 ok = ok && VecFromJson(v[name], n);
                 *at = Vec3{n[0], n[1], n[2]};
@@ -237,8 +252,10 @@ Json ArrayToJson(const DescribedMember& m) {
     auto* p = static_cast<const T*>(m.array->data(m.address));
     Json a = Json::array();
     for (size_t i = 0; i < n; ++i) {
-        if constexpr (std::is_floating_point_v<T>) a.push_back(NumberToJson(double(p[i])));
-        else a.push_back(p[i]);
+        if constexpr (std::is_floating_point_v<T>)
+            a.push_back(NumberToJson(double(p[i])));
+        else
+            a.push_back(p[i]);
     }
     return a;
 }
@@ -282,11 +299,16 @@ Result<void> ArrayFromJson(std::string_view key, const Json& j, const DescribedM
 template <typename F>
 auto ForElementType(DESCRIBETYPE t, F&& f) {
     switch (t) {
-        case DESCRIBETYPE::INT32: return f(int32_t());
-        case DESCRIBETYPE::UINT32: return f(uint32_t());
-        case DESCRIBETYPE::INT64: return f(int64_t());
-        case DESCRIBETYPE::FLOAT32: return f(float());
-        default: return f(double());
+        case DESCRIBETYPE::INT32:
+            return f(int32_t());
+        case DESCRIBETYPE::UINT32:
+            return f(uint32_t());
+        case DESCRIBETYPE::INT64:
+            return f(int64_t());
+        case DESCRIBETYPE::FLOAT32:
+            return f(float());
+        default:
+            return f(double());
     }
 }
 
@@ -306,25 +328,35 @@ private:
     static Result<Json> ToJson(const DescribedMember& m) {
         const void* a = m.address;
         switch (m.type) {
-            case DESCRIBETYPE::BOOL: return Json(*static_cast<const bool*>(a));
-            case DESCRIBETYPE::INT32: return Json(*static_cast<const int32_t*>(a));
-            case DESCRIBETYPE::UINT32: return Json(*static_cast<const uint32_t*>(a));
-            case DESCRIBETYPE::INT64: return Json(*static_cast<const int64_t*>(a));
-            case DESCRIBETYPE::FLOAT32: return NumberToJson(*static_cast<const float*>(a));
-            case DESCRIBETYPE::FLOAT64: return NumberToJson(*static_cast<const double*>(a));
-            case DESCRIBETYPE::STRING: return TextToJson(*static_cast<const std::string*>(a));
+            case DESCRIBETYPE::BOOL:
+                return Json(*static_cast<const bool*>(a));
+            case DESCRIBETYPE::INT32:
+                return Json(*static_cast<const int32_t*>(a));
+            case DESCRIBETYPE::UINT32:
+                return Json(*static_cast<const uint32_t*>(a));
+            case DESCRIBETYPE::INT64:
+                return Json(*static_cast<const int64_t*>(a));
+            case DESCRIBETYPE::FLOAT32:
+                return NumberToJson(*static_cast<const float*>(a));
+            case DESCRIBETYPE::FLOAT64:
+                return NumberToJson(*static_cast<const double*>(a));
+            case DESCRIBETYPE::STRING:
+                return TextToJson(*static_cast<const std::string*>(a));
             case DESCRIBETYPE::VEC2: {
                 auto& v = *static_cast<const Vec2*>(a);
                 return VecToJson(std::initializer_list<double>{v.x, v.y});
             }
-            case DESCRIBETYPE::VEC3: return Vec3ToJson(*static_cast<const Vec3*>(a));
+            case DESCRIBETYPE::VEC3:
+                return Vec3ToJson(*static_cast<const Vec3*>(a));
             case DESCRIBETYPE::COL3: {
                 auto& c = *static_cast<const Col3*>(a);
                 return VecToJson(std::initializer_list<double>{c.r, c.g, c.b});
             }
-            case DESCRIBETYPE::DATADICTIONARY: return DictionaryToJson(*static_cast<const DataDictionary*>(a));
+            case DESCRIBETYPE::DATADICTIONARY:
+                return DictionaryToJson(*static_cast<const DataDictionary*>(a));
             case DESCRIBETYPE::ARRAY:
-                return ForElementType(m.element, [&](auto t) { return ArrayToJson<decltype(t)>(m); });
+                return ForElementType(m.element,
+                                      [&](auto t) { return ArrayToJson<decltype(t)>(m); });
             case DESCRIBETYPE::OBJECT: {
                 Writer nested;
                 KELVO_TRY(static_cast<DescribeIOInterface*>(m.address)->DescribeIO(nested));
@@ -341,7 +373,8 @@ public:
     bool IsReading() const override { return true; }
     Result<void> Member(std::string_view key, const DescribedMember& m) override {
         auto it = _members.find(std::string(key));
-        if (it == _members.end()) return IllegalArgumentError(KELVO_HERE, "Member @ is missing.", key);
+        if (it == _members.end())
+            return IllegalArgumentError(KELVO_HERE, "Member @ is missing.", key);
         return CatchOutOfMemory([&] { return FromJson(key, *it, m); });
     }
 
@@ -361,16 +394,22 @@ private:
                 if (!j.is_boolean()) return NotA(key, "a bool");
                 *static_cast<bool*>(a) = j.get<bool>();
                 return OK();
-            case DESCRIBETYPE::INT32: return number(static_cast<int32_t*>(a), "an Int32");
-            case DESCRIBETYPE::UINT32: return number(static_cast<uint32_t*>(a), "a UInt32");
-            case DESCRIBETYPE::INT64: return number(static_cast<int64_t*>(a), "an Int64");
-            case DESCRIBETYPE::FLOAT32: return number(static_cast<float*>(a), "a Float32");
-            case DESCRIBETYPE::FLOAT64: return number(static_cast<double*>(a), "a Float64");
+            case DESCRIBETYPE::INT32:
+                return number(static_cast<int32_t*>(a), "an Int32");
+            case DESCRIBETYPE::UINT32:
+                return number(static_cast<uint32_t*>(a), "a UInt32");
+            case DESCRIBETYPE::INT64:
+                return number(static_cast<int64_t*>(a), "an Int64");
+            case DESCRIBETYPE::FLOAT32:
+                return number(static_cast<float*>(a), "a Float32");
+            case DESCRIBETYPE::FLOAT64:
+                return number(static_cast<double*>(a), "a Float64");
             case DESCRIBETYPE::STRING:
                 if (!TextFromJson(j, *static_cast<std::string*>(a))) return NotA(key, "a text");
                 return OK();
             case DESCRIBETYPE::VEC2:
-                if (!j.is_array() || j.size() != 2 || !NumberFromJson(j[0], n[0]) || !NumberFromJson(j[1], n[1]))
+                if (!j.is_array() || j.size() != 2 || !NumberFromJson(j[0], n[0]) ||
+                    !NumberFromJson(j[1], n[1]))
                     return NotA(key, "a Vec2");
                 *static_cast<Vec2*>(a) = Vec2{n[0], n[1]};
                 return OK();
@@ -388,7 +427,8 @@ private:
                 return OK();
             }
             case DESCRIBETYPE::ARRAY:
-                return ForElementType(m.element, [&](auto t) { return ArrayFromJson<decltype(t)>(key, j, m); });
+                return ForElementType(
+                    m.element, [&](auto t) { return ArrayFromJson<decltype(t)>(key, j, m); });
             case DESCRIBETYPE::OBJECT: {
                 if (!j.is_object()) return NotA(key, "an object");
                 Reader nested(j);

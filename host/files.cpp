@@ -3,9 +3,9 @@
 #include <mutex>
 #include <system_error>
 
+#include "host.h"
 #include "kelvo/allocator.h"
 #include "kelvo/io.h"
-#include "host.h"
 
 namespace kelvo::host {
 namespace fs = std::filesystem;
@@ -26,7 +26,8 @@ public:
     ~FileInputStream() override { std::fclose(_file); }
     Result<size_t> Read(void* buffer, size_t size) override {
         size_t n = std::fread(buffer, 1, size, _file);
-        if (n < size && std::ferror(_file)) return IoError(KELVO_HERE, _url, "Cannot read @.", _url);
+        if (n < size && std::ferror(_file))
+            return IoError(KELVO_HERE, _url, "Cannot read @.", _url);
         return n;
     }
     int64_t Length() const override { return _length; }

@@ -121,7 +121,7 @@ size_t PendingJobs();
 // --- Self-tests ------------------------------------------------------------------------------
 struct SelfTestOutcome {
     Id id;
-    bool speed;      // a speed test (net.kelvo.registry.speedtestclasses)
+    bool speed;  // a speed test (net.kelvo.registry.speedtestclasses)
     bool passed;
     std::string report;  // the lines the test wrote
     std::string error;   // why it failed

@@ -35,8 +35,10 @@ extern const HostFileFormat kExrFormat;
 // Pictures beyond this many pixels are refused before any pixel memory is taken, so a
 // header that lies about its size cannot exhaust memory.
 inline constexpr int64_t kMaxPicturePixels = int64_t(1) << 28;
-inline Result<void> CheckPictureSize(const char* format, const std::string& url, int64_t w, int64_t h) {
-    if (w < 1 || h < 1 || w > (int64_t(1) << 24) || h > (int64_t(1) << 24) || w * h > kMaxPicturePixels)
+inline Result<void> CheckPictureSize(const char* format, const std::string& url, int64_t w,
+                                     int64_t h) {
+    if (w < 1 || h < 1 || w > (int64_t(1) << 24) || h > (int64_t(1) << 24) ||
+        w * h > kMaxPicturePixels)
         return IoError(KELVO_HERE, url, "Cannot read @ @: invalid size @ x @.", format, url, w, h);
     return OK();
 }

@@ -1,12 +1,12 @@
 // OpenEXR through the OpenEXR library: scan-line and tiled single-part files, read as
 // linear 32-bit floats (R, G, B and A, or Y and A, or a single channel).
+#include <Imath/half.h>
 #include <ImfChannelList.h>
 #include <ImfFrameBuffer.h>
 #include <ImfHeader.h>
 #include <ImfInputFile.h>
 #include <ImfOutputFile.h>
 #include <ImfStandardAttributes.h>
-#include <Imath/half.h>
 
 #include <cstring>
 #include <vector>
@@ -18,7 +18,8 @@
 namespace kelvo::host::detail {
 namespace {
 
-Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path, const std::string& url) {
+Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path,
+                                          const std::string& url) {
     try {
         Imf::InputFile file(path.c_str());
         const Imath::Box2i dw = file.header().dataWindow();
@@ -33,7 +34,8 @@ Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path, con
         else if (list.begin() != list.end() && ++list.begin() == list.end())
             names = {list.begin().name()};
         else
-            return UnsupportedArgumentError(KELVO_HERE, "OpenEXR file @ has no R, G, B or Y channels.", url);
+            return UnsupportedArgumentError(KELVO_HERE,
+                                            "OpenEXR file @ has no R, G, B or Y channels.", url);
         if (list.findChannel("A")) {
             if (names.size() == 1) names = {names[0], names[0], names[0]};
             names.push_back("A");
@@ -44,11 +46,12 @@ Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path, con
         Imf::FrameBuffer fb;
         const size_t xStride = sizeof(float) * c, yStride = xStride * size_t(w);
         for (size_t k = 0; k < c; ++k)
-            fb.insert(names[k], Imf::Slice::Make(Imf::FLOAT, pixels.data() + k, dw, xStride, yStride,
-                                                 1, 1, names[k] == "A" ? 1.0 : 0.0));
+            fb.insert(names[k], Imf::Slice::Make(Imf::FLOAT, pixels.data() + k, dw, xStride,
+                                                 yStride, 1, 1, names[k] == "A" ? 1.0 : 0.0));
         file.setFrameBuffer(fb);
         file.readPixels(dw.min.y, dw.max.y);
-        KELVO_ASSIGN_OR_RETURN(auto layer, LayerFromPixels(w, h, format, COLORPROFILE::LINEAR, pixels.data()));
+        KELVO_ASSIGN_OR_RETURN(auto layer,
+                               LayerFromPixels(w, h, format, COLORPROFILE::LINEAR, pixels.data()));
         KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(w, h));
         KELVO_TRY(image->AddLayer(layer));
         return image;
@@ -63,13 +66,15 @@ Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path, con
 Result<void> WriteExr(const std::filesystem::path& path, const std::string& url,
                       const ImageInterface& image, const DataDictionary& options) {
     if (image.GetLayerCount() > 1)
-        DiagnosticWarning("OpenEXR keeps only the first of @ layers of @.", image.GetLayerCount(), url);
+        DiagnosticWarning("OpenEXR keeps only the first of @ layers of @.", image.GetLayerCount(),
+                          url);
     StrongRef<ImageLayerInterface> layer = image.GetLayer(0);
     const bool half = options.Get<bool>(kExportOptionHalf, false);
     const uint8_t c = layer->GetPixelFormat().channels;
     const int64_t w = layer->GetWidth(), h = layer->GetHeight();
     std::vector<uint8_t> bytes;
-    KELVO_TRY(ReadLayerRows(image, 0, PixelFormat{c, CHANNELTYPE::FLOAT32}, COLORPROFILE::LINEAR, bytes));
+    KELVO_TRY(
+        ReadLayerRows(image, 0, PixelFormat{c, CHANNELTYPE::FLOAT32}, COLORPROFILE::LINEAR, bytes));
     const size_t n = size_t(w) * size_t(h) * c;
     std::vector<Imath::half> halves(half ? n : 0);
     const auto* floats = reinterpret_cast<const float*>(bytes.data());
@@ -84,7 +89,8 @@ Result<void> WriteExr(const std::filesystem::path& path, const std::string& url,
         Imf::FrameBuffer fb;
         const Imf::PixelType type = half ? Imf::HALF : Imf::FLOAT;
         const size_t size = half ? sizeof(Imath::half) : sizeof(float);
-        char* base = half ? reinterpret_cast<char*>(halves.data()) : reinterpret_cast<char*>(bytes.data());
+        char* base =
+            half ? reinterpret_cast<char*>(halves.data()) : reinterpret_cast<char*>(bytes.data());
         for (uint8_t k = 0; k < c; ++k) {
             header.channels().insert(names[k], Imf::Channel(type));
             fb.insert(names[k], Imf::Slice(type, base + k * size, size * c, size * c * size_t(w)));

@@ -65,11 +65,13 @@ bool ReadPngRows(png_structp png, png_infop info, png_bytep* rows) {
     return true;
 }
 
-Result<StrongRef<ImageInterface>> ReadPng(const std::filesystem::path& path, const std::string& url) {
+Result<StrongRef<ImageInterface>> ReadPng(const std::filesystem::path& path,
+                                          const std::string& url) {
     std::FILE* file = std::fopen(path.c_str(), "rb");
     if (!file) return IoError(KELVO_HERE, url, "Cannot open @.", url);
     PngMessage message{"unknown error"};
-    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &message, &OnPngError, &OnPngWarning);
+    png_structp png =
+        png_create_read_struct(PNG_LIBPNG_VER_STRING, &message, &OnPngError, &OnPngWarning);
     png_infop info = png ? png_create_info_struct(png) : nullptr;
     struct Closer {
         std::FILE* file;
@@ -89,7 +91,8 @@ Result<StrongRef<ImageInterface>> ReadPng(const std::filesystem::path& path, con
     KELVO_TRY(CheckPictureSize("PNG", url, h.width, h.height));
     if (h.channels == 2 || h.channels > 4 || (h.depth != 8 && h.depth != 16))
         return UnsupportedArgumentError(KELVO_HERE, "Unsupported PNG layout in @.", url);
-    PixelFormat format{uint8_t(h.channels), h.depth == 16 ? CHANNELTYPE::UINT16 : CHANNELTYPE::UINT8};
+    PixelFormat format{uint8_t(h.channels),
+                       h.depth == 16 ? CHANNELTYPE::UINT16 : CHANNELTYPE::UINT8};
     const size_t rowBytes = size_t(h.width) * format.GetBytesPerPixel();
     std::vector<uint8_t> pixels(rowBytes * h.height);
     std::vector<png_bytep> rows(h.height);
@@ -97,7 +100,8 @@ Result<StrongRef<ImageInterface>> ReadPng(const std::filesystem::path& path, con
     if (!ReadPngRows(png, info, rows.data()))
         return IoError(KELVO_HERE, url, "Cannot read PNG @: @", url, message.text);
     COLORPROFILE profile = h.linear ? COLORPROFILE::LINEAR : COLORPROFILE::SRGB;
-    KELVO_ASSIGN_OR_RETURN(auto layer, LayerFromPixels(h.width, h.height, format, profile, pixels.data()));
+    KELVO_ASSIGN_OR_RETURN(auto layer,
+                           LayerFromPixels(h.width, h.height, format, profile, pixels.data()));
     KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(h.width, h.height));
     KELVO_TRY(image->AddLayer(layer));
     return image;
@@ -107,7 +111,7 @@ bool WritePngRows(png_structp png, png_infop info, std::FILE* file, const PngHea
                   png_bytep* rows) {
     if (setjmp(png_jmpbuf(png))) return false;
     png_init_io(png, file);
-    int type = h->channels == 1 ? PNG_COLOR_TYPE_GRAY
+    int type = h->channels == 1   ? PNG_COLOR_TYPE_GRAY
                : h->channels == 3 ? PNG_COLOR_TYPE_RGB
                                   : PNG_COLOR_TYPE_RGB_ALPHA;
     png_set_IHDR(png, info, h->width, h->height, h->depth, type, PNG_INTERLACE_NONE,
@@ -145,7 +149,8 @@ Result<void> WritePng(const std::filesystem::path& path, const std::string& url,
     std::FILE* file = std::fopen(path.c_str(), "wb");
     if (!file) return IoError(KELVO_HERE, url, "Cannot write @.", url);
     PngMessage message{"unknown error"};
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &message, &OnPngError, &OnPngWarning);
+    png_structp png =
+        png_create_write_struct(PNG_LIBPNG_VER_STRING, &message, &OnPngError, &OnPngWarning);
     png_infop info = png ? png_create_info_struct(png) : nullptr;
     bool ok = info && WritePngRows(png, info, file, &h, rows.data());
     png_destroy_write_struct(&png, &info);

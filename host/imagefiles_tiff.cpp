@@ -58,10 +58,14 @@ Result<StrongRef<ImageLayerInterface>> ReadDirectory(TIFF* tif, const std::strin
 
     CHANNELTYPE type = CHANNELTYPE::UINT8;
     bool direct = planar == PLANARCONFIG_CONTIG && !TIFFIsTiled(tif) && spp >= 1 && spp <= 4;
-    if (bps == 8 && sampleFormat == SAMPLEFORMAT_UINT) type = CHANNELTYPE::UINT8;
-    else if (bps == 16 && sampleFormat == SAMPLEFORMAT_UINT) type = CHANNELTYPE::UINT16;
-    else if (bps == 32 && sampleFormat == SAMPLEFORMAT_IEEEFP) type = CHANNELTYPE::FLOAT32;
-    else direct = false;
+    if (bps == 8 && sampleFormat == SAMPLEFORMAT_UINT)
+        type = CHANNELTYPE::UINT8;
+    else if (bps == 16 && sampleFormat == SAMPLEFORMAT_UINT)
+        type = CHANNELTYPE::UINT16;
+    else if (bps == 32 && sampleFormat == SAMPLEFORMAT_IEEEFP)
+        type = CHANNELTYPE::FLOAT32;
+    else
+        direct = false;
     if (spp <= 2 && photometric != PHOTOMETRIC_MINISBLACK) direct = false;
     if (spp >= 3 && photometric != PHOTOMETRIC_RGB) direct = false;
 
@@ -103,7 +107,8 @@ Result<StrongRef<ImageLayerInterface>> ReadDirectory(TIFF* tif, const std::strin
     return LayerFromPixels(w, h, file, profile, pixels.data());
 }
 
-Result<StrongRef<ImageInterface>> ReadTiff(const std::filesystem::path& path, const std::string& url) {
+Result<StrongRef<ImageInterface>> ReadTiff(const std::filesystem::path& path,
+                                           const std::string& url) {
     InstallHandlers();
     TiffCloser tif{TIFFOpen(path.c_str(), "r")};
     if (!tif.tif) return IoError(KELVO_HERE, url, "Cannot read TIFF @: @", url, t_tiffError);
@@ -112,9 +117,11 @@ Result<StrongRef<ImageInterface>> ReadTiff(const std::filesystem::path& path, co
         KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> layer, ReadDirectory(tif.tif, url));
         if (!image) {
             KELVO_ASSIGN_OR_RETURN(image, CreateImage(layer->GetWidth(), layer->GetHeight()));
-        } else if (layer->GetWidth() != image->GetWidth() || layer->GetHeight() != image->GetHeight()) {
-            DiagnosticWarning("Skipped a page of @ x @ in @ (the picture is @ x @).", layer->GetWidth(),
-                              layer->GetHeight(), url, image->GetWidth(), image->GetHeight());
+        } else if (layer->GetWidth() != image->GetWidth() ||
+                   layer->GetHeight() != image->GetHeight()) {
+            DiagnosticWarning("Skipped a page of @ x @ in @ (the picture is @ x @).",
+                              layer->GetWidth(), layer->GetHeight(), url, image->GetWidth(),
+                              image->GetHeight());
             continue;
         }
         KELVO_TRY(image->AddLayer(layer));
@@ -168,7 +175,8 @@ Result<void> WriteTiff(const std::filesystem::path& path, const std::string& url
 
 bool DetectTiff(const uint8_t* head, size_t size) {
     if (size < 4) return false;
-    bool little = head[0] == 'I' && head[1] == 'I' && (head[2] == 42 || head[2] == 43) && head[3] == 0;
+    bool little =
+        head[0] == 'I' && head[1] == 'I' && (head[2] == 42 || head[2] == 43) && head[3] == 0;
     bool big = head[0] == 'M' && head[1] == 'M' && head[2] == 0 && (head[3] == 42 || head[3] == 43);
     return little || big;
 }

@@ -29,9 +29,15 @@ void ToRgbaFloat(PixelFormat f, const void* from, float* rgba, int64_t count) {
         for (int k = 0; k < c; ++k) {
             size_t at = size_t(i) * size_t(c) + size_t(k);
             switch (f.type) {
-                case CHANNELTYPE::UINT8: v[k] = static_cast<const uint8_t*>(from)[at] / 255.0f; break;
-                case CHANNELTYPE::UINT16: v[k] = static_cast<const uint16_t*>(from)[at] / 65535.0f; break;
-                case CHANNELTYPE::FLOAT32: v[k] = static_cast<const float*>(from)[at]; break;
+                case CHANNELTYPE::UINT8:
+                    v[k] = static_cast<const uint8_t*>(from)[at] / 255.0f;
+                    break;
+                case CHANNELTYPE::UINT16:
+                    v[k] = static_cast<const uint16_t*>(from)[at] / 65535.0f;
+                    break;
+                case CHANNELTYPE::FLOAT32:
+                    v[k] = static_cast<const float*>(from)[at];
+                    break;
             }
         }
         if (c == 1) v[1] = v[2] = v[0];
@@ -55,9 +61,15 @@ void FromRgbaFloat(const float* rgba, PixelFormat f, void* to, int64_t count) {
         for (int k = 0; k < c; ++k) {
             size_t at = size_t(i) * size_t(c) + size_t(k);
             switch (f.type) {
-                case CHANNELTYPE::UINT8: static_cast<uint8_t*>(to)[at] = ToInteger<uint8_t>(v[k], 255.0f); break;
-                case CHANNELTYPE::UINT16: static_cast<uint16_t*>(to)[at] = ToInteger<uint16_t>(v[k], 65535.0f); break;
-                case CHANNELTYPE::FLOAT32: static_cast<float*>(to)[at] = v[k]; break;
+                case CHANNELTYPE::UINT8:
+                    static_cast<uint8_t*>(to)[at] = ToInteger<uint8_t>(v[k], 255.0f);
+                    break;
+                case CHANNELTYPE::UINT16:
+                    static_cast<uint16_t*>(to)[at] = ToInteger<uint16_t>(v[k], 65535.0f);
+                    break;
+                case CHANNELTYPE::FLOAT32:
+                    static_cast<float*>(to)[at] = v[k];
+                    break;
             }
         }
     }
@@ -119,13 +131,16 @@ public:
     int64_t GetHeight() const override { return _height; }
     PixelFormat GetPixelFormat() const override { return _format; }
     COLORPROFILE GetColorProfile() const override { return _profile; }
-    Result<StrongRef<GetPixelHandlerInterface>> GetPixelHandler(PixelFormat f, COLORPROFILE p) override;
-    Result<StrongRef<SetPixelHandlerInterface>> SetPixelHandler(PixelFormat f, COLORPROFILE p) override;
+    Result<StrongRef<GetPixelHandlerInterface>> GetPixelHandler(PixelFormat f,
+                                                                COLORPROFILE p) override;
+    Result<StrongRef<SetPixelHandlerInterface>> SetPixelHandler(PixelFormat f,
+                                                                COLORPROFILE p) override;
 
     Result<uint8_t*> Row(int64_t x, int64_t y, int64_t count) {
         if (y < 0 || y >= _height || x < 0 || count < 0 || count > _width - x)
             return RangeError(x, y, count, _width, _height);
-        return _pixels.data() + (size_t(y) * size_t(_width) + size_t(x)) * _format.GetBytesPerPixel();
+        return _pixels.data() +
+               (size_t(y) * size_t(_width) + size_t(x)) * _format.GetBytesPerPixel();
     }
 
 private:
@@ -171,13 +186,15 @@ private:
     COLORPROFILE _profile;
 };
 
-Result<StrongRef<GetPixelHandlerInterface>> MemoryLayer::GetPixelHandler(PixelFormat f, COLORPROFILE p) {
+Result<StrongRef<GetPixelHandlerInterface>> MemoryLayer::GetPixelHandler(PixelFormat f,
+                                                                         COLORPROFILE p) {
     if (!f.IsValid()) return IllegalArgumentError(KELVO_HERE, "Invalid pixel format.");
     KELVO_ASSIGN_OR_RETURN(auto h, NewObject<MemoryGetHandler>(shared_from_this(), f, p));
     return StrongRef<GetPixelHandlerInterface>(std::move(h));
 }
 
-Result<StrongRef<SetPixelHandlerInterface>> MemoryLayer::SetPixelHandler(PixelFormat f, COLORPROFILE p) {
+Result<StrongRef<SetPixelHandlerInterface>> MemoryLayer::SetPixelHandler(PixelFormat f,
+                                                                         COLORPROFILE p) {
     if (!f.IsValid()) return IllegalArgumentError(KELVO_HERE, "Invalid pixel format.");
     KELVO_ASSIGN_OR_RETURN(auto h, NewObject<MemorySetHandler>(shared_from_this(), f, p));
     return StrongRef<SetPixelHandlerInterface>(std::move(h));
@@ -195,7 +212,8 @@ public:
     Result<void> AddLayer(StrongRef<ImageLayerInterface> layer) override {
         if (!layer) return IllegalArgumentError(KELVO_HERE, "No layer.");
         if (layer->GetWidth() != _width || layer->GetHeight() != _height)
-            return IllegalArgumentError(KELVO_HERE, "The layer of @ x @ does not fit the image of @ x @.",
+            return IllegalArgumentError(KELVO_HERE,
+                                        "The layer of @ x @ does not fit the image of @ x @.",
                                         layer->GetWidth(), layer->GetHeight(), _width, _height);
         return CatchOutOfMemory([&]() -> Result<void> {
             _layers.push_back(std::move(layer));
@@ -220,7 +238,8 @@ Result<StrongRef<ImageInterface>> CreateImageSlot(int64_t width, int64_t height)
 }
 
 Result<StrongRef<ImageLayerInterface>> CreateImageLayerSlot(int64_t width, int64_t height,
-                                                            PixelFormat format, COLORPROFILE profile) {
+                                                            PixelFormat format,
+                                                            COLORPROFILE profile) {
     KELVO_TRY(CheckSize(width, height));
     if (!format.IsValid()) return IllegalArgumentError(KELVO_HERE, "Invalid pixel format.");
     KELVO_ASSIGN_OR_RETURN(auto layer, NewObject<MemoryLayer>(width, height, format, profile));
@@ -306,7 +325,8 @@ void InsertFormat(std::vector<EntryRecord>& out) {
     out.push_back(MakeEntry(F.formatId, kFileFormatsRegistry, FileFormatInterface::InterfaceId(),
                             &CreateInstance<HostFormat<F>>));
     out.push_back(MakeEntry(F.handlerId, kFileFormatHandlersRegistry,
-                            FileFormatHandlerInterface::InterfaceId(), &CreateInstance<HostHandler<F>>));
+                            FileFormatHandlerInterface::InterfaceId(),
+                            &CreateInstance<HostHandler<F>>));
     out.push_back(MakeEntry(F.importId, Id(), MediaImportInterface::InterfaceId(),
                             &CreateInstance<HostImport<F>>));
     out.push_back(MakeEntry(F.exportId, Id(), MediaExportInterface::InterfaceId(),
@@ -317,7 +337,8 @@ void InsertFormat(std::vector<EntryRecord>& out) {
 
 Result<Id> DetectFileFormatSlot(const Url& url) {
     for (const EntryRecord* e : RegistryMembers(kFileFormatsRegistry)) {
-        if (e->kind != ENTRYKIND::CLASS || e->kindId != FileFormatInterface::InterfaceId()) continue;
+        if (e->kind != ENTRYKIND::CLASS || e->kindId != FileFormatInterface::InterfaceId())
+            continue;
         KELVO_ASSIGN_OR_RETURN(StrongRef<FileFormatInterface> format,
                                CreateClass<FileFormatInterface>(e->GetId()));
         KELVO_ASSIGN_OR_RETURN(bool found, format->Detect(url));
@@ -359,7 +380,8 @@ Result<void> ExportImageSlot(const Url& url, const ImageInterface& image, const 
     Id chosen = format;
     if (chosen.IsEmpty()) {
         for (const EntryRecord* e : RegistryMembers(kFileFormatsRegistry)) {
-            if (e->kind != ENTRYKIND::CLASS || e->kindId != FileFormatInterface::InterfaceId()) continue;
+            if (e->kind != ENTRYKIND::CLASS || e->kindId != FileFormatInterface::InterfaceId())
+                continue;
             KELVO_ASSIGN_OR_RETURN(auto f, CreateClass<FileFormatInterface>(e->GetId()));
             if (!f->MatchesSuffix(url)) continue;
             KELVO_ASSIGN_OR_RETURN(auto writer, FindHandler(e->GetId(), false));
@@ -374,8 +396,9 @@ Result<void> ExportImageSlot(const Url& url, const ImageInterface& image, const 
         KELVO_ASSIGN_OR_RETURN(handler, FindHandler(chosen, false));
     }
     if (!handler)
-        return UnsupportedArgumentError(KELVO_HERE, "No file format writes @.",
-                                        format.IsEmpty() ? url.ToString() : std::string(format.Text()));
+        return UnsupportedArgumentError(
+            KELVO_HERE, "No file format writes @.",
+            format.IsEmpty() ? url.ToString() : std::string(format.Text()));
     KELVO_ASSIGN_OR_RETURN(auto step, CreateClass<MediaExportInterface>(handler->GetExportClass()));
     return step->Export(url, image, options);
 }
@@ -419,7 +442,8 @@ Result<void> ReadLayerRows(const ImageInterface& image, int64_t index, PixelForm
     const int64_t w = layer->GetWidth(), h = layer->GetHeight();
     const size_t row = size_t(w) * format.GetBytesPerPixel();
     out.resize(row * size_t(h));
-    for (int64_t y = 0; y < h; ++y) KELVO_TRY(reader->GetPixels(0, y, w, out.data() + row * size_t(y)));
+    for (int64_t y = 0; y < h; ++y)
+        KELVO_TRY(reader->GetPixels(0, y, w, out.data() + row * size_t(y)));
     return OK();
 }
 
@@ -430,7 +454,8 @@ Result<StrongRef<ImageLayerInterface>> LayerFromPixels(int64_t width, int64_t he
     KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(format, profile));
     const size_t row = size_t(width) * format.GetBytesPerPixel();
     for (int64_t y = 0; y < height; ++y)
-        KELVO_TRY(writer->SetPixels(0, y, width, static_cast<const uint8_t*>(pixels) + row * size_t(y)));
+        KELVO_TRY(
+            writer->SetPixels(0, y, width, static_cast<const uint8_t*>(pixels) + row * size_t(y)));
     return layer;
 }
 

@@ -4,6 +4,8 @@
 // The pool runs tasks in FIFO order. A queue puts at most its thread count of "tokens"
 // into the pool; a token runs one job of its queue and, if more are pending, goes to the
 // back of the pool again, so queues share the pool round-robin.
+#include "kelvo/jobs.h"
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -12,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "kelvo/jobs.h"
 #include "host.h"
 
 namespace kelvo::host {
@@ -148,7 +149,8 @@ public:
         // A job that has not started is ended here, by whoever claims it first.
         for (JOBSTATE from : {JOBSTATE::QUEUED, JOBSTATE::CREATED}) {
             JOBSTATE expected = from;
-            if (_state.compare_exchange_strong(expected, JOBSTATE::ENDED, std::memory_order_acq_rel)) {
+            if (_state.compare_exchange_strong(expected, JOBSTATE::ENDED,
+                                               std::memory_order_acq_rel)) {
                 Finish(CancelledError());
                 return;
             }
@@ -207,7 +209,8 @@ public:
     // Puts a created job into the queued state; false if it was enqueued, run or cancelled.
     bool MarkQueued() {
         JOBSTATE expected = JOBSTATE::CREATED;
-        return _state.compare_exchange_strong(expected, JOBSTATE::QUEUED, std::memory_order_acq_rel);
+        return _state.compare_exchange_strong(expected, JOBSTATE::QUEUED,
+                                              std::memory_order_acq_rel);
     }
 
     // Runs a queued job on this worker, unless it was cancelled meanwhile.
@@ -502,13 +505,15 @@ Result<StrongRef<JobQueueInterface>> CreateJobQueueSlot(std::string_view name, i
         return IllegalArgumentError(KELVO_HERE, "Invalid thread count @ for job queue @.", threads,
                                     name);
     return CatchOutOfMemory([&]() -> Result<StrongRef<JobQueueInterface>> {
-        return StrongRef<JobQueueInterface>(std::make_shared<JobQueueImpl>(std::string(name), threads));
+        return StrongRef<JobQueueInterface>(
+            std::make_shared<JobQueueImpl>(std::string(name), threads));
     });
 }
 
 Result<StrongRef<JobInterface>> CreateJobSlot(std::string_view name, JobFunction work) {
     return CatchOutOfMemory([&]() -> Result<StrongRef<JobInterface>> {
-        return StrongRef<JobInterface>(std::make_shared<JobImpl>(std::string(name), std::move(work)));
+        return StrongRef<JobInterface>(
+            std::make_shared<JobImpl>(std::string(name), std::move(work)));
     });
 }
 

@@ -1,11 +1,12 @@
 // The text lexer over an input stream (see kelvo/lexer.h for the token rules).
+#include "kelvo/lexer.h"
+
 #include <charconv>
 #include <cmath>
 #include <string>
 
-#include "kelvo/allocator.h"
-#include "kelvo/lexer.h"
 #include "host.h"
+#include "kelvo/allocator.h"
 
 namespace kelvo::host {
 namespace {
@@ -103,7 +104,8 @@ public:
         KELVO_TRY(Next());
         if (_token == LEXTOKEN::COMMA && afterNumber) KELVO_TRY(Next());
         // 2^63 bounds the range: beyond it a double no longer fits an int64_t.
-        if (_token != LEXTOKEN::NUMBER || !(_value >= -9223372036854775808.0 && _value < 9223372036854775808.0) ||
+        if (_token != LEXTOKEN::NUMBER ||
+            !(_value >= -9223372036854775808.0 && _value < 9223372036854775808.0) ||
             _value != std::trunc(_value))
             return UnexpectedError(KELVO_HERE, "Integer expected in line @.", _tokenLine);
         return static_cast<int64_t>(_value);

@@ -42,10 +42,14 @@ void HostYield() { std::this_thread::yield(); }
 // then everything else in the dependency order of the framework owning its registry.
 int Phase(const EntryRecord& e) {
     switch (e.kind) {
-        case ENTRYKIND::REGISTRY: return 0;
-        case ENTRYKIND::CONFIGVARIABLE: return 1;
-        case ENTRYKIND::DATATYPE: return 2;
-        default: return 3;
+        case ENTRYKIND::REGISTRY:
+            return 0;
+        case ENTRYKIND::CONFIGVARIABLE:
+            return 1;
+        case ENTRYKIND::DATATYPE:
+            return 2;
+        default:
+            return 3;
     }
 }
 

@@ -2,9 +2,10 @@
 //
 // xoshiro256** seeded through SplitMix64: integer arithmetic only, so a seed gives the
 // same sequence on every platform and compiler.
-#include "kelvo/cpu.h"
 #include "kelvo/random.h"
+
 #include "host.h"
+#include "kelvo/cpu.h"
 
 namespace kelvo::host {
 namespace {

@@ -44,11 +44,16 @@ using detail::GetState;
 
 const std::vector<std::string>& Frameworks() {
     static const std::vector<std::string> list = {
-        "net.kelvo.core.framework",          "net.kelvo.graph.framework",
-        "net.kelvo.image.framework",         "net.kelvo.math.framework",
-        "net.kelvo.misc.framework",          "net.kelvo.nodes.framework",
-        "net.kelvo.nodes_corenodes.framework", "net.kelvo.nodespace.framework",
-        "net.kelvo.performancemonitor.framework", "net.kelvo.private_render.framework",
+        "net.kelvo.core.framework",
+        "net.kelvo.graph.framework",
+        "net.kelvo.image.framework",
+        "net.kelvo.math.framework",
+        "net.kelvo.misc.framework",
+        "net.kelvo.nodes.framework",
+        "net.kelvo.nodes_corenodes.framework",
+        "net.kelvo.nodespace.framework",
+        "net.kelvo.performancemonitor.framework",
+        "net.kelvo.private_render.framework",
         "net.kelvo.render.framework",
     };
     return list;
@@ -166,7 +171,8 @@ void RemoveEntry(EntryRecord& entry) {
     // An interface's component list lives as long as it has components.
     if (entry.kind == ENTRYKIND::COMPONENT) {
         auto reg = s.registries.find(entry.kindId);
-        if (reg != s.registries.end() && reg->second.owner == "components" && reg->second.members.empty())
+        if (reg != s.registries.end() && reg->second.owner == "components" &&
+            reg->second.members.empty())
             s.registries.erase(reg);
     }
 }

@@ -1,7 +1,8 @@
 // Runs every registered self-test and speed test.
+#include "kelvo/selftest.h"
+
 #include "host.h"
 #include "kelvo/registry.h"
-#include "kelvo/selftest.h"
 
 namespace kelvo::host {
 namespace {

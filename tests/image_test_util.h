@@ -22,13 +22,16 @@ StrongRef<ImageInterface> MakeImage(int64_t w, int64_t h, PixelFormat f, COLORPR
 }
 
 template <typename T>
-std::vector<T> Pixels(const ImageInterface& image, int64_t layerIndex, PixelFormat f, COLORPROFILE p) {
+std::vector<T> Pixels(const ImageInterface& image, int64_t layerIndex, PixelFormat f,
+                      COLORPROFILE p) {
     auto layer = image.GetLayer(layerIndex);
     std::vector<T> out(size_t(layer->GetWidth() * layer->GetHeight()) * f.channels);
     auto reader = *layer->GetPixelHandler(f, p);
     for (int64_t y = 0; y < layer->GetHeight(); ++y)
-        EXPECT_TRUE(reader->GetPixels(0, y, layer->GetWidth(),
-                                      out.data() + size_t(y * layer->GetWidth()) * f.channels).Ok());
+        EXPECT_TRUE(reader
+                        ->GetPixels(0, y, layer->GetWidth(),
+                                    out.data() + size_t(y * layer->GetWidth()) * f.channels)
+                        .Ok());
     return out;
 }
 

@@ -127,7 +127,8 @@ Result<void> WritePicture(const std::filesystem::path& path, const RgbPicture& p
                                                         COLORPROFILE::SRGB));
     KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(kPixelRgb8, COLORPROFILE::SRGB));
     for (int y = 0; y < picture.height; ++y)
-        KELVO_TRY(writer->SetPixels(0, y, picture.width, &picture.rgb[size_t(y) * picture.width * 3]));
+        KELVO_TRY(
+            writer->SetPixels(0, y, picture.width, &picture.rgb[size_t(y) * picture.width * 3]));
     KELVO_TRY(image->AddLayer(layer));
     return ExportImage(Url::FromFile(path.string()), *image, Id("net.kelvo.fileformat.imagepng"));
 }
@@ -178,7 +179,8 @@ Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& fol
     KELVO_TRY(d.Set(bsdfdata::kTextureCoordinate, Vec2{0.31, 0.62}));
     for (const Id& k : {bsdfdata::kWarpDiffuse, bsdfdata::kWeftDiffuse}) KELVO_TRY(d.Set(k, 0.2));
     for (const Id& k : {bsdfdata::kWarpSpecular, bsdfdata::kWeftSpecular}) KELVO_TRY(d.Set(k, 1.0));
-    KELVO_TRY(bsdfdata::SetTable(d, bsdfdata::kBlurryTable, caches->GetCache(DISTRIBUTIONKIND_GGX)));
+    KELVO_TRY(
+        bsdfdata::SetTable(d, bsdfdata::kBlurryTable, caches->GetCache(DISTRIBUTIONKIND_GGX)));
     KELVO_TRY(d.Set(bsdfdata::kBlurryDensityRow, int64_t(2000 * 100)));
     KELVO_TRY(d.Set(bsdfdata::kBlurrySamplingRow, int64_t(1000 * 100)));
 
@@ -199,11 +201,13 @@ Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& fol
         KELVO_TRY(d.Set(bsdfdata::kRoughness, roughness));
         KELVO_TRY(d.Set(bsdfdata::kBlurryExponent,
                         std::string_view(e.suffix) == "blurrysimplebrdf" ? 40.0 : 30.0));
-        KELVO_ASSIGN_OR_RETURN(Id id, Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + e.suffix));
+        KELVO_ASSIGN_OR_RETURN(
+            Id id, Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + e.suffix));
         KELVO_ASSIGN_OR_RETURN(auto model, CreateClass<BSDFLegacyInterface>(id));
         KELVO_TRY(model->Init(d));
         int col = index % kColumns, row = index / kColumns;
-        sheet.Paste(DrawLobe(*model, wo, kTile), kGap + col * (tileWidth + kGap), kGap + row * (kTile + kGap));
+        sheet.Paste(DrawLobe(*model, wo, kTile), kGap + col * (tileWidth + kGap),
+                    kGap + row * (kTile + kGap));
         legend += std::to_string(index + 1) + ". " + e.suffix + (e.parameters[0] ? " (" : "") +
                   e.parameters + (e.parameters[0] ? ")" : "") + "\n";
         ++index;

@@ -5,8 +5,8 @@
 #include <memory>
 #include <variant>
 
-#include "context.h"
 #include "bsdf_plot.h"
+#include "context.h"
 #include "json.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
@@ -17,9 +17,9 @@ namespace kelvo::cli {
 namespace {
 using nlohmann::json;
 
-using Distribution = std::variant<legacy::BeckmannDistribution, legacy::GGXDistribution,
-                                  legacy::PhongDistribution, legacy::WardDistribution,
-                                  legacy::AnisotropicDistribution>;
+using Distribution =
+    std::variant<legacy::BeckmannDistribution, legacy::GGXDistribution, legacy::PhongDistribution,
+                 legacy::WardDistribution, legacy::AnisotropicDistribution>;
 
 Result<Distribution> MakeDistribution(const std::string& kind) {
     if (kind == "beckmann") return Distribution(legacy::BeckmannDistribution{});
@@ -27,9 +27,8 @@ Result<Distribution> MakeDistribution(const std::string& kind) {
     if (kind == "phong") return Distribution(legacy::PhongDistribution{});
     if (kind == "ward") return Distribution(legacy::WardDistribution{});
     if (kind == "anisotropic") return Distribution(legacy::AnisotropicDistribution{});
-    return IllegalArgumentError(KELVO_HERE,
-                                "Unknown distribution '@' (beckmann, ggx, phong, ward, anisotropic).",
-                                kind);
+    return IllegalArgumentError(
+        KELVO_HERE, "Unknown distribution '@' (beckmann, ggx, phong, ward, anisotropic).", kind);
 }
 
 // Everything a run keeps: its named objects and the one caches object.
@@ -131,7 +130,8 @@ Result<DataDictionary> BsdfSession::ReadRecord(const json& request) {
                 KELVO_TRY(record.Set(info->key, value.get<bool>()));
                 break;
             case bsdfdata::KEYTYPE::STRING:
-                if (!value.is_string()) return IllegalArgumentError(KELVO_HERE, "@ must be a string.", name);
+                if (!value.is_string())
+                    return IllegalArgumentError(KELVO_HERE, "@ must be a string.", name);
                 KELVO_TRY(record.Set(info->key, value.get<std::string>()));
                 break;
             case bsdfdata::KEYTYPE::VEC2: {
@@ -152,8 +152,10 @@ Result<StrongRef<BSDFLegacyInterface>> BsdfSession::Model(const json& request) {
     if (request.contains("name") && !request.contains("model")) {
         KELVO_ASSIGN_OR_RETURN(std::string name, Text(request, "name"));
         auto it = _models.find(name);
-        if (it == _models.end()) return IllegalArgumentError(KELVO_HERE, "No model named '@'.", name);
-        if (request.contains("data") || request.contains("caches") || request.contains("tableKind")) {
+        if (it == _models.end())
+            return IllegalArgumentError(KELVO_HERE, "No model named '@'.", name);
+        if (request.contains("data") || request.contains("caches") ||
+            request.contains("tableKind")) {
             KELVO_ASSIGN_OR_RETURN(DataDictionary record, ReadRecord(request));
             KELVO_TRY(it->second->Update(record));
         }
@@ -161,7 +163,8 @@ Result<StrongRef<BSDFLegacyInterface>> BsdfSession::Model(const json& request) {
     }
     KELVO_ASSIGN_OR_RETURN(std::string suffix, Text(request, "model"));
     KELVO_ASSIGN_OR_RETURN(Id id, Id::FromText("net.kelvo.render.bsdflegacyclass." + suffix));
-    KELVO_ASSIGN_OR_RETURN(StrongRef<BSDFLegacyInterface> model, CreateClass<BSDFLegacyInterface>(id));
+    KELVO_ASSIGN_OR_RETURN(StrongRef<BSDFLegacyInterface> model,
+                           CreateClass<BSDFLegacyInterface>(id));
     KELVO_ASSIGN_OR_RETURN(DataDictionary record, ReadRecord(request));
     KELVO_TRY(model->Init(record));
     return model;
@@ -229,7 +232,8 @@ Result<std::string> BsdfSession::ModelOperation(const std::string& op, const jso
         BsdfFrame f = m->ComputeBSDFFrame(n, u, v, request.value("useTangents", false));
         w.Key("normal").Vec(f.normal).Key("u").Vec(f.tangentU).Key("v").Vec(f.tangentV);
     } else if (op == "ComputeMIPAngle") {
-        if (!request.contains("angle")) return IllegalArgumentError(KELVO_HERE, "angle is missing.");
+        if (!request.contains("angle"))
+            return IllegalArgumentError(KELVO_HERE, "angle is missing.");
         KELVO_ASSIGN_OR_RETURN(double a, ReadNumber(request["angle"], "angle"));
         w.Key("angle").Number(m->ComputeMIPAngle(a));
     } else if (op == "ComputeAngle") {
@@ -269,21 +273,24 @@ Result<std::string> BsdfSession::DistributionOperation(const std::string& op, co
     } else {  // Sample
         KELVO_ASSIGN_OR_RETURN(auto sample, ReadSample(request));
         double dv = 0.0, density = 0.0;
-        Vec3 h = std::visit([&](auto& dist) { return dist.Sample(sample.data(), dv, density); }, *d);
+        Vec3 h =
+            std::visit([&](auto& dist) { return dist.Sample(sample.data(), dv, density); }, *d);
         w.Key("h").Vec(h).Key("D").Number(dv).Key("density").Number(density);
     }
     return w.End().Text();
 }
 
 Result<std::string> BsdfSession::Handle(const json& request) {
-    if (!request.is_object()) return IllegalArgumentError(KELVO_HERE, "A request must be an object.");
+    if (!request.is_object())
+        return IllegalArgumentError(KELVO_HERE, "A request must be an object.");
     KELVO_ASSIGN_OR_RETURN(std::string op, Text(request, "op"));
-    static const char* const kModelOps[] = {"new", "update", "reset", "ComputeBSDF", "SampleF",
-                                            "PdfIndirect", "ComputeBSDFFrame", "ComputeMIPAngle",
-                                            "ComputeAngle", "ComputeF_UVW"};
+    static const char* const kModelOps[] = {
+        "new",         "update",           "reset",           "ComputeBSDF",  "SampleF",
+        "PdfIndirect", "ComputeBSDFFrame", "ComputeMIPAngle", "ComputeAngle", "ComputeF_UVW"};
     for (const char* m : kModelOps) {
         if (op != m) continue;
-        if (op == "new" && request.contains("distribution")) return DistributionOperation("newDistribution", request);
+        if (op == "new" && request.contains("distribution"))
+            return DistributionOperation("newDistribution", request);
         if (op == "update" && request.contains("name") &&
             _distributions.count(request.value("name", ""))) {
             Distribution temporary;
@@ -297,8 +304,10 @@ Result<std::string> BsdfSession::Handle(const json& request) {
         KELVO_ASSIGN_OR_RETURN(auto* c, Caches());
         int kind = request.value("kind", -1);
         float* table = c->GetCache(kind);
-        if (!table) return IllegalArgumentError(KELVO_HERE, "Distribution kind @ has no table.", kind);
-        int64_t index = request.value("index", int64_t(0)), count = request.value("count", int64_t(1));
+        if (!table)
+            return IllegalArgumentError(KELVO_HERE, "Distribution kind @ has no table.", kind);
+        int64_t index = request.value("index", int64_t(0)),
+                count = request.value("count", int64_t(1));
         if (index < 0 || count < 0 || index + count > int64_t(kSamplerCacheFloats))
             return IllegalArgumentError(KELVO_HERE, "Entries @..@ are outside the table.", index,
                                         index + count - 1);
@@ -310,7 +319,8 @@ Result<std::string> BsdfSession::Handle(const json& request) {
     if (op == "models") {
         JsonWriter w;
         w.Object().Key("models").Array();
-        for (const EntryRecord* e : RegistryMembers(kBsdfLegacyClassesRegistry)) w.String(e->GetId().Text());
+        for (const EntryRecord* e : RegistryMembers(kBsdfLegacyClassesRegistry))
+            w.String(e->GetId().Text());
         w.End().Key("keys").Array();
         for (const auto& k : bsdfdata::kKeys) w.String(k.key.Text());
         return w.End().End().Text();
@@ -326,8 +336,9 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
         "Evaluate the legacy BSDF models and microfacet distributions: one JSON request a line "
         "on stdin, one answer a line on stdout");
     auto* plot = cmd->add_subcommand(
-        "plot", "Write a PNG picture of a model's lobe: a polar plot of value x |cos| in the plane "
-                "of incidence and maps of the upper and lower hemisphere");
+        "plot",
+        "Write a PNG picture of a model's lobe: a polar plot of value x |cos| in the plane "
+        "of incidence and maps of the upper and lower hemisphere");
     struct PlotOptions {
         std::string model, data = "{}", out;
         std::vector<double> wo{0.5, 0.0, 0.8660254037844386};
@@ -350,7 +361,8 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
         }
         BsdfSession session;
         if (!plot->parsed()) {
-            RunJsonLines(std::cin, std::cout, [&](const json& request) { return session.Handle(request); });
+            RunJsonLines(std::cin, std::cout,
+                         [&](const json& request) { return session.Handle(request); });
             return;
         }
         Result<void> done = [&]() -> Result<void> {
@@ -358,11 +370,13 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
             if (data.is_discarded() || !data.is_object())
                 return IllegalArgumentError(KELVO_HERE, "--data must be a JSON object.");
             if (options->size < 16 || options->size > 2048)
-                return IllegalArgumentError(KELVO_HERE, "--size must be 16..2048, not @.", options->size);
+                return IllegalArgumentError(KELVO_HERE, "--size must be 16..2048, not @.",
+                                            options->size);
             json request{{"model", options->model}, {"data", data}, {"caches", options->caches}};
             KELVO_ASSIGN_OR_RETURN(auto model, session.Model(request));
             Vec3 wo = Normalize(Vec3{options->wo[0], options->wo[1], options->wo[2]});
-            if (wo == Vec3{}) return IllegalArgumentError(KELVO_HERE, "--wo must not be the zero vector.");
+            if (wo == Vec3{})
+                return IllegalArgumentError(KELVO_HERE, "--wo must not be the zero vector.");
             std::string out = options->out.empty() ? options->model + "-lobe.png" : options->out;
             KELVO_TRY(WritePicture(out, DrawLobe(*model, wo, options->size)));
             std::cout << "kelvo bsdf plot: wrote " << out << '\n';

@@ -56,15 +56,24 @@ void WriteData(JsonWriter& w, const Data& d) {
     std::visit(
         [&w](const auto& v) {
             using T = std::decay_t<decltype(v)>;
-            if constexpr (std::is_same_v<T, bool>) w.Bool(v);
-            else if constexpr (std::is_same_v<T, int64_t>) w.Integer(v);
-            else if constexpr (std::is_same_v<T, double>) w.Number(v);
-            else if constexpr (std::is_same_v<T, std::string>) w.String(v);
-            else if constexpr (std::is_same_v<T, Id>) w.String(v.Text());
-            else if constexpr (std::is_same_v<T, Vec2> || std::is_same_v<T, Vec3>) w.Vec(v);
-            else if constexpr (std::is_same_v<T, Col3>) w.Vec(Vec3{v.r, v.g, v.b});
-            else if constexpr (std::is_same_v<T, Matrix>) w.Mat(v);
-            else w.Null();
+            if constexpr (std::is_same_v<T, bool>)
+                w.Bool(v);
+            else if constexpr (std::is_same_v<T, int64_t>)
+                w.Integer(v);
+            else if constexpr (std::is_same_v<T, double>)
+                w.Number(v);
+            else if constexpr (std::is_same_v<T, std::string>)
+                w.String(v);
+            else if constexpr (std::is_same_v<T, Id>)
+                w.String(v.Text());
+            else if constexpr (std::is_same_v<T, Vec2> || std::is_same_v<T, Vec3>)
+                w.Vec(v);
+            else if constexpr (std::is_same_v<T, Col3>)
+                w.Vec(Vec3{v.r, v.g, v.b});
+            else if constexpr (std::is_same_v<T, Matrix>)
+                w.Mat(v);
+            else
+                w.Null();
         },
         d.Raw());
 }
@@ -111,7 +120,8 @@ Result<Data> ReadParameter(const nlohmann::json& v, const std::string& key) {
 Result<StrongRef<DataDictionary>> ReadParameters(const nlohmann::json& v) {
     if (v.is_null()) return StrongRef<DataDictionary>();
     if (!v.is_object())
-        return IllegalArgumentError(KELVO_HERE, "parameters must be an object keyed by parameter ids.");
+        return IllegalArgumentError(KELVO_HERE,
+                                    "parameters must be an object keyed by parameter ids.");
     auto p = std::make_shared<DataDictionary>();
     for (const auto& [key, value] : v.items()) {
         KELVO_ASSIGN_OR_RETURN(Id id, Id::FromText(key));
@@ -128,7 +138,8 @@ const nlohmann::json& Member(const nlohmann::json& request, const char* key) {
 }
 
 Result<int64_t> ReadInteger(const nlohmann::json& v, std::string_view what) {
-    if (!v.is_number_integer()) return IllegalArgumentError(KELVO_HERE, "@ must be an integer.", what);
+    if (!v.is_number_integer())
+        return IllegalArgumentError(KELVO_HERE, "@ must be an integer.", what);
     return v.get<int64_t>();
 }
 
@@ -139,20 +150,34 @@ Result<Ray> ReadRay(const nlohmann::json& v) {
     if (!v.is_object()) return IllegalArgumentError(KELVO_HERE, "ray must be an object.");
     for (const auto& [key, value] : v.items()) {
         const std::string what = "ray." + key;
-        if (key == "origin") { KELVO_ASSIGN_OR_RETURN(r.origin, ReadVec3(value, what)); }
-        else if (key == "direction") { KELVO_ASSIGN_OR_RETURN(r.direction, ReadVec3(value, what)); }
-        else if (key == "xDifferentialOrigin") { KELVO_ASSIGN_OR_RETURN(r.xDifferentialOrigin, ReadVec3(value, what)); }
-        else if (key == "yDifferentialOrigin") { KELVO_ASSIGN_OR_RETURN(r.yDifferentialOrigin, ReadVec3(value, what)); }
-        else if (key == "xDifferentialDirection") { KELVO_ASSIGN_OR_RETURN(r.xDifferentialDirection, ReadVec3(value, what)); }
-        else if (key == "yDifferentialDirection") { KELVO_ASSIGN_OR_RETURN(r.yDifferentialDirection, ReadVec3(value, what)); }
-        else if (key == "time") { KELVO_ASSIGN_OR_RETURN(r.time, ReadNumber(value, what)); }
-        else if (key == "ior") { KELVO_ASSIGN_OR_RETURN(r.ior, ReadNumber(value, what)); }
-        else if (key == "depth") { KELVO_ASSIGN_OR_RETURN(int64_t d, ReadInteger(value, what)); r.depth = int32_t(d); }
-        else if (key == "flags") { KELVO_ASSIGN_OR_RETURN(int64_t f, ReadInteger(value, what)); r.flags = uint32_t(f); }
-        else if (key == "rendererData") {
+        if (key == "origin") {
+            KELVO_ASSIGN_OR_RETURN(r.origin, ReadVec3(value, what));
+        } else if (key == "direction") {
+            KELVO_ASSIGN_OR_RETURN(r.direction, ReadVec3(value, what));
+        } else if (key == "xDifferentialOrigin") {
+            KELVO_ASSIGN_OR_RETURN(r.xDifferentialOrigin, ReadVec3(value, what));
+        } else if (key == "yDifferentialOrigin") {
+            KELVO_ASSIGN_OR_RETURN(r.yDifferentialOrigin, ReadVec3(value, what));
+        } else if (key == "xDifferentialDirection") {
+            KELVO_ASSIGN_OR_RETURN(r.xDifferentialDirection, ReadVec3(value, what));
+        } else if (key == "yDifferentialDirection") {
+            KELVO_ASSIGN_OR_RETURN(r.yDifferentialDirection, ReadVec3(value, what));
+        } else if (key == "time") {
+            KELVO_ASSIGN_OR_RETURN(r.time, ReadNumber(value, what));
+        } else if (key == "ior") {
+            KELVO_ASSIGN_OR_RETURN(r.ior, ReadNumber(value, what));
+        } else if (key == "depth") {
+            KELVO_ASSIGN_OR_RETURN(int64_t d, ReadInteger(value, what));
+            r.depth = int32_t(d);
+        } else if (key == "flags") {
+            KELVO_ASSIGN_OR_RETURN(int64_t f, ReadInteger(value, what));
+            r.flags = uint32_t(f);
+        } else if (key == "rendererData") {
             if (!value.is_array() || value.size() != 4)
                 return IllegalArgumentError(KELVO_HERE, "@ must be an array of 4 numbers.", what);
-            for (size_t i = 0; i < 4; ++i) { KELVO_ASSIGN_OR_RETURN(r.rendererData[i], ReadNumber(value[i], what)); }
+            for (size_t i = 0; i < 4; ++i) {
+                KELVO_ASSIGN_OR_RETURN(r.rendererData[i], ReadNumber(value[i], what));
+            }
         } else {
             return IllegalArgumentError(KELVO_HERE, "ray has no member '@'.", key);
         }
@@ -162,11 +187,18 @@ Result<Ray> ReadRay(const nlohmann::json& v) {
 
 Result<ShadingPoint> ReadHit(const nlohmann::json& v) {
     ShadingPoint h;
-    if (!v.is_object()) return IllegalArgumentError(KELVO_HERE, "hit must be an object with position and normal.");
-    Vec3 ShadingPoint::*vectors[] = {&ShadingPoint::position, &ShadingPoint::footprintX, &ShadingPoint::footprintY,
-                                     &ShadingPoint::normal, &ShadingPoint::geometricNormal, &ShadingPoint::uvw,
-                                     &ShadingPoint::dpdu, &ShadingPoint::dpdv};
-    const char* names[] = {"position", "footprintX", "footprintY", "normal", "geometricNormal", "uvw", "dpdu", "dpdv"};
+    if (!v.is_object())
+        return IllegalArgumentError(KELVO_HERE, "hit must be an object with position and normal.");
+    Vec3 ShadingPoint::*vectors[] = {&ShadingPoint::position,
+                                     &ShadingPoint::footprintX,
+                                     &ShadingPoint::footprintY,
+                                     &ShadingPoint::normal,
+                                     &ShadingPoint::geometricNormal,
+                                     &ShadingPoint::uvw,
+                                     &ShadingPoint::dpdu,
+                                     &ShadingPoint::dpdv};
+    const char* names[] = {"position",        "footprintX", "footprintY", "normal",
+                           "geometricNormal", "uvw",        "dpdu",       "dpdv"};
     for (const auto& [key, value] : v.items()) {
         const std::string what = "hit." + key;
         bool known = false;
@@ -176,10 +208,14 @@ Result<ShadingPoint> ReadHit(const nlohmann::json& v) {
             known = true;
         }
         if (known) continue;
-        if (key == "polygonIndex") { KELVO_ASSIGN_OR_RETURN(h.polygonIndex, ReadInteger(value, what)); }
-        else if (key == "objectIndex") { KELVO_ASSIGN_OR_RETURN(int64_t i, ReadInteger(value, what)); h.objectIndex = int32_t(i); }
-        else if (key == "backFacing") {
-            if (!value.is_boolean()) return IllegalArgumentError(KELVO_HERE, "@ must be true or false.", what);
+        if (key == "polygonIndex") {
+            KELVO_ASSIGN_OR_RETURN(h.polygonIndex, ReadInteger(value, what));
+        } else if (key == "objectIndex") {
+            KELVO_ASSIGN_OR_RETURN(int64_t i, ReadInteger(value, what));
+            h.objectIndex = int32_t(i);
+        } else if (key == "backFacing") {
+            if (!value.is_boolean())
+                return IllegalArgumentError(KELVO_HERE, "@ must be true or false.", what);
             h.backFacing = value.get<bool>();
         } else {
             return IllegalArgumentError(KELVO_HERE, "hit has no member '@'.", key);
@@ -192,10 +228,12 @@ Result<ShadingPoint> ReadHit(const nlohmann::json& v) {
 class CameraSession {
 public:
     Result<std::string> Handle(const nlohmann::json& request) {
-        if (!request.is_object()) return IllegalArgumentError(KELVO_HERE, "A request must be an object.");
+        if (!request.is_object())
+            return IllegalArgumentError(KELVO_HERE, "A request must be an object.");
         const nlohmann::json& nameJson = Member(request, "camera");
         const nlohmann::json& opJson = Member(request, "op");
-        if (!nameJson.is_string()) return IllegalArgumentError(KELVO_HERE, "camera must be a text.");
+        if (!nameJson.is_string())
+            return IllegalArgumentError(KELVO_HERE, "camera must be a text.");
         if (!opJson.is_string()) return IllegalArgumentError(KELVO_HERE, "op must be a text.");
         const std::string name = nameJson.get<std::string>();
         const std::string op = opJson.get<std::string>();
@@ -209,7 +247,8 @@ public:
         }
         auto found = _cameras.find(name);
         if (found == _cameras.end())
-            return IllegalArgumentError(KELVO_HERE, "No camera named '@': create it with Init and a class.", name);
+            return IllegalArgumentError(
+                KELVO_HERE, "No camera named '@': create it with Init and a class.", name);
         CameraInterface& camera = *found->second;
         KELVO_TRY(Run(camera, op, request, w));
         return w.End().Text();
@@ -221,7 +260,8 @@ private:
         const nlohmann::json& flippedJson = Member(request, "flipped");
         if (!flippedJson.is_null() && !flippedJson.is_boolean())
             return IllegalArgumentError(KELVO_HERE, "flipped must be true or false.");
-        KELVO_ASSIGN_OR_RETURN(StrongRef<DataDictionary> parameters, ReadParameters(Member(request, "parameters")));
+        KELVO_ASSIGN_OR_RETURN(StrongRef<DataDictionary> parameters,
+                               ReadParameters(Member(request, "parameters")));
         StrongRef<CameraInterface> camera;
         if (classJson.is_string()) {
             KELVO_ASSIGN_OR_RETURN(camera, NewCamera(classJson.get<std::string>()));
@@ -230,15 +270,16 @@ private:
         } else if (auto it = _cameras.find(name); it != _cameras.end()) {
             camera = it->second;  // Init again
         } else {
-            return IllegalArgumentError(KELVO_HERE, "No camera named '@': create it with Init and a class.", name);
+            return IllegalArgumentError(
+                KELVO_HERE, "No camera named '@': create it with Init and a class.", name);
         }
         KELVO_TRY(camera->Init(parameters, flippedJson.is_boolean() && flippedJson.get<bool>()));
         _cameras[name] = camera;
         return OK();
     }
 
-    static Result<void> Run(CameraInterface& camera, const std::string& op, const nlohmann::json& request,
-                            JsonWriter& w) {
+    static Result<void> Run(CameraInterface& camera, const std::string& op,
+                            const nlohmann::json& request, JsonWriter& w) {
         using Conversion = Vec3 (CameraInterface::*)(const Vec3&) const;
         static const std::pair<const char*, Conversion> conversions[] = {
             {"WorldToCamera", &CameraInterface::WorldToCamera},
@@ -305,8 +346,8 @@ Result<std::array<double, N>> ParseNumbers(const std::string& text, std::string_
         out[i] = std::strtod(p, &end);
         const bool last = i + 1 == N;
         if (end == p || (last ? *end != '\0' : *end != ',')) {
-            return IllegalArgumentError(KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.", option, N,
-                                        text);
+            return IllegalArgumentError(
+                KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.", option, N, text);
         }
         p = end + 1;
     }
@@ -336,10 +377,12 @@ struct CameraOptions {
 // The camera looks from `position` towards `target`, with screen up near `up`.
 Result<Matrix> LookAt(const Vec3& position, const Vec3& target, const Vec3& up) {
     Vec3 z = Normalize(target - position);
-    if (z == Vec3{}) return IllegalArgumentError(KELVO_HERE, "--look-at must differ from --position.");
+    if (z == Vec3{})
+        return IllegalArgumentError(KELVO_HERE, "--look-at must differ from --position.");
     Vec3 x = Normalize(Cross(up, z));
     if (x == Vec3{})
-        return IllegalArgumentError(KELVO_HERE, "--up must not be parallel to the viewing direction.");
+        return IllegalArgumentError(KELVO_HERE,
+                                    "--up must not be parallel to the viewing direction.");
     return Matrix{position, x, Cross(z, x), z};
 }
 
@@ -357,14 +400,18 @@ Result<StrongRef<DataDictionary>> ParametersFrom(const CameraOptions& o) {
     }
     if (o.hasFieldOfView) KELVO_TRY(p->Set(CAMERAPARAMETERS::FIELDOFVIEW, o.fieldOfView));
     if (!o.matrix.empty() && (!o.position.empty() || !o.lookAt.empty()))
-        return IllegalArgumentError(KELVO_HERE, "Give --matrix or --position and --look-at, not both.");
+        return IllegalArgumentError(KELVO_HERE,
+                                    "Give --matrix or --position and --look-at, not both.");
     Matrix m;
     if (!o.matrix.empty()) {
         nlohmann::json j = nlohmann::json::parse(o.matrix, nullptr, false);
-        if (j.is_discarded()) return IllegalArgumentError(KELVO_HERE, "--matrix is not valid JSON.");
+        if (j.is_discarded())
+            return IllegalArgumentError(KELVO_HERE, "--matrix is not valid JSON.");
         KELVO_ASSIGN_OR_RETURN(m, ReadMatrix(j, "--matrix"));
     }
-    if (!o.position.empty()) { KELVO_ASSIGN_OR_RETURN(m.offset, ParseVec3(o.position, "--position")); }
+    if (!o.position.empty()) {
+        KELVO_ASSIGN_OR_RETURN(m.offset, ParseVec3(o.position, "--position"));
+    }
     if (!o.lookAt.empty()) {
         KELVO_ASSIGN_OR_RETURN(Vec3 target, ParseVec3(o.lookAt, "--look-at"));
         KELVO_ASSIGN_OR_RETURN(Vec3 up, ParseVec3(o.up, "--up"));
@@ -410,8 +457,8 @@ Result<std::string> RaysJson(const CameraOptions& o) {
 }  // namespace
 
 // Used by the demo.
-Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::string& matrixJson, double fieldOfView,
-                                   const std::vector<std::string>& pixels) {
+Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::string& matrixJson,
+                                   double fieldOfView, const std::vector<std::string>& pixels) {
     CameraOptions o;
     o.cameraClass = cameraClass;
     o.matrix = matrixJson;
@@ -423,14 +470,17 @@ Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::st
 
 void AddCameraCommand(CLI::App& app, Context& context, int& status) {
     auto* cmd = app.add_subcommand(
-        "camera", "Create a camera class by id and print the rays of pixels as JSON, or, with --json-lines, "
-                  "run camera operations read as JSON lines from stdin");
+        "camera",
+        "Create a camera class by id and print the rays of pixels as JSON, or, with --json-lines, "
+        "run camera operations read as JSON lines from stdin");
     auto o = std::make_shared<CameraOptions>();
     cmd->add_option("-c,--class", o->cameraClass,
                     "Camera class: perspective, parallel or a full class id (default perspective)");
-    cmd->add_option("-r,--resolution", o->resolution, "Screen resolution W,H in pixels (default 640,480)");
-    cmd->add_option("--fov", o->fieldOfView,
-                    "fieldofview parameter: tan of the half image width times 2 (a ratio, not an angle)");
+    cmd->add_option("-r,--resolution", o->resolution,
+                    "Screen resolution W,H in pixels (default 640,480)");
+    cmd->add_option(
+        "--fov", o->fieldOfView,
+        "fieldofview parameter: tan of the half image width times 2 (a ratio, not an angle)");
     cmd->add_option("--offset", o->offset, "Screen offset X,Y in pixels");
     cmd->add_option("--scale", o->scale, "Screen scale X,Y (both are multiplied by the width)");
     cmd->add_option("--matrix", o->matrix,
@@ -438,10 +488,13 @@ void AddCameraCommand(CLI::App& app, Context& context, int& status) {
     cmd->add_option("--position", o->position, "Camera position X,Y,Z");
     cmd->add_option("--look-at", o->lookAt, "Point X,Y,Z the camera looks at (with --position)");
     cmd->add_option("--up", o->up, "Up direction X,Y,Z for --look-at (default 0,1,0)");
-    cmd->add_flag("--flipped", o->flipped, "Initialise flipped: a perspective camera looks along -zAxis");
-    cmd->add_option("-p,--pixel", o->pixels, "Pixel X,Y to print the ray of (repeatable; default the centre)");
-    cmd->add_flag("--json-lines", o->jsonLines,
-                  "Read one camera operation per line on stdin and answer one line each (see README)");
+    cmd->add_flag("--flipped", o->flipped,
+                  "Initialise flipped: a perspective camera looks along -zAxis");
+    cmd->add_option("-p,--pixel", o->pixels,
+                    "Pixel X,Y to print the ray of (repeatable; default the centre)");
+    cmd->add_flag(
+        "--json-lines", o->jsonLines,
+        "Read one camera operation per line on stdin and answer one line each (see README)");
     cmd->callback([&context, &status, o, cmd] {
         o->hasFieldOfView = cmd->count("--fov") > 0;
         if (auto r = context.LoadModules(); !r) {
@@ -450,8 +503,9 @@ void AddCameraCommand(CLI::App& app, Context& context, int& status) {
         }
         if (o->jsonLines) {
             CameraSession session;
-            RunJsonLines(std::cin, std::cout,
-                         [&session](const nlohmann::json& request) { return session.Handle(request); });
+            RunJsonLines(std::cin, std::cout, [&session](const nlohmann::json& request) {
+                return session.Handle(request);
+            });
             return;
         }
         auto json = RaysJson(*o);

@@ -16,8 +16,8 @@ namespace kelvo::cli {
 std::string ModulesReportJson();
 void WriteConfigReport(std::ostream& out);
 void WriteModulesReport(std::ostream& out);
-Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::string& matrixJson, double fieldOfView,
-                                   const std::vector<std::string>& pixels);
+Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::string& matrixJson,
+                                   double fieldOfView, const std::vector<std::string>& pixels);
 
 namespace {
 namespace fs = std::filesystem;
@@ -52,8 +52,8 @@ Result<void> WritePictures(const fs::path& folder, std::string& report) {
         KELVO_ASSIGN_OR_RETURN(auto back, ImportImage(url));
         auto l = back->GetLayer(0);
         report += FormatMessage("@: @, @ x @, @, @\n", name,
-                                back->GetProperties().Get<Id>(kImagePropertyFileFormat), back->GetWidth(),
-                                back->GetHeight(), l->GetPixelFormat().Name(),
+                                back->GetProperties().Get<Id>(kImagePropertyFileFormat),
+                                back->GetWidth(), back->GetHeight(), l->GetPixelFormat().Name(),
                                 ColorProfileName(l->GetColorProfile()));
     }
     return OK();
@@ -66,13 +66,15 @@ Result<std::string> CamerasJson() {
         R"({"offset":[0,2,-10],"xAxis":[1,0,0],"yAxis":[0,0.98058067569092,0.19611613513818],)"
         R"("zAxis":[0,-0.19611613513818,0.98058067569092]})";
     const std::vector<std::string> pixels = {"320,240", "640,240", "0,0", "640,480"};
-    KELVO_ASSIGN_OR_RETURN(std::string perspective, CameraRaysJson("perspective", matrix, 0.5, pixels));
+    KELVO_ASSIGN_OR_RETURN(std::string perspective,
+                           CameraRaysJson("perspective", matrix, 0.5, pixels));
     KELVO_ASSIGN_OR_RETURN(std::string parallel, CameraRaysJson("parallel", matrix, 0.5, pixels));
 
     KELVO_ASSIGN_OR_RETURN(auto object, CreateClass<SceneObjectInterface>(kSceneObjectCameraClass));
     KELVO_TRY(object->SetAttribute(SCENEOBJECTATTRIBUTES::FOCALLENGTH, 50.0));
     KELVO_TRY(object->SetAttribute(SCENEOBJECTATTRIBUTES::SENSORSIZE, 36.0));
-    KELVO_ASSIGN_OR_RETURN(auto params, Query<CameraObjectInterface>(object)->GetCameraParameters({640, 480}));
+    KELVO_ASSIGN_OR_RETURN(auto params,
+                           Query<CameraObjectInterface>(object)->GetCameraParameters({640, 480}));
 
     JsonWriter w;
     w.Object().Key("perspective").Raw(perspective).Key("parallel").Raw(parallel);
@@ -80,7 +82,8 @@ Result<std::string> CamerasJson() {
     w.Key("focallength").Number(50).Key("sensorsize").Number(36);
     w.Key("fieldofview").Number(params->Get<double>(CAMERAPARAMETERS::FIELDOFVIEW));
     w.End();
-    KELVO_ASSIGN_OR_RETURN(auto lightObject, CreateClass<SceneObjectInterface>(kSceneObjectLightClass));
+    KELVO_ASSIGN_OR_RETURN(auto lightObject,
+                           CreateClass<SceneObjectInterface>(kSceneObjectLightClass));
     auto light = Query<LightObjectInterface>(lightObject);
     w.Key("lightColors").Array();
     for (double kelvin : {1900.0, 2700.0, 4000.0, 5000.0, 6504.0, 10000.0}) {
@@ -96,7 +99,9 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
     KELVO_TRY(context.LoadModules());
     std::error_code ec;
     fs::create_directories(folder, ec);
-    if (ec) return IoError(KELVO_HERE, folder.string(), "Cannot create '@': @", folder.string(), ec.message());
+    if (ec)
+        return IoError(KELVO_HERE, folder.string(), "Cannot create '@': @", folder.string(),
+                       ec.message());
     std::ostringstream modules, config;
     WriteModulesReport(modules);
     WriteConfigReport(config);
@@ -110,26 +115,26 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
     KELVO_TRY(WriteFile(folder / "cameras.json", cameras + "\n"));
     std::cout << "kelvo demo: wrote modules.txt, modules.json, config.json, ramp.exr, ramp.tif, "
                  "ramp.png, pictures.txt, cameras.json to "
-              << folder.string()
-              << '\n';
+              << folder.string() << '\n';
 
     // The sample light profile, opened through the image import like any picture.
-    KELVO_TRY(WriteIesPreview(context, (context.resourceFolder / "ies" / "kelvo_sample_spot.ies").string(),
+    KELVO_TRY(WriteIesPreview(context,
+                              (context.resourceFolder / "ies" / "kelvo_sample_spot.ies").string(),
                               (folder / "ies_preview.png").string(), 512));
-    std::cout << "kelvo demo: wrote ies_preview.png to "
-              << folder.string()
-              << '\n';
+    std::cout << "kelvo demo: wrote ies_preview.png to " << folder.string() << '\n';
 
     // The lobes of the fifteen legacy BSDF models.
     KELVO_ASSIGN_OR_RETURN(std::vector<std::string> sheet, WriteBsdfSheet(folder));
-    std::cout << "kelvo demo: wrote " << sheet[0] << ", " << sheet[1] << " to " << folder.string() << '\n';
+    std::cout << "kelvo demo: wrote " << sheet[0] << ", " << sheet[1] << " to " << folder.string()
+              << '\n';
     return OK();
 }
 }  // namespace
 
 void AddDemoCommand(CLI::App& app, Context& context, int& status) {
     auto* cmd = app.add_subcommand(
-        "demo", "Run the module on built-in sample data and write pictures and reports to a folder");
+        "demo",
+        "Run the module on built-in sample data and write pictures and reports to a folder");
     auto* out = cmd->add_option("-o,--out", "Folder to write into")->default_val("kelvo-demo");
     cmd->callback([&context, &status, out] {
         if (auto r = RunDemo(context, out->as<std::string>()); !r) status = Fail(r.GetError());

@@ -17,7 +17,7 @@ namespace {
 constexpr const char* kVersionNames[] = {"none", "IESNA91", "IESNA:LM-63-1995", "IESNA:LM-63-2002"};
 constexpr const char* kTiltNames[] = {"not seen", "NONE", "INCLUDE"};
 constexpr std::pair<IESPROPERTY, const char*> kTextProperties[] = {
-    {IESPROPERTY_MANUFAC, "[MANUFAC]"}, {IESPROPERTY_LUMCAT, "[LUMCAT]"},
+    {IESPROPERTY_MANUFAC, "[MANUFAC]"},     {IESPROPERTY_LUMCAT, "[LUMCAT]"},
     {IESPROPERTY_LUMINAIRE, "[LUMINAIRE]"}, {IESPROPERTY_LAMPCAT, "[LAMPCAT]"},
     {IESPROPERTY_LAMP, "[LAMP]"},
 };
@@ -43,11 +43,16 @@ void WriteProperties(JsonWriter& w, const DataDictionary& props) {
             w.Key(std::to_string(*k));
         else
             w.Key(std::get<Id>(key).Text());
-        if (auto* i = value.Get<int64_t>()) w.Integer(*i);
-        else if (auto* d = value.Get<double>()) w.Number(*d);
-        else if (auto* s = value.Get<std::string>()) w.String(*s);
-        else if (auto* v = value.Get<Vec3>()) w.Vec(*v);
-        else w.Null();
+        if (auto* i = value.Get<int64_t>())
+            w.Integer(*i);
+        else if (auto* d = value.Get<double>())
+            w.Number(*d);
+        else if (auto* s = value.Get<std::string>())
+            w.String(*s);
+        else if (auto* v = value.Get<Vec3>())
+            w.Vec(*v);
+        else
+            w.Null();
     }
     w.End();
 }
@@ -101,14 +106,16 @@ void PrintInfo(const std::string& file, const IesInterface& ies, std::ostream& o
     char checksum[16];
     std::snprintf(checksum, sizeof checksum, "%08x", raw.checksum);
     out << "file: " << file << "\n"
-        << "version: " << version << " (" << kVersionNames[version >= 0 && version <= 3 ? version : 0] << ")\n"
+        << "version: " << version << " ("
+        << kVersionNames[version >= 0 && version <= 3 ? version : 0] << ")\n"
         << "tilt: " << (tilt >= 0 && tilt <= 2 ? kTiltNames[tilt] : "?") << "\n";
     for (const auto& [id, keyword] : kTextProperties) {
         std::string text = props.Get<std::string>(int64_t(id));
         if (!text.empty()) out << keyword << text << "\n";
     }
     out << "shape: " << props.Get<int>(int64_t(IESPROPERTY_SHAPE), 0) << "\n"
-        << "dimensions (m): " << Short(dims.x) << " " << Short(dims.y) << " " << Short(dims.z) << "\n"
+        << "dimensions (m): " << Short(dims.x) << " " << Short(dims.y) << " " << Short(dims.z)
+        << "\n"
         << "vertical angles: " << Range(raw.anglesVertical) << "\n"
         << "horizontal angles: " << Range(raw.anglesHorizontal) << "\n"
         << "max candela: " << Short(raw.dataMax) << "\n"
@@ -121,7 +128,8 @@ Vec3 FromAngles(double thetaDeg, double phiDeg) {
     return {std::sin(t) * std::sin(p), std::sin(t) * std::cos(p), -std::cos(t)};
 }
 
-Result<std::vector<double>> SplitNumbers(const std::string& text, size_t count, std::string_view what) {
+Result<std::vector<double>> SplitNumbers(const std::string& text, size_t count,
+                                         std::string_view what) {
     std::vector<double> out;
     std::stringstream s(text);
     std::string part;
@@ -132,21 +140,25 @@ Result<std::vector<double>> SplitNumbers(const std::string& text, size_t count, 
         out.push_back(v);
     }
     if (out.size() != count)
-        return IllegalArgumentError(KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.", what,
-                                    count, text);
+        return IllegalArgumentError(KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.",
+                                    what, count, text);
     return out;
 }
 
 // One request of `ies eval`: [x, y, z], {"direction": [x, y, z]} or {"theta": t, "phi": p}.
 Result<Vec3> ReadDirection(const nlohmann::json& request) {
     if (request.is_array()) return ReadVec3(request, "direction");
-    if (request.is_object() && request.contains("direction")) return ReadVec3(request["direction"], "direction");
+    if (request.is_object() && request.contains("direction"))
+        return ReadVec3(request["direction"], "direction");
     if (request.is_object() && request.contains("theta")) {
         KELVO_ASSIGN_OR_RETURN(double theta, ReadNumber(request["theta"], "theta"));
-        KELVO_ASSIGN_OR_RETURN(double phi, ReadNumber(request.value("phi", nlohmann::json(0.0)), "phi"));
+        KELVO_ASSIGN_OR_RETURN(double phi,
+                               ReadNumber(request.value("phi", nlohmann::json(0.0)), "phi"));
         return FromAngles(theta, phi);
     }
-    return IllegalArgumentError(KELVO_HERE, "A request is [x, y, z], {\"direction\": [x, y, z]} or {\"theta\": t, \"phi\": p}.");
+    return IllegalArgumentError(
+        KELVO_HERE,
+        "A request is [x, y, z], {\"direction\": [x, y, z]} or {\"theta\": t, \"phi\": p}.");
 }
 
 std::string EvalJson(const IesInterface& ies, const Vec3& d) {
@@ -175,10 +187,11 @@ Result<void> RunEval(Context& context, const EvalOptions& o, int& status) {
     }
     if (directions.empty()) {
         // JSON lines on stdin, one answer per request.
-        int failed = RunJsonLines(std::cin, std::cout, [&](const nlohmann::json& request) -> Result<std::string> {
-            KELVO_ASSIGN_OR_RETURN(Vec3 d, ReadDirection(request));
-            return EvalJson(*loaded.ies, d);
-        });
+        int failed = RunJsonLines(std::cin, std::cout,
+                                  [&](const nlohmann::json& request) -> Result<std::string> {
+                                      KELVO_ASSIGN_OR_RETURN(Vec3 d, ReadDirection(request));
+                                      return EvalJson(*loaded.ies, d);
+                                  });
         status = failed > 0 ? 1 : 0;
         return OK();
     }
@@ -205,14 +218,16 @@ Result<void> RunConvert(Context& context, const std::string& file, const std::st
 
 }  // namespace
 
-Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output, int64_t size) {
+Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output,
+                             int64_t size) {
     KELVO_TRY(context.LoadModules());
     if (size < 1 || size > 16384)
         return IllegalArgumentError(KELVO_HERE, "--size must lie in 1..16384, not @.", size);
     // Opened as any picture is: the file-format registry detects the IES file and its
     // import step renders the preview into the image's layer.
     KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, ImportImage(Url::FromFile(file)));
-    if (image->GetProperties().Get<Id>(kImagePropertyFileFormat) != Id("net.kelvo.fileformat.imageies"))
+    if (image->GetProperties().Get<Id>(kImagePropertyFileFormat) !=
+        Id("net.kelvo.fileformat.imageies"))
         return IllegalArgumentError(KELVO_HERE, "@ is not an IES file.", file);
     StrongRef<ImageLayerInterface> layer = image->GetLayer(0);
     const PixelFormat format = layer->GetPixelFormat();
@@ -221,23 +236,29 @@ Result<void> WriteIesPreview(Context& context, const std::string& file, const st
     const size_t bpp = format.GetBytesPerPixel();
     std::vector<uint8_t> source(size_t(w * h) * bpp);
     KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(format, profile));
-    for (int64_t y = 0; y < h; ++y) KELVO_TRY(reader->GetPixels(0, y, w, source.data() + size_t(y * w) * bpp));
+    for (int64_t y = 0; y < h; ++y)
+        KELVO_TRY(reader->GetPixels(0, y, w, source.data() + size_t(y * w) * bpp));
 
     // Resampled (bilinear, on the stored values) into a host layer of the asked size,
     // which any file format can write.
     KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> out, CreateImage(size, size));
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> target, CreateImageLayer(size, size, kPixelGrey32f, profile));
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> target,
+                           CreateImageLayer(size, size, kPixelGrey32f, profile));
     KELVO_ASSIGN_OR_RETURN(auto writer, target->SetPixelHandler(kPixelGrey32f, profile));
     std::vector<float> grey(size_t(w * h));
     std::vector<float> row(static_cast<size_t>(size));
-    KELVO_TRY(ConvertPixels(format, profile, source.data(), kPixelGrey32f, profile, grey.data(), w * h));
+    KELVO_TRY(
+        ConvertPixels(format, profile, source.data(), kPixelGrey32f, profile, grey.data(), w * h));
     for (int64_t y = 0; y < size; ++y) {
-        double sy = std::clamp((double(y) + 0.5) * double(h) / double(size) - 0.5, 0.0, double(h - 1));
+        double sy =
+            std::clamp((double(y) + 0.5) * double(h) / double(size) - 0.5, 0.0, double(h - 1));
         int64_t y0 = std::min<int64_t>(int64_t(sy), h - 1), y1 = std::min<int64_t>(y0 + 1, h - 1);
         float fy = float(sy - double(y0));
         for (int64_t x = 0; x < size; ++x) {
-            double sx = std::clamp((double(x) + 0.5) * double(w) / double(size) - 0.5, 0.0, double(w - 1));
-            int64_t x0 = std::min<int64_t>(int64_t(sx), w - 1), x1 = std::min<int64_t>(x0 + 1, w - 1);
+            double sx =
+                std::clamp((double(x) + 0.5) * double(w) / double(size) - 0.5, 0.0, double(w - 1));
+            int64_t x0 = std::min<int64_t>(int64_t(sx), w - 1),
+                    x1 = std::min<int64_t>(x0 + 1, w - 1);
             float fx = float(sx - double(x0));
             auto at = [&](int64_t xx, int64_t yy) { return grey[size_t(yy * w + xx)]; };
             float top = at(x0, y0) + (at(x1, y0) - at(x0, y0)) * fx;
@@ -251,12 +272,14 @@ Result<void> WriteIesPreview(Context& context, const std::string& file, const st
 }
 
 void AddIesCommand(CLI::App& app, Context& context, int& status) {
-    auto* ies = app.add_subcommand("ies", "Inspect, evaluate and rewrite IES photometric profiles (LM-63)");
+    auto* ies =
+        app.add_subcommand("ies", "Inspect, evaluate and rewrite IES photometric profiles (LM-63)");
     ies->require_subcommand(1);
 
     auto* info = ies->add_subcommand(
-        "info", "Header properties, shape, dimensions in metres, angles, max candela, power ratio and "
-                "checksum of a profile");
+        "info",
+        "Header properties, shape, dimensions in metres, angles, max candela, power ratio and "
+        "checksum of a profile");
     auto infoFile = std::make_shared<std::string>();
     auto infoJson = std::make_shared<bool>(false);
     info->add_option("FILE", *infoFile, "The .ies file")->required();
@@ -281,17 +304,21 @@ void AddIesCommand(CLI::App& app, Context& context, int& status) {
     });
 
     auto* eval = ies->add_subcommand(
-        "eval", "Normalised intensity (0..1) in given directions of the light's frame (-z is the "
-                "nadir); without --dir or --angles, reads JSON lines on stdin: [x, y, z], "
-                "{\"direction\": [x, y, z]} or {\"theta\": degrees, \"phi\": degrees}");
+        "eval",
+        "Normalised intensity (0..1) in given directions of the light's frame (-z is the "
+        "nadir); without --dir or --angles, reads JSON lines on stdin: [x, y, z], "
+        "{\"direction\": [x, y, z]} or {\"theta\": degrees, \"phi\": degrees}");
     auto evalOptions = std::make_shared<EvalOptions>();
     eval->add_option("FILE", evalOptions->file, "The .ies file")->required();
-    eval->add_option("--dir", evalOptions->dirs, "A direction X,Y,Z (repeatable)")->type_name("X,Y,Z");
-    eval->add_option("--angles", evalOptions->angles,
-                     "A direction as THETA,PHI in degrees: THETA from the nadir, PHI from +y towards +x "
-                     "(repeatable)")
+    eval->add_option("--dir", evalOptions->dirs, "A direction X,Y,Z (repeatable)")
+        ->type_name("X,Y,Z");
+    eval->add_option(
+            "--angles", evalOptions->angles,
+            "A direction as THETA,PHI in degrees: THETA from the nadir, PHI from +y towards +x "
+            "(repeatable)")
         ->type_name("THETA,PHI");
-    eval->add_flag("--json", evalOptions->json, "Answer {\"direction\": [...], \"intensity\": v} per line");
+    eval->add_flag("--json", evalOptions->json,
+                   "Answer {\"direction\": [...], \"intensity\": v} per line");
     eval->callback([&context, &status, evalOptions] {
         if (auto r = RunEval(context, *evalOptions, status); !r) status = Fail(r.GetError());
     });
@@ -303,17 +330,20 @@ void AddIesCommand(CLI::App& app, Context& context, int& status) {
     convert->add_option("FILE", *convertFile, "The .ies file")->required();
     convert->add_option("-o,--out", *convertOut, "The file to write")->required();
     convert->callback([&context, &status, convertFile, convertOut] {
-        if (auto r = RunConvert(context, *convertFile, *convertOut); !r) status = Fail(r.GetError());
+        if (auto r = RunConvert(context, *convertFile, *convertOut); !r)
+            status = Fail(r.GetError());
     });
 
     auto* preview = ies->add_subcommand(
-        "preview", "Render the profile's preview (the light on a wall behind it and the floor below) into a "
-                   "picture, opening the file through the image import as any picture is opened");
+        "preview",
+        "Render the profile's preview (the light on a wall behind it and the floor below) into a "
+        "picture, opening the file through the image import as any picture is opened");
     auto previewFile = std::make_shared<std::string>();
     auto previewOut = std::make_shared<std::string>();
     auto previewSize = std::make_shared<int64_t>(512);
     preview->add_option("FILE", *previewFile, "The .ies file")->required();
-    preview->add_option("-o,--out", *previewOut, "The picture to write (.png, .tif, .exr)")->required();
+    preview->add_option("-o,--out", *previewOut, "The picture to write (.png, .tif, .exr)")
+        ->required();
     preview->add_option("--size", *previewSize, "Width and height in pixels")->default_val(512);
     preview->callback([&context, &status, previewFile, previewOut, previewSize] {
         if (auto r = WriteIesPreview(context, *previewFile, *previewOut, *previewSize); !r) {

@@ -78,23 +78,22 @@ void AddImageCommand(CLI::App& app, Context& context, int& status) {
     auto json = std::make_shared<bool>(false);
     info->add_flag("--json", *json, "Answer as one JSON object");
     info->callback([&context, &status, file, json] {
-        if (auto r = Info(context, file->as<std::string>(), *json); !r)
-            status = Fail(r.GetError());
+        if (auto r = Info(context, file->as<std::string>(), *json); !r) status = Fail(r.GetError());
     });
 
     auto* convert = cmd->add_subcommand(
-        "convert", "Read a picture in any registered format and write it as PNG, TIFF or OpenEXR "
-                   "(chosen by the output's suffix)");
+        "convert",
+        "Read a picture in any registered format and write it as PNG, TIFF or OpenEXR "
+        "(chosen by the output's suffix)");
     auto* in = convert->add_option("IN", "Picture to read")->required();
     auto* out = convert->add_option("OUT", "File to write (.png, .tif, .tiff, .exr)")->required();
-    auto* format = convert->add_option("--format", "File format id to write, instead of the suffix");
+    auto* format =
+        convert->add_option("--format", "File format id to write, instead of the suffix");
     auto half = std::make_shared<bool>(false);
     convert->add_flag("--half", *half, "OpenEXR: store 16-bit half floats");
     convert->callback([&context, &status, in, out, format, half] {
         std::string f = format->count() ? format->as<std::string>() : std::string();
-        if (auto r = Convert(context, in->as<std::string>(), out->as<std::string>(), f,
-                             *half);
-            !r)
+        if (auto r = Convert(context, in->as<std::string>(), out->as<std::string>(), f, *half); !r)
             status = Fail(r.GetError());
     });
 }

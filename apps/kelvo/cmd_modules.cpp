@@ -9,13 +9,20 @@ namespace {
 
 const char* KindName(ENTRYKIND kind) {
     switch (kind) {
-        case ENTRYKIND::REGISTRY: return "registry";
-        case ENTRYKIND::REGISTRYMEMBER: return "object";
-        case ENTRYKIND::CLASS: return "class";
-        case ENTRYKIND::COMPONENT: return "component";
-        case ENTRYKIND::DATATYPE: return "data type";
-        case ENTRYKIND::CONFIGVARIABLE: return "configuration variable";
-        default: return "none";
+        case ENTRYKIND::REGISTRY:
+            return "registry";
+        case ENTRYKIND::REGISTRYMEMBER:
+            return "object";
+        case ENTRYKIND::CLASS:
+            return "class";
+        case ENTRYKIND::COMPONENT:
+            return "component";
+        case ENTRYKIND::DATATYPE:
+            return "data type";
+        case ENTRYKIND::CONFIGVARIABLE:
+            return "configuration variable";
+        default:
+            return "none";
     }
 }
 
@@ -25,7 +32,11 @@ std::string ModulesJson() {
     for (auto m : host::LoadedModules()) {
         const KelvoModuleInfo& info = host::ModuleInfo(m);
         w.Object().Key("id").String(info.id).Key("name").String(info.name);
-        w.Key("resourcePath").Array().String(info.resourcePath[0]).String(info.resourcePath[1]).End();
+        w.Key("resourcePath")
+            .Array()
+            .String(info.resourcePath[0])
+            .String(info.resourcePath[1])
+            .End();
         w.Key("dependencies").Array();
         for (size_t i = 0; i < info.dependencyCount; ++i) w.String(info.dependencies[i]);
         w.End().End();
@@ -78,11 +89,16 @@ void PrintConfig(std::ostream& out, bool json) {
         w.Array();
         for (const auto& c : vars)
             w.Object()
-                .Key("name").String(c.name)
-                .Key("type").String(c.type == CONFIGTYPE::BOOL ? "bool" : "string")
-                .Key("value").String(c.value)
-                .Key("default").String(c.defaultValue)
-                .Key("help").String(c.help)
+                .Key("name")
+                .String(c.name)
+                .Key("type")
+                .String(c.type == CONFIGTYPE::BOOL ? "bool" : "string")
+                .Key("value")
+                .String(c.value)
+                .Key("default")
+                .String(c.defaultValue)
+                .Key("help")
+                .String(c.help)
                 .End();
         out << w.End().Text() << '\n';
         return;
@@ -100,8 +116,9 @@ void PrintConfig(std::ostream& out, bool json) {
 
 void AddModulesCommand(CLI::App& app, Context& context, int& status) {
     auto* cmd = app.add_subcommand(
-        "modules", "List every registry with its entries, the modules and their configuration "
-                   "variables, as loaded from the module libraries");
+        "modules",
+        "List every registry with its entries, the modules and their configuration "
+        "variables, as loaded from the module libraries");
     auto json = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, "Write one JSON document instead of text");
     cmd->callback([&context, &status, json] {
@@ -118,8 +135,9 @@ void AddModulesCommand(CLI::App& app, Context& context, int& status) {
 
 void AddConfigCommand(CLI::App& app, Context& context, int& status) {
     auto* cmd = app.add_subcommand(
-        "config", "Show the configuration variables with their values (after --set), types, "
-                  "defaults and help texts");
+        "config",
+        "Show the configuration variables with their values (after --set), types, "
+        "defaults and help texts");
     auto json = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, "Write a JSON array instead of text");
     cmd->callback([&context, &status, json] {

@@ -8,10 +8,10 @@
 namespace kelvo::cli {
 
 void AddSelfTestCommand(CLI::App& app, Context& context, int& status) {
-    auto* cmd = app.add_subcommand(
-        "selftest",
-        "Run every registered self-test and speed test and print their results "
-        "(--set g_runUnitTestRenderStatistics=true adds statistics)");
+    auto* cmd =
+        app.add_subcommand("selftest",
+                           "Run every registered self-test and speed test and print their results "
+                           "(--set g_runUnitTestRenderStatistics=true adds statistics)");
     auto json = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, "One JSON object per test");
     cmd->callback([&context, &status, json] {
@@ -24,7 +24,11 @@ void AddSelfTestCommand(CLI::App& app, Context& context, int& status) {
             if (!o.passed) ++failed;
             if (*json) {
                 JsonWriter w;
-                w.Object().Key("id").String(o.id.Text()).Key("kind").String(o.speed ? "speed" : "unit");
+                w.Object()
+                    .Key("id")
+                    .String(o.id.Text())
+                    .Key("kind")
+                    .String(o.speed ? "speed" : "unit");
                 w.Key("passed").Bool(o.passed).Key("report").String(o.report);
                 if (!o.passed) w.Key("error").String(o.error);
                 std::cout << w.End().Text() << '\n';

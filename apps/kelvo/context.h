@@ -1,11 +1,10 @@
 // What every subcommand shares: where the program lives, its modules and resources.
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 #include "host.h"
 

@@ -24,7 +24,7 @@ size_t Utf8Length(std::string_view s) {
     for (size_t i = 1; i < n; ++i)
         if ((b(i) & 0xc0) != 0x80) return 0;
     if (n == 2 && c < 0xc2) return 0;                   // overlong
-    if (n == 3 && c == 0xe0 && b(1) < 0xa0) return 0;  // overlong
+    if (n == 3 && c == 0xe0 && b(1) < 0xa0) return 0;   // overlong
     if (n == 3 && c == 0xed && b(1) >= 0xa0) return 0;  // surrogates
     if (n == 4 && (c == 0xf0 ? b(1) < 0x90 : c == 0xf4 ? b(1) >= 0x90 : c > 0xf4)) return 0;
     return n;
@@ -37,11 +37,21 @@ std::string JsonString(std::string_view text) {
         unsigned char c = static_cast<unsigned char>(text[i]);
         if (c < 0x80) {
             switch (c) {
-                case '"': out += "\\\""; break;
-                case '\\': out += "\\\\"; break;
-                case '\n': out += "\\n"; break;
-                case '\r': out += "\\r"; break;
-                case '\t': out += "\\t"; break;
+                case '"':
+                    out += "\\\"";
+                    break;
+                case '\\':
+                    out += "\\\\";
+                    break;
+                case '\n':
+                    out += "\\n";
+                    break;
+                case '\r':
+                    out += "\\r";
+                    break;
+                case '\t':
+                    out += "\\t";
+                    break;
                 default:
                     if (c < 0x20) {
                         char buf[8];
@@ -158,13 +168,14 @@ Result<Vec3> ReadVec3(const nlohmann::json& v, std::string_view what) {
 
 Result<Matrix> ReadMatrix(const nlohmann::json& v, std::string_view what) {
     if (!v.is_object())
-        return IllegalArgumentError(KELVO_HERE,
-                                    "@ must be an object with offset, xAxis, yAxis and zAxis.", what);
+        return IllegalArgumentError(
+            KELVO_HERE, "@ must be an object with offset, xAxis, yAxis and zAxis.", what);
     Matrix m;
     struct Member {
         const char* key;
         Vec3* at;
-    } members[] = {{"offset", &m.offset}, {"xAxis", &m.xAxis}, {"yAxis", &m.yAxis}, {"zAxis", &m.zAxis}};
+    } members[] = {
+        {"offset", &m.offset}, {"xAxis", &m.xAxis}, {"yAxis", &m.yAxis}, {"zAxis", &m.zAxis}};
     for (const auto& mem : members) {
         if (!v.contains(mem.key)) continue;  // missing members keep the identity's
         KELVO_ASSIGN_OR_RETURN(*mem.at, ReadVec3(v[mem.key], std::string(what) + "." + mem.key));

@@ -7,11 +7,10 @@
 
 #include <functional>
 #include <istream>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 #include "kelvo/matrix.h"
 #include "kelvo/result.h"

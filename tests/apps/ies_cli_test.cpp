@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-
 #include <nlohmann/json.hpp>
 
 #include "../modules/render.module/ies_test_util.h"
@@ -10,22 +9,26 @@ namespace {
 namespace fs = std::filesystem;
 using namespace kelvo::testing_cli;
 
-std::string Data(const char* name) { return std::string(KELVO_SOURCE_DIR) + "/tests/data/ies/" + name; }
+std::string Data(const char* name) {
+    return std::string(KELVO_SOURCE_DIR) + "/tests/data/ies/" + name;
+}
 
 TEST(KelvoIesTest, InfoShowsTheHeaderAndJsonEveryMember) {
     ToolRun info = Kelvo("ies info " + Data("kelvo__upper_hemisphere.ies"));
     ASSERT_EQ(info.status, 0) << info.out;
-    for (const char* line : {"version: 2 (IESNA:LM-63-1995)\n", "tilt: NONE\n",
-                             "[LUMINAIRE] uplight, vertical angles 90 to 180\n", "shape: 4\n",
-                             "dimensions (m): 0.1524 0.1524 0.3048\n", "vertical angles: 5 (90 .. 180)\n",
-                             "horizontal angles: 1 (0 .. 0)\n", "max candela: 200\n"})
+    for (const char* line :
+         {"version: 2 (IESNA:LM-63-1995)\n", "tilt: NONE\n",
+          "[LUMINAIRE] uplight, vertical angles 90 to 180\n", "shape: 4\n",
+          "dimensions (m): 0.1524 0.1524 0.3048\n", "vertical angles: 5 (90 .. 180)\n",
+          "horizontal angles: 1 (0 .. 0)\n", "max candela: 200\n"})
         EXPECT_NE(info.out.find(line), std::string::npos) << line << info.out;
 
     ToolRun json = Kelvo("ies info --json " + Data("kelvo__ballast_factor.ies"));
     ASSERT_EQ(json.status, 0) << json.out;
     auto j = nlohmann::json::parse(json.out);
     EXPECT_EQ(j["properties"]["1000"], 3);
-    EXPECT_EQ(j["properties"]["1008"], nlohmann::json::parse("[0.29999999999999999,0.20000000000000001,0.0]"));
+    EXPECT_EQ(j["properties"]["1008"],
+              nlohmann::json::parse("[0.29999999999999999,0.20000000000000001,0.0]"));
     EXPECT_EQ(j["_anglesVertical"].size(), 5u);
     EXPECT_EQ(j["_data"][0], 850.0);
     EXPECT_EQ(j["_dataMax"], 850.0);
@@ -55,7 +58,8 @@ TEST(KelvoIesTest, EvalTakesDirectionsFromTheCommandLineOrJsonLines) {
     EXPECT_NEAR(nlohmann::json::parse(first)["intensity"].get<double>(), 1.0, 1e-3);
     EXPECT_NEAR(nlohmann::json::parse(second)["intensity"].get<double>(), 0.0, 1e-9);
 
-    ToolRun piped = Kelvo("ies eval " + file, "[0,0,-1]\n{\"theta\": 0}\nnot json\n{\"direction\": [1]}\n");
+    ToolRun piped =
+        Kelvo("ies eval " + file, "[0,0,-1]\n{\"theta\": 0}\nnot json\n{\"direction\": [1]}\n");
     EXPECT_EQ(piped.status, 1);
     std::istringstream answers(piped.out);
     std::vector<nlohmann::json> a;
@@ -70,20 +74,24 @@ TEST(KelvoIesTest, EvalTakesDirectionsFromTheCommandLineOrJsonLines) {
 }
 
 TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {
-    fs::path out = fs::temp_directory_path() / ("kelvo_ies_convert_" + std::to_string(::getpid()) + ".ies");
+    fs::path out =
+        fs::temp_directory_path() / ("kelvo_ies_convert_" + std::to_string(::getpid()) + ".ies");
     std::string file = Data("kelvo__ballast_factor.ies");
     ToolRun convert = Kelvo("ies convert " + file + " -o " + out.string());
     ASSERT_EQ(convert.status, 0) << convert.out;
     auto before = nlohmann::json::parse(Kelvo("ies info --json " + file).out);
     auto after = nlohmann::json::parse(Kelvo("ies info --json " + out.string()).out);
-    for (const char* key : {"_anglesVertical", "_anglesHorizontal", "_data", "_dataMax", "_dataPower"})
+    for (const char* key :
+         {"_anglesVertical", "_anglesHorizontal", "_data", "_dataMax", "_dataPower"})
         EXPECT_EQ(before[key], after[key]) << key;
     fs::remove(out);
 }
 
 TEST(KelvoIesTest, PreviewOpensTheFileAsAPictureAndWritesTheAskedSize) {
-    fs::path out = fs::temp_directory_path() / ("kelvo_ies_preview_" + std::to_string(::getpid()) + ".png");
-    ToolRun preview = Kelvo("ies preview " + Data("guv__ushio_b1.ies") + " -o " + out.string() + " --size 96");
+    fs::path out =
+        fs::temp_directory_path() / ("kelvo_ies_preview_" + std::to_string(::getpid()) + ".png");
+    ToolRun preview =
+        Kelvo("ies preview " + Data("guv__ushio_b1.ies") + " -o " + out.string() + " --size 96");
     ASSERT_EQ(preview.status, 0) << preview.out;
     EXPECT_EQ(PngSize(out), (std::pair<uint32_t, uint32_t>(96, 96)));
     fs::remove(out);

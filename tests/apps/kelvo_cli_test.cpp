@@ -81,9 +81,11 @@ TEST(KelvoToolTest, ModulesAndConfigShowWhatTheModuleDeclares) {
 }
 
 TEST(KelvoToolTest, ErrorsGoToStderrWithStatusOne) {
-    EXPECT_EQ(Kelvo("--set g_runUnitTestRenderStatistics=maybe config"),
-              Failed("Illegal argument: Value 'maybe' is not a bool for g_runUnitTestRenderStatistics."));
-    EXPECT_EQ(Kelvo("--set novalue config"), Failed("Illegal argument: --set expects NAME=VALUE, not 'novalue'."));
+    EXPECT_EQ(
+        Kelvo("--set g_runUnitTestRenderStatistics=maybe config"),
+        Failed("Illegal argument: Value 'maybe' is not a bool for g_runUnitTestRenderStatistics."));
+    EXPECT_EQ(Kelvo("--set novalue config"),
+              Failed("Illegal argument: --set expects NAME=VALUE, not 'novalue'."));
     EXPECT_EQ(Kelvo("nosuchcommand").status, 1);
     EXPECT_EQ(Kelvo("--help").status, 0);
 }
@@ -92,8 +94,8 @@ TEST(KelvoToolTest, DemoWritesItsReportsAndPreviewsTheSampleProfile) {
     fs::path out = fs::temp_directory_path() / ("kelvo_demo_" + std::to_string(::getpid()));
     ToolRun demo = Kelvo("demo --out " + out.string());
     ASSERT_EQ(demo.status, 0) << demo.out;
-    for (const char* f : {"modules.txt", "modules.json", "config.json", "ramp.png", "pictures.txt",
-                          "cameras.json"})
+    for (const char* f :
+         {"modules.txt", "modules.json", "config.json", "ramp.png", "pictures.txt", "cameras.json"})
         EXPECT_TRUE(fs::file_size(out / f) > 0) << f;
     EXPECT_EQ(PngSize(out / "ies_preview.png"), (std::pair<uint32_t, uint32_t>(512, 512)));
     fs::remove_all(out);
@@ -111,8 +113,8 @@ TEST(KelvoCameraTest, CommandLinePrintsRaysWithRoundTripPrecision) {
     EXPECT_EQ(*ReadNumber(j["rays"][0]["direction"][0], "x"), 0.25 * n);
     EXPECT_EQ(*ReadNumber(j["rays"][0]["direction"][2], "z"), n);
     EXPECT_LT(*ReadNumber(j["rays"][1]["direction"][1], "y"), 0.0);  // screen y grows downward
-    for (const char* m : {"origin", "xDifferentialOrigin", "yDifferentialOrigin", "xDifferentialDirection",
-                          "yDifferentialDirection"})
+    for (const char* m : {"origin", "xDifferentialOrigin", "yDifferentialOrigin",
+                          "xDifferentialDirection", "yDifferentialDirection"})
         EXPECT_TRUE(j["rays"][1].contains(m)) << m;
 
     // Looking from +z back at the origin. A parallel camera keeps its direction when
@@ -124,7 +126,8 @@ TEST(KelvoCameraTest, CommandLinePrintsRaysWithRoundTripPrecision) {
     EXPECT_EQ(*ReadVec3(j["rays"][0]["origin"], "o"), (Vec3{0, 0, 5}));
     EXPECT_EQ(*ReadVec3(j["rays"][0]["direction"], "d"), (Vec3{0, 0, -1}));
 
-    EXPECT_EQ(Kelvo("camera --class fisheye"), Failed("Illegal argument: Class fisheye not found."));
+    EXPECT_EQ(Kelvo("camera --class fisheye"),
+              Failed("Illegal argument: Class fisheye not found."));
     EXPECT_EQ(Kelvo("camera -p 3"),
               Failed("Illegal argument: --pixel expects 2 numbers separated by commas, not '3'."));
     EXPECT_EQ(Kelvo("camera --position 1,2,3 --look-at 1,2,3"),
@@ -139,20 +142,33 @@ TEST(KelvoCameraTest, JsonLinesDriveNamedCamerasAndAnswerEveryLine) {
         R"({"camera":"p","op":"Init","class":"perspective","parameters":{)"
         R"("net.kelvo.render.camera.cameraparameters.screenresolution":[640,480],)"
         R"("net.kelvo.render.camera.cameraparameters.windowform":[1,2],)"
-        R"("net.kelvo.render.camera.cameraparameters.fieldofview":1}})" "\n"
-        R"({"camera":"p","op":"CreateScreenRay","point":[320,240],"ray":{"rendererData":[1,2,3,4],"time":0.5}})" "\n"
+        R"("net.kelvo.render.camera.cameraparameters.fieldofview":1}})"
+        "\n"
+        R"({"camera":"p","op":"CreateScreenRay","point":[320,240],"ray":{"rendererData":[1,2,3,4],"time":0.5}})"
+        "\n"
         R"({"camera":"p","op":"CalculateMIPComponents","point":[320,240],)"
-        R"("ray":{"origin":[0,0,0]},"hit":{"position":[0,0,10],"normal":[0,0,1]}})" "\n"
-        R"({"camera":"p","op":"WorldToScreen","point":[0,0,-1]})" "\n"
-        R"({"camera":"p","op":"SetMatrix","matrix":{"offset":[1,2,3]}})" "\n"
-        R"({"camera":"p","op":"GetParameters"})" "\n"
-        R"({"camera":"q","op":"GetFeatures"})" "\n"
-        R"({"camera":"p","op":"Turn"})" "\n"
-        R"({"camera":"p","op":"CreateScreenRay","point":[1]})" "\n"
-        R"({"camera":"p","op":"CalculateMIPComponents","point":[1,1],"hit":{"position":[0,0,1],"colour":1}})" "\n"
-        R"({"camera":"q","op":"Init","class":"parallel","flipped":true})" "\n"
-        R"({"camera":"q","op":"GetFeatures"})" "\n"
-        R"({"camera":"q","op":"GetWorldToCameraMatrix"})" "\n");
+        R"("ray":{"origin":[0,0,0]},"hit":{"position":[0,0,10],"normal":[0,0,1]}})"
+        "\n"
+        R"({"camera":"p","op":"WorldToScreen","point":[0,0,-1]})"
+        "\n"
+        R"({"camera":"p","op":"SetMatrix","matrix":{"offset":[1,2,3]}})"
+        "\n"
+        R"({"camera":"p","op":"GetParameters"})"
+        "\n"
+        R"({"camera":"q","op":"GetFeatures"})"
+        "\n"
+        R"({"camera":"p","op":"Turn"})"
+        "\n"
+        R"({"camera":"p","op":"CreateScreenRay","point":[1]})"
+        "\n"
+        R"({"camera":"p","op":"CalculateMIPComponents","point":[1,1],"hit":{"position":[0,0,1],"colour":1}})"
+        "\n"
+        R"({"camera":"q","op":"Init","class":"parallel","flipped":true})"
+        "\n"
+        R"({"camera":"q","op":"GetFeatures"})"
+        "\n"
+        R"({"camera":"q","op":"GetWorldToCameraMatrix"})"
+        "\n");
     ASSERT_EQ(run.status, 0) << run.out;
     std::vector<nlohmann::json> lines;
     std::istringstream in(run.out);
@@ -169,16 +185,19 @@ TEST(KelvoCameraTest, JsonLinesDriveNamedCamerasAndAnswerEveryLine) {
     EXPECT_EQ(lines[2]["hit"]["polygonIndex"], -1);
     EXPECT_EQ(*ReadVec3(lines[3]["point"], "s"), (Vec3{320, 240, -1}));
     const auto& params = lines[5]["parameters"];
-    EXPECT_EQ(params["net.kelvo.render.camera.cameraparameters.windowform"], nlohmann::json::parse("[1,2]"));
+    EXPECT_EQ(params["net.kelvo.render.camera.cameraparameters.windowform"],
+              nlohmann::json::parse("[1,2]"));
     EXPECT_EQ(*ReadVec3(params["net.kelvo.render.camera.cameraparameters.matrix"]["offset"], "o"),
               (Vec3{1, 2, 3}));
-    EXPECT_EQ(lines[6]["error"], "Illegal argument: No camera named 'q': create it with Init and a class.");
+    EXPECT_EQ(lines[6]["error"],
+              "Illegal argument: No camera named 'q': create it with Init and a class.");
     EXPECT_EQ(lines[7]["error"], "Illegal argument: Unknown operation 'Turn'.");
     EXPECT_EQ(lines[8]["error"], "Illegal argument: point must be an array of 2 numbers.");
     EXPECT_EQ(lines[9]["error"], "Illegal argument: hit has no member 'colour'.");
     EXPECT_EQ(lines[11]["features"], 10);
-    EXPECT_EQ(lines[12]["matrix"], nlohmann::json::parse(
-        R"({"offset":[0,0,0],"xAxis":[1,0,0],"yAxis":[0,1,0],"zAxis":[0,0,1]})"));
+    EXPECT_EQ(lines[12]["matrix"],
+              nlohmann::json::parse(
+                  R"({"offset":[0,0,0],"xAxis":[1,0,0],"yAxis":[0,1,0],"zAxis":[0,0,1]})"));
 }
 
 class ImageCommandTest : public testing::Test {
@@ -192,11 +211,15 @@ protected:
     std::string Path(const std::string& name) const { return (_dir / name).string(); }
 
     template <typename T>
-    void Write(const std::string& name, PixelFormat f, COLORPROFILE p, const std::vector<T>& px, int64_t w, int64_t h) {
-        ASSERT_TRUE(ExportImage(Url::FromFile(Path(name)), *testing_images::MakeImage(w, h, f, p, px)).Ok());
+    void Write(const std::string& name, PixelFormat f, COLORPROFILE p, const std::vector<T>& px,
+               int64_t w, int64_t h) {
+        ASSERT_TRUE(
+            ExportImage(Url::FromFile(Path(name)), *testing_images::MakeImage(w, h, f, p, px))
+                .Ok());
     }
     template <typename T>
-    std::vector<T> Read(const std::string& name, PixelFormat f, COLORPROFILE p, PixelFormat stored = {}) {
+    std::vector<T> Read(const std::string& name, PixelFormat f, COLORPROFILE p,
+                        PixelFormat stored = {}) {
         auto image = ImportImage(Url::FromFile(Path(name)));
         EXPECT_TRUE(image.Ok()) << name;
         if (!image) return {};
@@ -215,8 +238,8 @@ TEST_F(ImageCommandTest, ConvertedFilesReadBackEqual) {
     std::vector<float> rgb(6 * 4 * 3);
     for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = std::ldexp(float(i) + 0.123f, int(i % 9) - 4);
     Write("f.exr", kPixelRgb32f, COLORPROFILE::LINEAR, rgb, 6, 4);
-    for (const char* step : {"a.png b.tif", "b.tif c.png", "c.png d.exr --half", "d.exr e.png", "f.exr g.tiff",
-                             "g.tiff h.exr", "h.exr i.exr --half"}) {
+    for (const char* step : {"a.png b.tif", "b.tif c.png", "c.png d.exr --half", "d.exr e.png",
+                             "f.exr g.tiff", "g.tiff h.exr", "h.exr i.exr --half"}) {
         std::string s(step), in = s.substr(0, s.find(' ')), rest = s.substr(s.find(' ') + 1);
         ToolRun run = Kelvo("image convert " + Path(in) + " " + (_dir / "").string() + rest);
         ASSERT_EQ(run.status, 0) << step << ": " << run.out;
@@ -236,21 +259,25 @@ TEST_F(ImageCommandTest, InfoNamesFormatLayersAndProfile) {
     Write("g.png", kPixelGrey16, COLORPROFILE::SRGB, std::vector<uint16_t>(6, 999), 3, 2);
     ToolRun text = Kelvo("image info " + Path("g.png"));
     ASSERT_EQ(text.status, 0) << text.out;
-    EXPECT_EQ(text.out, "file: " + Path("g.png") +
-                            "\nformat: net.kelvo.fileformat.imagepng (PNG)\nsize: 3 x 2\nlayers: 1\n"
-                            "layer 0: grey16 (16 bits per pixel), sRGB\n");
+    EXPECT_EQ(text.out,
+              "file: " + Path("g.png") +
+                  "\nformat: net.kelvo.fileformat.imagepng (PNG)\nsize: 3 x 2\nlayers: 1\n"
+                  "layer 0: grey16 (16 bits per pixel), sRGB\n");
     ToolRun json = Kelvo("image info --json " + Path("g.png"));
     auto j = nlohmann::json::parse(json.out);
     EXPECT_EQ(j["format"], "net.kelvo.fileformat.imagepng");
     EXPECT_EQ(j["layers"][0]["pixelFormat"], "grey16");
 
-    EXPECT_EQ(Kelvo("image info " + Path("none.png")), Failed("Cannot open file://" + Path("none.png") + "."));
+    EXPECT_EQ(Kelvo("image info " + Path("none.png")),
+              Failed("Cannot open file://" + Path("none.png") + "."));
     EXPECT_EQ(Kelvo("image convert " + Path("g.png") + " " + Path("g.bmp")),
               Failed("No file format writes file://" + Path("g.bmp") + "."));
 }
 
 TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
-    ToolRun run = Kelvo("bsdf", R"({"op":"new","name":"d","distribution":"beckmann","data":{"roughness":0.5},"caches":true}
+    ToolRun run = Kelvo(
+        "bsdf",
+        R"({"op":"new","name":"d","distribution":"beckmann","data":{"roughness":0.5},"caches":true}
 {"op":"D","name":"d","h":[0,0.6,0.8]}
 {"op":"cache","kind":0,"index":401800,"count":1}
 {"op":"ComputeBSDF","model":"lambertbrdf","wo":[0,0,1],"wi":[0,0,-1]}
@@ -276,25 +303,31 @@ TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
 }
 
 TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
-    fs::path png = fs::temp_directory_path() / ("kelvo_lobe_" + std::to_string(::getpid()) + ".png");
-    ToolRun run = Kelvo("bsdf plot -m ggxbtdf --data '{\"roughness\":0.4,\"iorin\":1.5}' --wo 0.3 0 1 "
-                        "--size 48 --caches -o " + png.string());
+    fs::path png =
+        fs::temp_directory_path() / ("kelvo_lobe_" + std::to_string(::getpid()) + ".png");
+    ToolRun run = Kelvo(
+        "bsdf plot -m ggxbtdf --data '{\"roughness\":0.4,\"iorin\":1.5}' --wo 0.3 0 1 "
+        "--size 48 --caches -o " +
+        png.string());
     EXPECT_EQ(run.status, 0) << run.out;
     std::ifstream in(png, std::ios::binary);
     char head[8] = {};
     in.read(head, 8);
     EXPECT_EQ(std::string(head + 1, 3), "PNG");
     fs::remove(png);
-    EXPECT_EQ(Kelvo("bsdf plot -m ggxbrdf --data '[1]'"), Failed("Illegal argument: --data must be a JSON object."));
-    EXPECT_EQ(Kelvo("bsdf plot -m nosuchbrdf -o /dev/null"),
-              Failed("Illegal argument: Class net.kelvo.render.bsdflegacyclass.nosuchbrdf not found."));
+    EXPECT_EQ(Kelvo("bsdf plot -m ggxbrdf --data '[1]'"),
+              Failed("Illegal argument: --data must be a JSON object."));
+    EXPECT_EQ(
+        Kelvo("bsdf plot -m nosuchbrdf -o /dev/null"),
+        Failed("Illegal argument: Class net.kelvo.render.bsdflegacyclass.nosuchbrdf not found."));
 }
 
 TEST(SelfTestCommandTest, RunsTheBsdfTestsAndAddsStatisticsOnRequest) {
     ToolRun run = Kelvo("selftest");
     EXPECT_EQ(run.status, 0) << run.out;
     EXPECT_NE(run.out.find("PASS net.kelvo.unittest.bsdftest\n"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("PASS net.kelvo.speedtestclass.speedtestbsdftest (speed test)"), std::string::npos);
+    EXPECT_NE(run.out.find("PASS net.kelvo.speedtestclass.speedtestbsdftest (speed test)"),
+              std::string::npos);
     EXPECT_EQ(run.out.find("mean relative difference"), std::string::npos);
     run = Kelvo("--set g_runUnitTestRenderStatistics=true selftest");
     EXPECT_NE(run.out.find("mean relative difference"), std::string::npos) << run.out;

@@ -1,7 +1,8 @@
+#include "kelvo/config.h"
+
 #include <gtest/gtest.h>
 
 #include "host.h"
-#include "kelvo/config.h"
 #include "kelvo/diagnostics.h"
 
 namespace kelvo {
@@ -11,8 +12,10 @@ constexpr ConfigVariable kText{"g_testText", CONFIGTYPE::STRING, "dflt", false, 
 constexpr ConfigVariable kFlag{"g_testFlag", CONFIGTYPE::BOOL, "", true, "A flag"};
 
 EntryRecord MakeConfigEntry(const ConfigVariable& v) {
-    return {.kind = ENTRYKIND::CONFIGVARIABLE, .idText = v.name,
-            .idSize = std::string_view(v.name).size(), .payload = &v};
+    return {.kind = ENTRYKIND::CONFIGVARIABLE,
+            .idText = v.name,
+            .idSize = std::string_view(v.name).size(),
+            .payload = &v};
 }
 
 class ConfigTest : public testing::Test {
@@ -51,7 +54,8 @@ TEST_F(ConfigTest, DiagnosticsAreCapturedInOrder) {
     host::CapturedDiagnostics captured;
     DiagnosticOutput("TextureImpl::Init Error: @", "bad");
     DiagnosticWarning("second");
-    EXPECT_EQ(captured.Lines(), (std::vector<std::string>{"TextureImpl::Init Error: bad", "second"}));
+    EXPECT_EQ(captured.Lines(),
+              (std::vector<std::string>{"TextureImpl::Init Error: bad", "second"}));
 }
 
 }  // namespace

@@ -49,7 +49,8 @@ TEST_F(CoreValuesTest, ErrorsFormatAndPassThroughUnchanged) {
     EXPECT_EQ(*Quarter(8), 2);
     EXPECT_EQ(FormatMessage("@ and @", 1), "1 and @");  // surplus placeholders stay
     EXPECT_EQ(FormatMessage("none", 1, 2), "none");
-    EXPECT_EQ(IllegalStateError(KELVO_HERE, "Invalid task").Message(), "Illegal state: Invalid task");
+    EXPECT_EQ(IllegalStateError(KELVO_HERE, "Invalid task").Message(),
+              "Illegal state: Invalid task");
     Error oom = OutOfMemoryError();
     EXPECT_EQ(oom.Kind(), ERRORKIND::OUTOFMEMORY);
     EXPECT_EQ(oom.Message(), "Out of memory.");

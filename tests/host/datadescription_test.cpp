@@ -1,11 +1,12 @@
 // Data descriptions written as JSON and read back.
+#include "kelvo/datadescription.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <vector>
 
 #include "host.h"
-#include "kelvo/datadescription.h"
 
 namespace kelvo {
 namespace {
@@ -55,7 +56,8 @@ protected:
         ASSERT_TRUE(_p._properties.Set(int64_t(1002), std::string("Lux \xb0 caf\xe9")).Ok());
         ASSERT_TRUE(_p._properties.Set(int64_t(1008), Vec3{0.6096, 0, 1e-300}).Ok());
         ASSERT_TRUE(_p._properties.Set(Id("net.kelvo.test.matrix"), Matrix{{1, 2, 3}}).Ok());
-        ASSERT_TRUE(_p._properties.Set(Id("net.kelvo.test.url"), Url("relative", "/tex/a.png")).Ok());
+        ASSERT_TRUE(
+            _p._properties.Set(Id("net.kelvo.test.url"), Url("relative", "/tex/a.png")).Ok());
         _p._anglesVertical = {0, 22.5, 0.1, -HUGE_VAL, 1.0 / 3.0};
         _p._counts = {-2147483647 - 1, 7};
         _p._dataMax = std::nan("");
@@ -72,8 +74,10 @@ protected:
 TEST_F(DataDescriptionTest, WritesMembersInOrderAndReadsThemBackExactly) {
     auto text = WriteDescription(_p);
     ASSERT_TRUE(text.Ok()) << text.GetError().Message();
-    EXPECT_EQ(text->rfind("{\"description\":1,\"members\":{\"_properties\":{\"entries\":[", 0), 0u) << *text;
-    EXPECT_NE(text->find("\"_anglesVertical\":[0.0,22.5,0.1,\"-inf\",0.3333333333333333]"), std::string::npos);
+    EXPECT_EQ(text->rfind("{\"description\":1,\"members\":{\"_properties\":{\"entries\":[", 0), 0u)
+        << *text;
+    EXPECT_NE(text->find("\"_anglesVertical\":[0.0,22.5,0.1,\"-inf\",0.3333333333333333]"),
+              std::string::npos);
     EXPECT_NE(text->find("{\"latin1\":\"Lux \xc2\xb0 caf\xc3\xa9\"}"), std::string::npos);
     EXPECT_NE(text->find("\"_name\":\"caf\xc3\xa9\""), std::string::npos);
 
@@ -113,17 +117,25 @@ TEST_F(DataDescriptionTest, BadDocumentsNameTheMember) {
         return t.replace(at, from.size(), to);
     };
     Profile p;
-    EXPECT_EQ(ReadDescription(p, replaced("\"_checksum\":4275878552", "\"_checksum\":-1")).GetError().Message(),
+    EXPECT_EQ(ReadDescription(p, replaced("\"_checksum\":4275878552", "\"_checksum\":-1"))
+                  .GetError()
+                  .Message(),
               "Illegal argument: Member _checksum is out of range.");
-    EXPECT_EQ(ReadDescription(p, replaced("\"_checksum\":4275878552", "\"_checksum\":\"x\"")).GetError().Message(),
+    EXPECT_EQ(ReadDescription(p, replaced("\"_checksum\":4275878552", "\"_checksum\":\"x\""))
+                  .GetError()
+                  .Message(),
               "Illegal argument: Member _checksum is not a UInt32.");
     EXPECT_EQ(ReadDescription(p, replaced("\"_dataMax\":\"nan\",", "")).GetError().Message(),
               "Illegal argument: Member _dataMax is missing.");
-    EXPECT_EQ(ReadDescription(p, replaced("\"_isActive\":true", "\"_isActive\":1")).GetError().Message(),
-              "Illegal argument: Member _isActive is not a bool.");
-    EXPECT_EQ(ReadDescription(p, replaced("[-2147483648,7]", "[-2147483649,7]")).GetError().Message(),
-              "Illegal argument: Member _counts is not an array of numbers of its type.");
-    EXPECT_EQ(ReadDescription(p, replaced("\"type\":\"int64\"", "\"type\":\"float99\"")).GetError().Message(),
+    EXPECT_EQ(
+        ReadDescription(p, replaced("\"_isActive\":true", "\"_isActive\":1")).GetError().Message(),
+        "Illegal argument: Member _isActive is not a bool.");
+    EXPECT_EQ(
+        ReadDescription(p, replaced("[-2147483648,7]", "[-2147483649,7]")).GetError().Message(),
+        "Illegal argument: Member _counts is not an array of numbers of its type.");
+    EXPECT_EQ(ReadDescription(p, replaced("\"type\":\"int64\"", "\"type\":\"float99\""))
+                  .GetError()
+                  .Message(),
               "Illegal argument: Member _properties is not a data dictionary.");
     EXPECT_EQ(ReadDescription(p, "{\"description\":1,").GetError().Message(),
               "Illegal argument: The text is no data description.");

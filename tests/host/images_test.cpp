@@ -47,47 +47,61 @@ TEST_F(ImagesTest, ConversionsRoundTripEveryByteValue) {
     std::vector<float> floats(256);
     // Through 16 bits, through float, and through linear light.
     ASSERT_TRUE(ConvertPixels(kPixelGrey8, COLORPROFILE::SRGB, bytes.data(), kPixelGrey16,
-                              COLORPROFILE::SRGB, words.data(), 256).Ok());
+                              COLORPROFILE::SRGB, words.data(), 256)
+                    .Ok());
     EXPECT_EQ(words[255], 65535);
     EXPECT_EQ(words[1], 257);
     ASSERT_TRUE(ConvertPixels(kPixelGrey16, COLORPROFILE::SRGB, words.data(), kPixelGrey8,
-                              COLORPROFILE::SRGB, back.data(), 256).Ok());
+                              COLORPROFILE::SRGB, back.data(), 256)
+                    .Ok());
     EXPECT_EQ(back, bytes);
     ASSERT_TRUE(ConvertPixels(kPixelGrey8, COLORPROFILE::SRGB, bytes.data(), kPixelGrey32f,
-                              COLORPROFILE::LINEAR, floats.data(), 256).Ok());
+                              COLORPROFILE::LINEAR, floats.data(), 256)
+                    .Ok());
     EXPECT_NEAR(floats[128], 0.2158605, 1e-6);
     ASSERT_TRUE(ConvertPixels(kPixelGrey32f, COLORPROFILE::LINEAR, floats.data(), kPixelGrey8,
-                              COLORPROFILE::SRGB, back.data(), 256).Ok());
+                              COLORPROFILE::SRGB, back.data(), 256)
+                    .Ok());
     EXPECT_EQ(back, bytes);
 }
 
 TEST_F(ImagesTest, ConversionsChangeChannelsAndClamp) {
     const uint8_t grey[2] = {10, 200};
     uint8_t rgba[8];
-    ASSERT_TRUE(ConvertPixels(kPixelGrey8, COLORPROFILE::SRGB, grey, kPixelRgba8, COLORPROFILE::SRGB,
-                              rgba, 2).Ok());
-    EXPECT_EQ(std::vector<uint8_t>(rgba, rgba + 8), (std::vector<uint8_t>{10, 10, 10, 255, 200, 200, 200, 255}));
+    ASSERT_TRUE(ConvertPixels(kPixelGrey8, COLORPROFILE::SRGB, grey, kPixelRgba8,
+                              COLORPROFILE::SRGB, rgba, 2)
+                    .Ok());
+    EXPECT_EQ(std::vector<uint8_t>(rgba, rgba + 8),
+              (std::vector<uint8_t>{10, 10, 10, 255, 200, 200, 200, 255}));
     const float rgb[9] = {1, 0, 0, -3, 7, 0, 0.5f, 0.5f, 0.5f};
     uint8_t out[3];
     ASSERT_TRUE(ConvertPixels(kPixelRgb32f, COLORPROFILE::LINEAR, rgb, kPixelGrey8,
-                              COLORPROFILE::LINEAR, out, 3).Ok());
+                              COLORPROFILE::LINEAR, out, 3)
+                    .Ok());
     // 0.2126 of red; 7 clamped; mid grey.
     EXPECT_EQ(std::vector<uint8_t>(out, out + 3), (std::vector<uint8_t>{54, 255, 128}));
     const float odd[2] = {NAN, -INFINITY};
     ASSERT_TRUE(ConvertPixels(kPixelGrey32f, COLORPROFILE::LINEAR, odd, kPixelGrey8,
-                              COLORPROFILE::SRGB, out, 2).Ok());
+                              COLORPROFILE::SRGB, out, 2)
+                    .Ok());
     EXPECT_EQ(std::vector<uint8_t>(out, out + 2), (std::vector<uint8_t>{0, 0}));
     EXPECT_EQ(ConvertPixels(PixelFormat{}, COLORPROFILE::LINEAR, rgb, kPixelGrey8,
-                            COLORPROFILE::LINEAR, out, 1).GetError().Message(),
+                            COLORPROFILE::LINEAR, out, 1)
+                  .GetError()
+                  .Message(),
               "Illegal argument: Invalid pixel format.");
 }
 
 TEST_F(ImagesTest, LayersCheckSizesAndRanges) {
-    EXPECT_EQ(CreateImage(0, 5).GetError().Message(), "Illegal argument: Invalid image size 0 x 5.");
-    EXPECT_EQ(CreateImageLayer(4, int64_t(1) << 25, kPixelRgb8, COLORPROFILE::SRGB).GetError().Message(),
-              "Illegal argument: Invalid image size 4 x 33554432.");
+    EXPECT_EQ(CreateImage(0, 5).GetError().Message(),
+              "Illegal argument: Invalid image size 0 x 5.");
+    EXPECT_EQ(
+        CreateImageLayer(4, int64_t(1) << 25, kPixelRgb8, COLORPROFILE::SRGB).GetError().Message(),
+        "Illegal argument: Invalid image size 4 x 33554432.");
     auto image = *CreateImage(4, 3);
-    EXPECT_EQ(image->AddLayer(*CreateImageLayer(3, 4, kPixelRgb8, COLORPROFILE::SRGB)).GetError().Message(),
+    EXPECT_EQ(image->AddLayer(*CreateImageLayer(3, 4, kPixelRgb8, COLORPROFILE::SRGB))
+                  .GetError()
+                  .Message(),
               "Illegal argument: The layer of 3 x 4 does not fit the image of 4 x 3.");
     auto layer = *CreateImageLayer(4, 3, kPixelRgb16, COLORPROFILE::SRGB);
     auto reader = *layer->GetPixelHandler(kPixelRgba8, COLORPROFILE::SRGB);
@@ -155,8 +169,10 @@ TEST_F(ImagesTest, FilesRoundTripThroughTheRegistry) {
     DataDictionary half;
     ASSERT_TRUE(half.Set(kExportOptionHalf, true).Ok());
     ASSERT_TRUE(ExportImage(File("half.exr"), *hdr, {}, half).Ok());
-    auto back = Pixels<float>(**ImportImage(File("half.exr")), 0, kPixelRgb32f, COLORPROFILE::LINEAR);
-    for (size_t i = 0; i < floats.size(); ++i) EXPECT_NEAR(back[i], floats[i], std::fabs(floats[i]) / 1024 + 1e-7);
+    auto back =
+        Pixels<float>(**ImportImage(File("half.exr")), 0, kPixelRgb32f, COLORPROFILE::LINEAR);
+    for (size_t i = 0; i < floats.size(); ++i)
+        EXPECT_NEAR(back[i], floats[i], std::fabs(floats[i]) / 1024 + 1e-7);
 }
 
 TEST_F(ImagesTest, ContentDecidesAndBadFilesFailCleanly) {
@@ -166,15 +182,19 @@ TEST_F(ImagesTest, ContentDecidesAndBadFilesFailCleanly) {
     EXPECT_EQ(DetectFileFormat(File("named.png"))->Text(), "net.kelvo.fileformat.imagetiff");
 
     std::string missing = File("missing.png").ToString();
-    EXPECT_EQ(ImportImage(File("missing.png")).GetError().Message(), "Cannot open " + missing + ".");
+    EXPECT_EQ(ImportImage(File("missing.png")).GetError().Message(),
+              "Cannot open " + missing + ".");
     std::ofstream(_dir / "text.png") << "hello";
     EXPECT_TRUE(DetectFileFormat(File("text.png"))->IsEmpty());
     EXPECT_EQ(ImportImage(File("text.png")).GetError().Message(),
               "No file format recognises " + File("text.png").ToString() + ".");
     // A PNG signature followed by garbage, and a PNG cut short.
-    std::ofstream(_dir / "bad.png", std::ios::binary) << "\x89PNG\r\n\x1a\n garbage garbage garbage";
+    std::ofstream(_dir / "bad.png", std::ios::binary)
+        << "\x89PNG\r\n\x1a\n garbage garbage garbage";
     auto bad = ImportImage(File("bad.png"));
-    EXPECT_EQ(bad.GetError().Message().rfind("Cannot read PNG " + File("bad.png").ToString() + ": ", 0), 0u)
+    EXPECT_EQ(
+        bad.GetError().Message().rfind("Cannot read PNG " + File("bad.png").ToString() + ": ", 0),
+        0u)
         << bad.GetError().Message();
     ASSERT_TRUE(ExportImage(File("whole.png"), *image).Ok());
     fs::resize_file(_dir / "whole.png", fs::file_size(_dir / "whole.png") - 20);
@@ -185,8 +205,9 @@ TEST_F(ImagesTest, ContentDecidesAndBadFilesFailCleanly) {
 
     EXPECT_EQ(ExportImage(File("x.bmp"), *image).GetError().Message(),
               "No file format writes " + File("x.bmp").ToString() + ".");
-    EXPECT_EQ(ExportImage(File("x.png"), *image, Id("net.kelvo.fileformat.none")).GetError().Message(),
-              "No file format writes net.kelvo.fileformat.none.");
+    EXPECT_EQ(
+        ExportImage(File("x.png"), *image, Id("net.kelvo.fileformat.none")).GetError().Message(),
+        "No file format writes net.kelvo.fileformat.none.");
     EXPECT_FALSE(ExportImage(Url::FromFile((_dir / "no/such/dir/x.png").string()), *image).Ok());
 }
 
@@ -204,7 +225,8 @@ std::string PngChunk(const std::string& type, const std::string& data) {
 }
 
 TEST_F(ImagesTest, AHeaderThatLiesAboutItsSizeIsRefusedBeforeAllocating) {
-    std::string ihdr("\x00\x01\x86\xa0\x00\x01\x86\xa0\x08\x02\x00\x00\x00", 13);  // 100000 x 100000
+    std::string ihdr("\x00\x01\x86\xa0\x00\x01\x86\xa0\x08\x02\x00\x00\x00",
+                     13);  // 100000 x 100000
     std::ofstream(_dir / "huge.png", std::ios::binary)
         << std::string("\x89PNG\r\n\x1a\n", 8) + PngChunk("IHDR", ihdr) + PngChunk("IDAT", "") +
                PngChunk("IEND", "");
@@ -214,7 +236,8 @@ TEST_F(ImagesTest, AHeaderThatLiesAboutItsSizeIsRefusedBeforeAllocating) {
 
 TEST_F(ImagesTest, ImportFailsCleanlyWhenMemoryRunsOut) {
     std::vector<uint8_t> rgb(16 * 16 * 3, 90);
-    ASSERT_TRUE(ExportImage(File("m.png"), *MakeImage(16, 16, kPixelRgb8, COLORPROFILE::SRGB, rgb)).Ok());
+    ASSERT_TRUE(
+        ExportImage(File("m.png"), *MakeImage(16, 16, kPixelRgb8, COLORPROFILE::SRGB, rgb)).Ok());
     int64_t before = host::LiveAllocations();
     for (int n = 1; n < 40; ++n) {
         host::FailNthAllocation(n);
@@ -248,9 +271,11 @@ class TestImport final : public Implements<MediaImportInterface> {
 public:
     Result<StrongRef<ImageInterface>> Import(const Url&) override {
         KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(2, 1));
-        KELVO_ASSIGN_OR_RETURN(auto layer, CreateImageLayer(2, 1, kPixelGrey8, COLORPROFILE::LINEAR));
+        KELVO_ASSIGN_OR_RETURN(auto layer,
+                               CreateImageLayer(2, 1, kPixelGrey8, COLORPROFILE::LINEAR));
         uint8_t px[2] = {1, 2};
-        KELVO_TRY((*layer->SetPixelHandler(kPixelGrey8, COLORPROFILE::LINEAR))->SetPixels(0, 0, 2, px));
+        KELVO_TRY(
+            (*layer->SetPixelHandler(kPixelGrey8, COLORPROFILE::LINEAR))->SetPixels(0, 0, 2, px));
         KELVO_TRY(image->AddLayer(layer));
         return image;
     }
@@ -259,7 +284,7 @@ public:
 // A class entry the way a module's binding declares one.
 EntryRecord ClassEntry(Id id, Id registry, Id kindId, CreateFunction create) {
     return {ENTRYKIND::CLASS, id.Text().data(), id.Text().size(), id.Hash(), false, registry,
-            kindId, KELVO_HERE, nullptr, create, {}, nullptr};
+            kindId,           KELVO_HERE,       nullptr,          create,    {},    nullptr};
 }
 
 TEST_F(ImagesTest, AModuleFormatOpensLikeTheHostsOwn) {
@@ -276,9 +301,11 @@ TEST_F(ImagesTest, AModuleFormatOpensLikeTheHostsOwn) {
     std::ofstream(_dir / "b.tst") << "other";
     auto image = ImportImage(File("a.TST"));
     ASSERT_TRUE(image.Ok()) << image.GetError().Message();
-    EXPECT_EQ((*image)->GetProperties().Get<Id>(kImagePropertyFileFormat).Text(), "net.kelvo.fileformat.test");
+    EXPECT_EQ((*image)->GetProperties().Get<Id>(kImagePropertyFileFormat).Text(),
+              "net.kelvo.fileformat.test");
     EXPECT_EQ((*image)->GetProperties().Get<Url>(kImagePropertyUrl), File("a.TST"));
-    EXPECT_EQ(Pixels<uint8_t>(**image, 0, kPixelGrey8, COLORPROFILE::LINEAR), (std::vector<uint8_t>{1, 2}));
+    EXPECT_EQ(Pixels<uint8_t>(**image, 0, kPixelGrey8, COLORPROFILE::LINEAR),
+              (std::vector<uint8_t>{1, 2}));
     EXPECT_FALSE(ImportImage(File("b.tst")).Ok());
     // The format has no export step.
     EXPECT_EQ(ExportImage(File("c.tst"), **image).GetError().Message(),

@@ -1,4 +1,6 @@
 // The job system under real threads (run under ThreadSanitizer too).
+#include "kelvo/jobs.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,7 +11,6 @@
 #include <vector>
 
 #include "host.h"
-#include "kelvo/jobs.h"
 
 namespace kelvo {
 namespace {
@@ -42,9 +43,10 @@ TEST_F(JobsTest, CancelReachesRunningJobAndObserversRunOnce) {
         return UnexpectedError(KELVO_HERE, "stopped");
     });
     ASSERT_TRUE(job->AddObserver([&](JobInterface& j) {
-        EXPECT_TRUE(j.IsCancelled());
-        observed.fetch_add(1);
-    }).Ok());
+                       EXPECT_TRUE(j.IsCancelled());
+                       observed.fetch_add(1);
+                   })
+                    .Ok());
     // A second job waits behind the first; cancelling it ends it at once, unrun.
     std::atomic<bool> secondRan{false};
     auto second = MakeJob("Behind", [&](JobInterface&) -> Result<void> {
@@ -87,9 +89,8 @@ TEST_F(JobsTest, MisuseIsAnErrorNotAHang) {
     auto selfWait = MakeJob("Self", [&](JobInterface& j) { return j.Wait(); });
     EXPECT_EQ(selfWait->Run().GetError().Message(), "Illegal state: Job Self waits for itself.");
 
-    auto thrower = MakeJob("Thrower", [](JobInterface&) -> Result<void> {
-        throw std::runtime_error("boom");
-    });
+    auto thrower =
+        MakeJob("Thrower", [](JobInterface&) -> Result<void> { throw std::runtime_error("boom"); });
     ASSERT_TRUE(queue->Enqueue(thrower).Ok());
     EXPECT_EQ(thrower->Wait().GetError().Message(), "Job Thrower failed: boom");
 }
@@ -150,7 +151,8 @@ TEST_F(JobsTest, CancelAllEndsEveryJobAndWaitAllReturns) {
 }
 
 TEST_F(JobsTest, ParallelForCoversEveryIndexOnceWithAnyChunk) {
-    for (int64_t chunk : {int64_t(0), int64_t(1), int64_t(3), int64_t(7), int64_t(64), int64_t(1000), INT64_MAX}) {
+    for (int64_t chunk :
+         {int64_t(0), int64_t(1), int64_t(3), int64_t(7), int64_t(64), int64_t(1000), INT64_MAX}) {
         for (auto [from, to] : {std::pair<int64_t, int64_t>{0, 1}, {-5, 300}, {10, 1009}}) {
             std::vector<std::atomic<int>> hits(size_t(to - from));
             std::atomic<int> inits{0}, finals{0};
@@ -159,16 +161,17 @@ TEST_F(JobsTest, ParallelForCoversEveryIndexOnceWithAnyChunk) {
                 int64_t sum = 0;
             };
             ASSERT_TRUE(ParallelFor<Local>(
-                from, to, [&](Local&) { inits.fetch_add(1); },
-                [&](Local& l, int64_t i) {
-                    hits[size_t(i - from)].fetch_add(1);
-                    l.sum += i;
-                },
-                [&](Local& l) {
-                    finals.fetch_add(1);
-                    total += l.sum;
-                },
-                {chunk, 0}).Ok());
+                            from, to, [&](Local&) { inits.fetch_add(1); },
+                            [&](Local& l, int64_t i) {
+                                hits[size_t(i - from)].fetch_add(1);
+                                l.sum += i;
+                            },
+                            [&](Local& l) {
+                                finals.fetch_add(1);
+                                total += l.sum;
+                            },
+                            {chunk, 0})
+                            .Ok());
             for (auto& h : hits) ASSERT_EQ(h.load(), 1) << "chunk " << chunk;
             EXPECT_EQ(total, (from + to - 1) * (to - from) / 2);
             EXPECT_EQ(inits.load(), finals.load());
@@ -184,13 +187,13 @@ TEST_F(JobsTest, ParallelForCoversEveryIndexOnceWithAnyChunk) {
 
 TEST_F(JobsTest, ParallelForHandsBackTheFirstError) {
     // One worker runs the indices in order: the first failing index is the error.
-    Result<void> r = ParallelFor(
-        0, 100,
-        [](int64_t i) -> Result<void> {
-            if (i == 37 || i == 50) return IllegalArgumentError(KELVO_HERE, "index @", i);
-            return OK();
-        },
-        {1, 1});
+    Result<void> r = ParallelFor(0, 100,
+                                 [](int64_t i) -> Result<void> {
+                                     if (i == 37 || i == 50)
+                                         return IllegalArgumentError(KELVO_HERE, "index @", i);
+                                     return OK();
+                                 },
+                                 {1, 1});
     EXPECT_EQ(r.GetError().Message(), "Illegal argument: index 37");
 
     // Many workers: the loop stops early, finalise still runs for every initialised worker.
@@ -323,8 +326,9 @@ TEST_F(JobsTest, ObserversEnqueueNextIterationsRoundRobin) {
                 return OK();
             });
             ASSERT_TRUE(job->AddObserver([&, task, iteration](JobInterface&) {
-                if (iteration < 2) start(task, iteration + 1);
-            }).Ok());
+                               if (iteration < 2) start(task, iteration + 1);
+                           })
+                            .Ok());
             ASSERT_TRUE(queue->Enqueue(job).Ok());
         };
         start('A', 0);

@@ -1,10 +1,11 @@
+#include "kelvo/lexer.h"
+
 #include <gtest/gtest.h>
 
 #include <set>
 #include <vector>
 
 #include "host.h"
-#include "kelvo/lexer.h"
 #include "kelvo/memorystream.h"
 #include "kelvo/random.h"
 
@@ -47,10 +48,10 @@ TEST_F(LexerTest, WordsEndAtBlanksAndSingleCharacterTokens) {
     // Bytes above 127 are word bytes and survive unchanged; "TILT=NONE" is three tokens.
     std::string text = "TILT=NONE {a,b}\t[MANUFAC]caf\xe9 \xff\xfe";
     std::vector<Tok> expected = {
-        {T::WORD, "TILT", 1},      {T::EQUALS, "=", 1},   {T::WORD, "NONE", 1},
-        {T::OPENBRACE, "{", 1},    {T::WORD, "a", 1},     {T::COMMA, ",", 1},
-        {T::WORD, "b", 1},         {T::CLOSEBRACE, "}", 1}, {T::WORD, "[MANUFAC]caf\xe9", 1},
-        {T::WORD, "\xff\xfe", 1},  {T::END, "", 1}};
+        {T::WORD, "TILT", 1},     {T::EQUALS, "=", 1},     {T::WORD, "NONE", 1},
+        {T::OPENBRACE, "{", 1},   {T::WORD, "a", 1},       {T::COMMA, ",", 1},
+        {T::WORD, "b", 1},        {T::CLOSEBRACE, "}", 1}, {T::WORD, "[MANUFAC]caf\xe9", 1},
+        {T::WORD, "\xff\xfe", 1}, {T::END, "", 1}};
     for (size_t maxRead : {0, 1, 3}) EXPECT_EQ(All(*Lex(text, maxRead)), expected) << maxRead;
 }
 
@@ -70,8 +71,11 @@ TEST_F(LexerTest, NumbersAreWholeDecimalTokens) {
 TEST_F(LexerTest, CrLfIsOneLineBreakAndTheEndIsOnTheLastLine) {
     // CR LF split across two reads still counts once; a lone CR ends a line too.
     std::string text = "a\r\nb\n\nc\rd\r\n";
-    std::vector<Tok> expected = {{T::WORD, "a", 1}, {T::WORD, "b", 2}, {T::WORD, "c", 4},
-                                 {T::WORD, "d", 5}, {T::END, "", 5}};
+    std::vector<Tok> expected = {{T::WORD, "a", 1},
+                                 {T::WORD, "b", 2},
+                                 {T::WORD, "c", 4},
+                                 {T::WORD, "d", 5},
+                                 {T::END, "", 5}};
     for (size_t maxRead : {0, 1, 2}) EXPECT_EQ(All(*Lex(text, maxRead)), expected) << maxRead;
     // Without a final line break the end lies on the line of the last token.
     EXPECT_EQ(All(*Lex("x\ny")).back(), (Tok{T::END, "", 2}));
@@ -100,8 +104,12 @@ TEST_F(LexerTest, CommasBetweenNumbersAreSeparators) {
     // A comma that does not follow a number, or two commas, is no separator.
     for (const char* text : {", 1", "1,,2", "x, 1"}) {
         auto l = Lex(text);
-        if (text[0] == 'x') { ASSERT_EQ(*l->Next(), T::WORD); }
-        if (text[0] == '1') { ASSERT_TRUE(l->ReadNumber().Ok()); }
+        if (text[0] == 'x') {
+            ASSERT_EQ(*l->Next(), T::WORD);
+        }
+        if (text[0] == '1') {
+            ASSERT_TRUE(l->ReadNumber().Ok());
+        }
         EXPECT_EQ(l->ReadNumber().GetError().Message(), "Number expected in line 1.") << text;
     }
 }
@@ -118,7 +126,8 @@ TEST_F(LexerTest, FailedNumberReadsNameTheLine) {
     EXPECT_EQ(Lex("7\n")->ReadNumber().ValueOr(-1), 7);
     EXPECT_EQ(Lex("\n\n")->ReadNumber().GetError().Message(), "Number expected in line 2.");
     for (const char* text : {"2.5", "1e19", "-1e300", "x"})
-        EXPECT_EQ(Lex(text)->ReadInteger().GetError().Message(), "Integer expected in line 1.") << text;
+        EXPECT_EQ(Lex(text)->ReadInteger().GetError().Message(), "Integer expected in line 1.")
+            << text;
     EXPECT_EQ(*Lex("-4.0")->ReadInteger(), -4);
 }
 

@@ -35,7 +35,9 @@ std::vector<std::string> ExportedSymbols(const std::string& path) {
     return out;
 }
 
-std::string Fixture(const char* name) { return std::string(KELVO_FIXTURE_DIR) + "/" + name + ".so"; }
+std::string Fixture(const char* name) {
+    return std::string(KELVO_FIXTURE_DIR) + "/" + name + ".so";
+}
 
 size_t RegistrySize(const char* id) {
     for (const auto& r : host::Registries())
@@ -82,9 +84,11 @@ TEST(LoaderTest, RefusesBrokenModulesWithClearErrors) {
               "which is not loaded.");
 
     auto version = host::LoadModule(Fixture("kelvo_fixture_wrong_version"));
-    EXPECT_NE(version.GetError().Message().find("was built for binding version"), std::string::npos);
+    EXPECT_NE(version.GetError().Message().find("was built for binding version"),
+              std::string::npos);
     EXPECT_EQ(host::LoadModule(Fixture("kelvo_fixture_no_exports")).GetError().Message(),
-              "Illegal state: Module " + Fixture("kelvo_fixture_no_exports") + " does not export g_kelvo.");
+              "Illegal state: Module " + Fixture("kelvo_fixture_no_exports") +
+                  " does not export g_kelvo.");
     EXPECT_EQ(host::LoadModule("/nonexistent/kelvo_render.so").GetError().Kind(), ERRORKIND::IO);
 
     // A member whose registry nobody provides names its declaring file; nothing stays.
@@ -102,7 +106,10 @@ TEST(LoaderTest, CleaningARecordTwiceLeavesNothingBehind) {
     int64_t before = host::LiveAllocations();
     char* text = static_cast<char*>(Allocate(16));
     std::memcpy(text, "net.kelvo.x", 12);
-    EntryRecord record{.kind = ENTRYKIND::CLASS, .idText = text, .idSize = 11, .idAllocated = true,
+    EntryRecord record{.kind = ENTRYKIND::CLASS,
+                       .idText = text,
+                       .idSize = 11,
+                       .idAllocated = true,
                        .object = std::make_shared<Object>()};
     WeakRef<Object> watch = record.object;
     record.Cleanup();

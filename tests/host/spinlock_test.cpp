@@ -1,3 +1,5 @@
+#include "kelvo/spinlock.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -6,7 +8,6 @@
 #include <vector>
 
 #include "host.h"
-#include "kelvo/spinlock.h"
 
 namespace kelvo {
 namespace {

@@ -37,8 +37,13 @@ extern "C" {
 KELVO_EXPORT KelvoBinding g_kelvo = {
     KELVO_BINDING_VERSION,
     sizeof(KelvoBinding),
-    {"net.kelvo.render", "net.kelvo.render.module", {"modules", "render.module"}, kDependencies,
-     sizeof(kDependencies) / sizeof(kDependencies[0]), nullptr, nullptr},
+    {"net.kelvo.render",
+     "net.kelvo.render.module",
+     {"modules", "render.module"},
+     kDependencies,
+     sizeof(kDependencies) / sizeof(kDependencies[0]),
+     nullptr,
+     nullptr},
     {},
 };
 KELVO_EXPORT void (*g_CpuYieldDelegate)() = nullptr;
@@ -54,7 +59,8 @@ KELVO_CONFIG_BOOL(s_runUnitTestStatistics, "g_runUnitTestRenderStatistics", fals
                   "Run render unittest statistics");
 
 // Registries the module defines or refers to.
-#define KELVO_REGISTRY(var, id) KELVO_ENTRY(var, ENTRYKIND::REGISTRY, id, Id(), Id(), nullptr, nullptr)
+#define KELVO_REGISTRY(var, id) \
+    KELVO_ENTRY(var, ENTRYKIND::REGISTRY, id, Id(), Id(), nullptr, nullptr)
 KELVO_REGISTRY(s_regCameras, "net.kelvo.render.registry.cameraclasses");
 KELVO_REGISTRY(s_regBsdfLegacy, "net.kelvo.render.registry.bsdflegacyclasses");
 KELVO_REGISTRY(s_regSceneObjects, "net.kelvo.render.sceneobjectclasses");
@@ -72,11 +78,12 @@ KELVO_REGISTRY(s_regSpeedTests, "net.kelvo.registry.speedtestclasses");
 
 // Render data types.
 constexpr Id kDataTypes("net.kelvo.registry.datatypes");
-#define KELVO_DATATYPE(var, id, Type)                                                         \
-    const kelvo::DataType KELVO_CONCAT(var, _type){Id(id), kelvo::DATATYPEFLAGS_POD,          \
-                                                   kelvo::MakeDataTypeOps<Type>()};           \
+#define KELVO_DATATYPE(var, id, Type)                                                \
+    const kelvo::DataType KELVO_CONCAT(var, _type){Id(id), kelvo::DATATYPEFLAGS_POD, \
+                                                   kelvo::MakeDataTypeOps<Type>()};  \
     KELVO_ENTRY(var, ENTRYKIND::DATATYPE, id, kDataTypes, Id(), &KELVO_CONCAT(var, _type), nullptr)
-KELVO_DATATYPE(s_samplerCache, "net.kelvo.render.legacy_renderers.samplercache", kelvo::SamplerCache);
+KELVO_DATATYPE(s_samplerCache, "net.kelvo.render.legacy_renderers.samplercache",
+               kelvo::SamplerCache);
 KELVO_DATATYPE(s_bsdfLayer, "net.kelvo.render.datatype.bsdflayer", kelvo::BsdfLayer);
 KELVO_DATATYPE(s_hit32, "net.kelvo.render.intersectionresult32", kelvo::IntersectionResult32);
 KELVO_DATATYPE(s_hit64, "net.kelvo.render.intersectionresult64", kelvo::IntersectionResult64);

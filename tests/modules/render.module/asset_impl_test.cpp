@@ -92,7 +92,8 @@ TEST_F(AssetTest, FoldersAreNoAssetsAndInitTwiceKeepsTwoBuiltIns) {
 
 TEST_F(AssetTest, OutOfMemoryInAddSearchPathLeavesTheListUnchanged) {
     // Grow the list to capacity so the next append must reallocate.
-    for (int i = 0; i < 2; ++i) ASSERT_TRUE(assets->AddSearchPath(Rel("relative:///none"), 0, false).Ok());
+    for (int i = 0; i < 2; ++i)
+        ASSERT_TRUE(assets->AddSearchPath(Rel("relative:///none"), 0, false).Ok());
     host::FailAllAllocations();
     auto failed = assets->AddSearchPath(Rel("relative:///extra"), 0, false);
     host::FailNthAllocation(0);
@@ -106,7 +107,8 @@ TEST_F(AssetTest, OutOfMemoryInAddSearchPathLeavesTheListUnchanged) {
 TEST(AssetInitTest, OutOfMemoryInInitKeepsTheEntriesAddedSoFar) {
     auto made = CreateComponent<AssetManagementInterface>();
     ASSERT_TRUE(made.Ok());
-    fs::path folder = fs::temp_directory_path() / ("kelvo_assets_oom_" + std::to_string(::getpid()));
+    fs::path folder =
+        fs::temp_directory_path() / ("kelvo_assets_oom_" + std::to_string(::getpid()));
     fs::create_directories(folder);
     std::ofstream(folder / "a.png") << "a";
     // The first append allocates; the second one (the tex entry) grows and fails.

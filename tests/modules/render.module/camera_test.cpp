@@ -1,3 +1,5 @@
+#include "kelvo/camera.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -5,7 +7,6 @@
 #include <vector>
 
 #include "host.h"
-#include "kelvo/camera.h"
 #include "kelvo/registry.h"
 
 namespace kelvo {
@@ -187,7 +188,8 @@ TEST(CameraTest, SetMatrixKeepsInverseRaysAndTheStoredDictionaryInStep) {
         Ray ray;
         camera->CreateScreenRay({320, 240}, ray);
         EXPECT_EQ(ray.origin, Skewed().offset);
-        ExpectNear(ray.direction, id == kParallelCameraClass ? Skewed().zAxis : Normalize(Skewed().zAxis));
+        ExpectNear(ray.direction,
+                   id == kParallelCameraClass ? Skewed().zAxis : Normalize(Skewed().zAxis));
     }
     // A failed write into the dictionary still moves the camera; without a dictionary
     // only the camera moves.
@@ -240,8 +242,10 @@ TEST(PerspectiveCameraTest, OnlyRayGenerationCarriesTheFieldOfView) {
 }
 
 TEST(PerspectiveCameraTest, FootprintsLandRightAfterTheHitPosition) {
-    static_assert(offsetof(ShadingPoint, footprintX) == offsetof(ShadingPoint, position) + sizeof(Vec3));
-    static_assert(offsetof(ShadingPoint, footprintY) == offsetof(ShadingPoint, footprintX) + sizeof(Vec3));
+    static_assert(offsetof(ShadingPoint, footprintX) ==
+                  offsetof(ShadingPoint, position) + sizeof(Vec3));
+    static_assert(offsetof(ShadingPoint, footprintY) ==
+                  offsetof(ShadingPoint, footprintX) + sizeof(Vec3));
     // A tilted plane through (0, 0, 10).
     const Vec3 normal = Normalize(Vec3{0.2, -0.3, -1});
     const Vec3 planePoint{0, 0, 10};
@@ -305,7 +309,8 @@ TEST(CameraTest, ManyThreadsShareOneInitialisedCamera) {
     (void)params->Set(P::MATRIX, Skewed());
     auto camera = MakeCamera(kPerspectiveCameraClass, params);
     std::vector<Ray> expected(64 * 64);
-    for (int i = 0; i < 64 * 64; ++i) camera->CreateScreenRay({double(i % 64), double(i / 64)}, expected[i]);
+    for (int i = 0; i < 64 * 64; ++i)
+        camera->CreateScreenRay({double(i % 64), double(i / 64)}, expected[i]);
     std::vector<int> mismatches(4, 0);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)

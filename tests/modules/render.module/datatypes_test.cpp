@@ -80,9 +80,9 @@ TEST(ModuleFrameTest, ConfigurationVariablesAreDeclaredWithTheirDefaults) {
 }
 
 TEST(ModuleFrameTest, ModuleRegistriesAreDefined) {
-    for (const char* id : {"net.kelvo.render.registry.cameraclasses",
-                           "net.kelvo.render.registry.bsdflegacyclasses",
-                           "net.kelvo.render.sceneobjectclasses"}) {
+    for (const char* id :
+         {"net.kelvo.render.registry.cameraclasses", "net.kelvo.render.registry.bsdflegacyclasses",
+          "net.kelvo.render.sceneobjectclasses"}) {
         bool found = false;
         for (const auto& reg : host::Registries()) found = found || reg.id.Text() == id;
         EXPECT_TRUE(found) << id;

@@ -61,7 +61,8 @@ std::vector<Expectation> ReadExpectations(const fs::path& folder) {
         if (dims >> d.x >> d.y >> d.z) e.dims = d;
         e.dataMax = Number(cells[18]);
         size_t x = cells[8].find('x');
-        auto nV = Number(cells[8].substr(0, x)), nH = x == std::string::npos ? std::nullopt : Number(cells[8].substr(x + 1));
+        auto nV = Number(cells[8].substr(0, x)),
+             nH = x == std::string::npos ? std::nullopt : Number(cells[8].substr(x + 1));
         if (nV && nH) e.counts = {size_t(*nV), size_t(*nH)};
         out.push_back(e);
     }
@@ -108,8 +109,9 @@ void CheckFolder(const fs::path& folder) {
         ASSERT_TRUE(p.result.Ok()) << p.result.GetError().Message();
         const DataDictionary& props = p.ies->GetProperties();
         IesRawData raw = p.ies->GetRawAccess();
-        for (auto [key, want] : {std::pair{IESPROPERTY_VERSION, e->version}, std::pair{IESPROPERTY_TILT, e->tilt},
-                                 std::pair{IESPROPERTY_SHAPE, e->shape}})
+        for (auto [key, want] :
+             {std::pair{IESPROPERTY_VERSION, e->version}, std::pair{IESPROPERTY_TILT, e->tilt},
+              std::pair{IESPROPERTY_SHAPE, e->shape}})
             if (want) {
                 EXPECT_EQ(props.Get<int>(int64_t(key), -1), *want) << key;
             }
@@ -128,7 +130,8 @@ void CheckFolder(const fs::path& folder) {
         // Evaluation stays finite and non-negative; the power lies in (0, 4π].
         Random random(11);
         for (int i = 0; i < 2000; ++i) {
-            Vec3 d = Normalize(Vec3{random.Get01() - 0.5, random.Get01() - 0.5, random.Get01() - 0.5});
+            Vec3 d =
+                Normalize(Vec3{random.Get01() - 0.5, random.Get01() - 0.5, random.Get01() - 0.5});
             double v = p.ies->ComputeLightIntensity(d);
             ASSERT_TRUE(std::isfinite(v) && v >= 0.0) << d.x << " " << d.y << " " << d.z;
         }
@@ -147,8 +150,8 @@ void CheckFolder(const fs::path& folder) {
         EXPECT_TRUE(std::ranges::equal(raw.data, b.data));
         EXPECT_EQ(raw.dataMax, b.dataMax);
         EXPECT_EQ(text->find("\n1 1 1 "), text->find("TILT=NONE\n") + 9);
-        for (int key : {IESPROPERTY_VERSION, IESPROPERTY_MANUFAC, IESPROPERTY_LUMCAT, IESPROPERTY_LUMINAIRE,
-                        IESPROPERTY_LAMPCAT, IESPROPERTY_LAMP})
+        for (int key : {IESPROPERTY_VERSION, IESPROPERTY_MANUFAC, IESPROPERTY_LUMCAT,
+                        IESPROPERTY_LUMINAIRE, IESPROPERTY_LAMPCAT, IESPROPERTY_LAMP})
             EXPECT_EQ(Property(*back.ies, key), Property(*p.ies, key)) << key;
         EXPECT_EQ(back.ies->GetProperties().Get<Vec3>(int64_t(IESPROPERTY_DIMENSIONS)), dims);
         EXPECT_TRUE(dims.x >= 0 && dims.y >= 0 && dims.z >= 0);

@@ -1,3 +1,5 @@
+#include "implementation/ies_impl.h"
+
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -5,7 +7,6 @@
 #include "host.h"
 #include "ies_test_util.h"
 #include "implementation/ies_crc32c.h"
-#include "implementation/ies_impl.h"
 #include "kelvo/random.h"
 
 namespace kelvo {
@@ -24,12 +25,13 @@ TEST(IesParseTest, HeaderVersionsKeywordsAndBytes) {
     struct Case {
         const char* first;
         int version;
-    } cases[] = {{"IESNA91", 1},          {"IESNA:LM-63-1995", 2}, {"IESNA:LM-63-2002", 3},
-                 {"IES:LM-63-2019", 0},   {"Lithonia free text", 0}, {"IESNA:LM-63-2002x", 0}};
+    } cases[] = {{"IESNA91", 1},        {"IESNA:LM-63-1995", 2},   {"IESNA:LM-63-2002", 3},
+                 {"IES:LM-63-2019", 0}, {"Lithonia free text", 0}, {"IESNA:LM-63-2002x", 0}};
     for (const Case& c : cases) {
         auto p = ParseText(std::string(c.first) + "\nTILT=NONE\n1 1 1 0 0 1 2 0 0 0\n1 1 1\n");
         ASSERT_TRUE(p.result.Ok()) << c.first << ": " << p.result.GetError().Message();
-        EXPECT_EQ(p.ies->GetProperties().Get<int>(int64_t(IESPROPERTY_VERSION), -1), c.version) << c.first;
+        EXPECT_EQ(p.ies->GetProperties().Get<int>(int64_t(IESPROPERTY_VERSION), -1), c.version)
+            << c.first;
         EXPECT_EQ(p.ies->GetProperties().Get<int>(int64_t(IESPROPERTY_TILT), -1), 1);
     }
     // A keyword may run into its text; a later line wins; Latin-1 bytes and CR LF survive.
@@ -66,7 +68,8 @@ TEST(IesParseTest, ErrorsCarryTheirMessageLineAndLocation) {
         {"IESNA91\nTILT=NONE\n1 1 1 -1 1 1 2 0 0 0\n1 1 1\n", "IES: Incorrect number or angles"},
         {"IESNA91\nTILT=NONE\n1 1 1 2 1 1 2 0 0 0\n1 1 1\n0 90\n0\n10 file format error\n",
          "Number expected in line 7."},
-        {"IESNA91\nTILT=NONE\n1 1 1 2 1 1 2 0 0 0\n1 1 1\n0 90\n0\n10\n", "Number expected in line 7."},
+        {"IESNA91\nTILT=NONE\n1 1 1 2 1 1 2 0 0 0\n1 1 1\n0 90\n0\n10\n",
+         "Number expected in line 7."},
         {"IESNA91\nTILT=NONE\n1 1 1 2.5 1 1 2 0 0 0\n", "Integer expected in line 3."},
     };
     for (const Case& c : cases) {
@@ -114,12 +117,12 @@ TEST(IesParseTest, ShapeTableAndFeet) {
         int code;
         Vec3 dims;
     } cases[] = {
-        {0, 0, 0, 0, {0, 0, 0}},      {1, 2, 0, 2, {1, 2, 0}},      {1, 0, 3, 2, {1, 3, 0}},
-        {0, 2, 3, 2, {3, 2, 0}},      {1, 2, 3, 5, {1, 2, 3}},      {-1, 0, 0, 1, {1, 1, 1}},
-        {-1, 0, -3, 3, {1, 1, 1}},    {-1, 0, 3, 4, {1, 1, 3}},     {0, 2, -3, 9, {2, 3, 3}},
-        {1, 0, -3, 9, {1, 3, 3}},     {-1, 2, 3, 1, {1, 2, 0}},     {1, -2, 3, 1, {1, 2, 0}},
-        {-1, 2, -3, 3, {1, 2, 3}},    {1, -2, -3, 3, {1, 2, 3}},    {0, -2, 0, 0, {0, 0, 0}},
-        {-1, -2, -3, 0, {0, 0, 0}},   {0, 0, 3, 0, {0, 0, 0}},
+        {0, 0, 0, 0, {0, 0, 0}},    {1, 2, 0, 2, {1, 2, 0}},   {1, 0, 3, 2, {1, 3, 0}},
+        {0, 2, 3, 2, {3, 2, 0}},    {1, 2, 3, 5, {1, 2, 3}},   {-1, 0, 0, 1, {1, 1, 1}},
+        {-1, 0, -3, 3, {1, 1, 1}},  {-1, 0, 3, 4, {1, 1, 3}},  {0, 2, -3, 9, {2, 3, 3}},
+        {1, 0, -3, 9, {1, 3, 3}},   {-1, 2, 3, 1, {1, 2, 0}},  {1, -2, 3, 1, {1, 2, 0}},
+        {-1, 2, -3, 3, {1, 2, 3}},  {1, -2, -3, 3, {1, 2, 3}}, {0, -2, 0, 0, {0, 0, 0}},
+        {-1, -2, -3, 0, {0, 0, 0}}, {0, 0, 3, 0, {0, 0, 0}},
     };
     for (const Case& c : cases) {
         for (int units : {1, 2, 3}) {
@@ -139,8 +142,8 @@ TEST(IesParseTest, MultiplierAndBallastFactorsScaleTheValues) {
     struct Case {
         const char* ballast;
         double scale;
-    } cases[] = {{"0.5 1 100", 0.5},     {"0.5 0.00005 100", 0.5}, {"1 0.0001 100", 0.0001},
-                 {"1 0 100", 1.0},       {"1 -2 100", 1.0},        {"0.9 1.1 50", 0.9 * 1.1},
+    } cases[] = {{"0.5 1 100", 0.5}, {"0.5 0.00005 100", 0.5}, {"1 0.0001 100", 0.0001},
+                 {"1 0 100", 1.0},   {"1 -2 100", 1.0},        {"0.9 1.1 50", 0.9 * 1.1},
                  {"0 1 1", 0.0}};
     for (const Case& c : cases) {
         auto p = ParseText(Profile("1 1000 2.5 2 1 1 2 0 0 0", c.ballast, "0 90\n0\n100 40"));
@@ -188,19 +191,22 @@ double Hermite(const std::vector<double>& a, const std::vector<double>& v, doubl
 
 TEST(IesEvalTest, CubicAlongThetaNadirAndZenith) {
     std::vector<double> a = {0, 10, 30, 60, 90, 180}, v = {100, 90, 60, 20, 0, 10};
-    auto p = ParseText(Profile("1 1 1 6 1 1 2 0 0 0", "1 1 1", "0 10 30 60 90 180\n0\n100 90 60 20 0 10"));
+    auto p = ParseText(
+        Profile("1 1 1 6 1 1 2 0 0 0", "1 1 1", "0 10 30 60 90 180\n0\n100 90 60 20 0 10"));
     ASSERT_TRUE(p.result.Ok());
     for (double theta : {5.0, 10.0, 22.0, 45.0, 75.0, 120.0}) {
         // The evaluator sees θ through acos(0.999999 cos θ).
         double seen = std::acos(0.999999 * std::cos(theta * M_PI / 180)) * 180 / M_PI;
-        EXPECT_NEAR(p.ies->ComputeLightIntensity(Direction(theta, 0)), std::max(0.0, Hermite(a, v, seen) / 100), 1e-12)
+        EXPECT_NEAR(p.ies->ComputeLightIntensity(Direction(theta, 0)),
+                    std::max(0.0, Hermite(a, v, seen) / 100), 1e-12)
             << theta;
     }
     // The nadir (0, 0, -1) is evaluated at acos(0.999999), about 0.081 degrees.
     double nadirTheta = std::acos(0.999999) * 180 / M_PI;
     EXPECT_DOUBLE_EQ(p.ies->ComputeLightIntensity({0, 0, -1}), Hermite(a, v, nadirTheta) / 100);
     EXPECT_EQ(p.ies->ComputeLightIntensity({0, 0, -2}), 1.0);  // q >= 1: exactly θ = 0
-    EXPECT_DOUBLE_EQ(p.ies->ComputeLightIntensity({0, 0, 1}), Hermite(a, v, 180 - nadirTheta) / 100);
+    EXPECT_DOUBLE_EQ(p.ies->ComputeLightIntensity({0, 0, 1}),
+                     Hermite(a, v, 180 - nadirTheta) / 100);
     EXPECT_EQ(p.ies->ComputeLightIntensity({0, 0, 2}), 0.1);  // q <= -1: exactly θ = 180
 
     // Zenith beyond a 0..90 range gives 0; the undershoot of the cubic is clamped.
@@ -227,7 +233,9 @@ TEST(IesEvalTest, HorizontalSymmetryClasses) {
         EXPECT_DOUBLE_EQ(single.ies->ComputeLightIntensity(Direction(60, phi)),
                          single.ies->ComputeLightIntensity(Direction(60, 0)));
     auto quadrant = make("0 45 90", "100 10 100 20 100 30", 3);
-    auto at = [](const Parsed& p, double phi) { return p.ies->ComputeLightIntensity(Direction(90, phi)); };
+    auto at = [](const Parsed& p, double phi) {
+        return p.ies->ComputeLightIntensity(Direction(90, phi));
+    };
     EXPECT_DOUBLE_EQ(at(quadrant, 100), at(quadrant, 80));
     EXPECT_DOUBLE_EQ(at(quadrant, 200), at(quadrant, 20));
     EXPECT_DOUBLE_EQ(at(quadrant, 300), at(quadrant, 60));
@@ -252,7 +260,8 @@ TEST(IesEvalTest, HorizontalSymmetryClasses) {
 TEST(IesEvalTest, UnsortedAnglesScanLikeSortedOnesAndNeverReadOutside) {
     // Angles out of order (hand-edited files, fuzzing) take the scanning path; the result
     // stays finite and non-negative.
-    auto p = ParseText(Profile("1 1 1 4 3 1 2 0 0 0", "1 1 1", "0 60 30 90\n0 270 90\n1 2 3 4 5 6 7 8 9 10 11 12"));
+    auto p = ParseText(Profile("1 1 1 4 3 1 2 0 0 0", "1 1 1",
+                               "0 60 30 90\n0 270 90\n1 2 3 4 5 6 7 8 9 10 11 12"));
     ASSERT_TRUE(p.result.Ok());
     for (double theta = 0; theta <= 180; theta += 7)
         for (double phi = 0; phi < 360; phi += 13) {
@@ -288,7 +297,8 @@ TEST(IesChecksumTest, HardwareAndTableAgreeAndValuesAreStable) {
 }
 
 TEST(IesChecksumTest, ChecksumCoversContentNotPower) {
-    std::string text = Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 40 0");
+    std::string text =
+        Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 40 0");
     auto a = ParseText(text), b = ParseText(text, 3);
     uint32_t sum = a.ies->GetChecksum();
     EXPECT_EQ(sum, b.ies->GetChecksum());
@@ -297,9 +307,10 @@ TEST(IesChecksumTest, ChecksumCoversContentNotPower) {
     auto* impl = dynamic_cast<IesImpl*>(a.ies.get());
     ASSERT_NE(impl, nullptr);
     EXPECT_EQ(impl->ComputeChecksum(), sum);
-    for (std::string changed : {Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 41 0"),
-                                Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 91\n0 90\n100 50 0 80 40 0"),
-                                Profile("1 1 1 3 2 1 2 0.5 0.3 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 40 0")})
+    for (std::string changed :
+         {Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 41 0"),
+          Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 91\n0 90\n100 50 0 80 40 0"),
+          Profile("1 1 1 3 2 1 2 0.5 0.3 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 40 0")})
         EXPECT_NE(ParseText(changed).ies->GetChecksum(), sum);
 }
 
@@ -310,9 +321,10 @@ TEST(IesWriterTest, ExactTextAndRoundTrip) {
     ASSERT_TRUE(p.result.Ok()) << p.result.GetError().Message();
     auto text = p.ies->ConvertToText();
     ASSERT_TRUE(text.Ok());
-    EXPECT_EQ(*text,
-              "IESNA:LM-63-2002\n[MANUFAC] ACME\nTILT=NONE\n1 1 1 12 1 1 2 0.3048 0.3048 0.3048\n1 1 1"
-              "\n0 5 10 15 20 25 30 35 40 45 \n50 55 \n0 \n24 22 20 18 16 14 12 10 8 6 \n4 3 ");
+    EXPECT_EQ(
+        *text,
+        "IESNA:LM-63-2002\n[MANUFAC] ACME\nTILT=NONE\n1 1 1 12 1 1 2 0.3048 0.3048 0.3048\n1 1 1"
+        "\n0 5 10 15 20 25 30 35 40 45 \n50 55 \n0 \n24 22 20 18 16 14 12 10 8 6 \n4 3 ");
     auto back = ParseText(*text);
     ASSERT_TRUE(back.result.Ok());
     IesRawData a = p.ies->GetRawAccess(), b = back.ies->GetRawAccess();
@@ -323,7 +335,9 @@ TEST(IesWriterTest, ExactTextAndRoundTrip) {
     EXPECT_EQ(back.ies->GetProperties().Get<int>(int64_t(IESPROPERTY_SHAPE)), 5);
     // Without a version or TILT no such line is written (and such text does not parse).
     auto raw = NewProfile();
-    ASSERT_TRUE(raw->SetRawAccess(std::vector<double>{0}, std::vector<double>{0}, std::vector<double>{3}).Ok());
+    ASSERT_TRUE(
+        raw->SetRawAccess(std::vector<double>{0}, std::vector<double>{0}, std::vector<double>{3})
+            .Ok());
     EXPECT_EQ(*raw->ConvertToText(), "1 1 1 1 1 1 2 0 0 0\n1 1 1\n0 \n0 \n3 ");
 }
 
@@ -345,7 +359,8 @@ TEST(IesObjectTest, CompareHashAndRawAccess) {
     EXPECT_EQ(raw->GetRawAccess().dataMax, 100.0);
     EXPECT_EQ(raw->GetRawAccess().dataPower, r.dataPower);
     EXPECT_NE(raw->GetChecksum(), 0u);
-    EXPECT_EQ(raw->ComputeLightIntensity(Direction(30, 20)), a.ies->ComputeLightIntensity(Direction(30, 20)));
+    EXPECT_EQ(raw->ComputeLightIntensity(Direction(30, 20)),
+              a.ies->ComputeLightIntensity(Direction(30, 20)));
     std::vector<double> three(3), two(2);
     auto bad = raw->SetRawAccess(three, two, three);
     ASSERT_FALSE(bad.Ok());
@@ -403,15 +418,18 @@ TEST(IesEvalTest, BracketIndexFindsWhatAScanFinds) {
             return j;
         };
         for (int k = 0; k < 100; ++k) {
-            double key = k % 3 == 0 ? a[random.Next64() % n] - offset : (random.Get01() * 1.4 - 0.2) * (a[n - 1] - a[0]) + a[0] - offset;
+            double key = k % 3 == 0
+                             ? a[random.Next64() % n] - offset
+                             : (random.Get01() * 1.4 - 0.2) * (a[n - 1] - a[0]) + a[0] - offset;
             ASSERT_EQ(index.Find(key), scan(key)) << round << " " << key;
         }
     }
 }
 
 TEST(IesObjectTest, DescriptionRoundTripComparesEqualAndRefusesMismatchedCounts) {
-    auto p = ParseText(Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 40 0")
-                           .replace(0, 16, "IESNA91\n[LAMP] caf\xe9"));
+    auto p =
+        ParseText(Profile("1 1 1 3 2 1 2 0.5 0.25 0", "1 1 1", "0 45 90\n0 90\n100 50 0 80 40 0")
+                      .replace(0, 16, "IESNA91\n[LAMP] caf\xe9"));
     ASSERT_TRUE(p.result.Ok()) << p.result.GetError().Message();
     auto io = Query<DescribeIOInterface>(StrongRef<Object>(p.ies));
     ASSERT_TRUE(io);
@@ -421,12 +439,14 @@ TEST(IesObjectTest, DescriptionRoundTripComparesEqualAndRefusesMismatchedCounts)
     EXPECT_LT(document->find("\"_dataPower\""), document->find("\"_checksum\""));
 
     auto copy = NewProfile();
-    ASSERT_TRUE(ReadDescription(*Query<DescribeIOInterface>(StrongRef<Object>(copy)), *document).Ok());
+    ASSERT_TRUE(
+        ReadDescription(*Query<DescribeIOInterface>(StrongRef<Object>(copy)), *document).Ok());
     EXPECT_EQ(copy->Compare(*p.ies), 0);
     EXPECT_EQ(copy->GetHashCode(), p.ies->GetHashCode());
     EXPECT_EQ(copy->GetProperties().Get<std::string>(int64_t(IESPROPERTY_LAMP)), " caf\xe9");
     for (double theta : {0.0, 30.0, 89.0})
-        EXPECT_EQ(copy->ComputeLightIntensity(Direction(theta, 60)), p.ies->ComputeLightIntensity(Direction(theta, 60)));
+        EXPECT_EQ(copy->ComputeLightIntensity(Direction(theta, 60)),
+                  p.ies->ComputeLightIntensity(Direction(theta, 60)));
 
     // Stored values are taken as they are; counts that do not fit are refused whole.
     std::string stale = *document;

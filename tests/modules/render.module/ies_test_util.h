@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -60,7 +59,9 @@ struct ToolRun {
     int status;
     std::string out;
     bool operator==(const ToolRun&) const = default;
-    friend void PrintTo(const ToolRun& r, std::ostream* os) { *os << "status " << r.status << ": " << r.out; }
+    friend void PrintTo(const ToolRun& r, std::ostream* os) {
+        *os << "status " << r.status << ": " << r.out;
+    }
 };
 
 // What a failed run prints on stderr, with its exit status.
@@ -68,9 +69,11 @@ inline ToolRun Failed(const std::string& message) { return {1, "kelvo: " + messa
 
 // Runs the tool from another working directory with the given stdin, capturing stdout and stderr.
 inline ToolRun Kelvo(const std::string& args, const std::string& stdinText = "") {
-    std::filesystem::path in = std::filesystem::temp_directory_path() / ("kelvo_stdin_" + std::to_string(::getpid()));
+    std::filesystem::path in =
+        std::filesystem::temp_directory_path() / ("kelvo_stdin_" + std::to_string(::getpid()));
     std::ofstream(in) << stdinText;
-    std::string cmd = "cd / && " + std::string(KELVO_TOOL) + " " + args + " < " + in.string() + " 2>&1";
+    std::string cmd =
+        "cd / && " + std::string(KELVO_TOOL) + " " + args + " < " + in.string() + " 2>&1";
     FILE* p = popen(cmd.c_str(), "r");
     std::string out;
     char buf[4096];
@@ -85,7 +88,10 @@ inline std::pair<uint32_t, uint32_t> PngSize(const std::filesystem::path& path) 
     std::ifstream in(path, std::ios::binary);
     unsigned char b[24] = {};
     in.read(reinterpret_cast<char*>(b), 24);
-    auto be = [&](int at) { return uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 | b[at + 3]; };
+    auto be = [&](int at) {
+        return uint32_t(b[at]) << 24 | uint32_t(b[at + 1]) << 16 | uint32_t(b[at + 2]) << 8 |
+               b[at + 3];
+    };
     return {be(16), be(20)};
 }
 

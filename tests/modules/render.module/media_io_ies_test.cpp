@@ -1,3 +1,5 @@
+#include "implementation/media_io_ies.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,7 +11,6 @@
 
 #include "../../image_test_util.h"
 #include "ies_test_util.h"
-#include "implementation/media_io_ies.h"
 #include "kelvo/jobs.h"
 #include "kelvo/mediasession_output.h"
 
@@ -38,8 +39,9 @@ TEST(IesDetectTest, ContentWithinTheFirst1024Bytes) {
 class IesImportTest : public testing::Test {
 protected:
     void SetUp() override {
-        folder = fs::temp_directory_path() / ("kelvo_iesimport_" + std::to_string(::getpid()) + "_" +
-                                              testing::UnitTest::GetInstance()->current_test_info()->name());
+        folder = fs::temp_directory_path() /
+                 ("kelvo_iesimport_" + std::to_string(::getpid()) + "_" +
+                  testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::create_directories(folder);
     }
     void TearDown() override { fs::remove_all(folder); }
@@ -78,7 +80,8 @@ TEST_F(IesImportTest, DetectionBySuffixAndFirstBytes) {
     fs::create_directories(folder / "folder.ies");
     auto dir = DetectFileFormat(Url::FromFile((folder / "folder.ies").string()));
     ASSERT_FALSE(dir.Ok());
-    EXPECT_EQ(dir.GetError().Message(), "Cannot open " + Url::FromFile((folder / "folder.ies").string()).ToString() + ".");
+    EXPECT_EQ(dir.GetError().Message(),
+              "Cannot open " + Url::FromFile((folder / "folder.ies").string()).ToString() + ".");
 }
 
 TEST_F(IesImportTest, ImportGivesOneGreyLayerThatRefusesOtherFormats) {
@@ -86,7 +89,8 @@ TEST_F(IesImportTest, ImportGivesOneGreyLayerThatRefusesOtherFormats) {
     ASSERT_TRUE(image.Ok()) << image.GetError().Message();
     EXPECT_EQ((*image)->GetWidth(), 512);
     EXPECT_EQ((*image)->GetLayerCount(), 1);
-    EXPECT_EQ((*image)->GetProperties().Get<Id>(kImagePropertyFileFormat), Id("net.kelvo.fileformat.imageies"));
+    EXPECT_EQ((*image)->GetProperties().Get<Id>(kImagePropertyFileFormat),
+              Id("net.kelvo.fileformat.imageies"));
     StrongRef<ImageLayerInterface> layer = (*image)->GetLayer(0);
     EXPECT_EQ(layer->GetPixelFormat(), kPixelGrey8);
     EXPECT_EQ(layer->GetColorProfile(), COLORPROFILE::SRGB);
@@ -95,14 +99,18 @@ TEST_F(IesImportTest, ImportGivesOneGreyLayerThatRefusesOtherFormats) {
         ASSERT_FALSE(get.Ok());
         EXPECT_EQ(get.GetError().Message(), "Wrong pixel format");
         EXPECT_EQ(get.GetError().Kind(), ERRORKIND::UNSUPPORTEDARGUMENT);
-        EXPECT_EQ(layer->SetPixelHandler(other, COLORPROFILE::SRGB).GetError().Message(), "Wrong pixel format");
+        EXPECT_EQ(layer->SetPixelHandler(other, COLORPROFILE::SRGB).GetError().Message(),
+                  "Wrong pixel format");
     }
     // A downlight: the floor under the light is bright, the top of the wall dark.
     std::vector<uint8_t> grey = Pixels<uint8_t>(**image, 0, kPixelGrey8, COLORPROFILE::SRGB);
     EXPECT_EQ(grey[256], 0);
     EXPECT_GT(grey[420 * 512 + 256], 200);
     uint8_t row[13];
-    EXPECT_EQ((*layer->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))->GetPixels(500, 3, 13, row).GetError().Message(),
+    EXPECT_EQ((*layer->GetPixelHandler(kPixelGrey8, COLORPROFILE::SRGB))
+                  ->GetPixels(500, 3, 13, row)
+                  .GetError()
+                  .Message(),
               "Illegal argument: Pixels 500 to 512 of row 3 lie outside the 512 x 512 layer.");
 
     // Parse errors end the import unchanged; an exported copy opens as any picture.
@@ -173,7 +181,8 @@ TEST(IesPreviewTest, RowsInParallelProgressAndErrors) {
         }
     };
     auto failed = p.ies->GeneratePreviewImage(
-        64, 64, [](PixelFormat, COLORPROFILE) -> Result<StrongRef<SetPixelHandlerInterface>> {
+        64, 64,
+        [](PixelFormat, COLORPROFILE) -> Result<StrongRef<SetPixelHandlerInterface>> {
             return StrongRef<SetPixelHandlerInterface>(std::make_shared<Failing>());
         },
         nullptr);

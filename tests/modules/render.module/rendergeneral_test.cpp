@@ -1,8 +1,9 @@
+#include "kelvo/rendergeneral.h"
+
 #include <gtest/gtest.h>
 
 #include "host.h"
 #include "kelvo/registry.h"
-#include "kelvo/rendergeneral.h"
 
 namespace kelvo {
 namespace {

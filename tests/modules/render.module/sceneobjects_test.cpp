@@ -52,10 +52,12 @@ TEST(SceneObjectTest, AttributesAreCheckedWhenSet) {
     EXPECT_EQ(fails(A::SHAPE, 1),
               "Illegal argument: net.kelvo.render.sceneobject.light.shape is no attribute of "
               "net.kelvo.render.sceneobject.camera.");
-    EXPECT_EQ(fails(A::ZOOM, "2"),
-              "Illegal argument: Attribute net.kelvo.render.sceneobject.camera.zoom must be a number.");
+    EXPECT_EQ(
+        fails(A::ZOOM, "2"),
+        "Illegal argument: Attribute net.kelvo.render.sceneobject.camera.zoom must be a number.");
     EXPECT_EQ(fails(A::ZOOM, 0.0),
-              "Illegal argument: Attribute net.kelvo.render.sceneobject.camera.zoom must be greater than 0.");
+              "Illegal argument: Attribute net.kelvo.render.sceneobject.camera.zoom must be "
+              "greater than 0.");
     EXPECT_EQ(fails(A::FOCALLENGTH, std::nan("")),
               "Illegal argument: Attribute net.kelvo.render.sceneobject.camera.focallength must be "
               "greater than 0.");
@@ -89,7 +91,9 @@ TEST(CameraObjectTest, FullFrameLensGivesFieldOfViewOneAndZoomHalvesIt) {
     EXPECT_NEAR(std::atan2(ray.direction.x, ray.direction.z) * 180 / M_PI, 26.565051177, 1e-8);
 
     ASSERT_TRUE(object->SetAttribute(A::ZOOM, 2.0).Ok());
-    EXPECT_EQ((*camera->GetCameraParameters({640, 480}))->Get<double>(CAMERAPARAMETERS::FIELDOFVIEW), 0.5);
+    EXPECT_EQ(
+        (*camera->GetCameraParameters({640, 480}))->Get<double>(CAMERAPARAMETERS::FIELDOFVIEW),
+        0.5);
 }
 
 TEST(CameraObjectTest, FilmOffsetMovesTheCentreAndFrameWidthSizesParallelViews) {

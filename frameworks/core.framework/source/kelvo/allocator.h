@@ -36,7 +36,9 @@ struct Allocator {
     }
     void deallocate(T* p, size_t) { Free(p); }
     template <typename U>
-    bool operator==(const Allocator<U>&) const { return true; }
+    bool operator==(const Allocator<U>&) const {
+        return true;
+    }
 };
 
 // A shared object allocated through the framework allocator.

@@ -32,24 +32,25 @@ enum class DIAGLEVEL : uint8_t { INFO, WARNING, ERROR };
 }  // namespace kelvo
 
 // Core services: memory, ids, registries, configuration, diagnostics, urls and I/O.
-#define KELVO_CORE_SLOTS(X)                                                                  \
-    X(void*, Allocate, (size_t size, size_t align))                                          \
-    X(void, Free, (void* memory))                                                            \
-    X(::kelvo::Result<::kelvo::Id>, InternId, (std::string_view text))                       \
-    X(const ::kelvo::EntryRecord*, FindEntry, (const ::kelvo::Id& id))                       \
-    X(size_t, RegistryMembers,                                                               \
-      (const ::kelvo::Id& registry, const ::kelvo::EntryRecord** out, size_t capacity))      \
-    X(const ::kelvo::DataType*, FindDataType, (const ::kelvo::Id& id))                       \
-    X(::kelvo::Result<std::string>, ConfigGetString, (std::string_view name))                \
-    X(::kelvo::Result<bool>, ConfigGetBool, (std::string_view name))                         \
-    X(void, Diagnostic, (::kelvo::DIAGLEVEL level, std::string_view text))                   \
-    X(int, IoDetect, (const ::kelvo::Url& url))                                              \
-    X(::kelvo::Result<std::shared_ptr<::kelvo::InputStream>>, OpenInputStream,               \
+#define KELVO_CORE_SLOTS(X)                                                             \
+    X(void*, Allocate, (size_t size, size_t align))                                     \
+    X(void, Free, (void* memory))                                                       \
+    X(::kelvo::Result<::kelvo::Id>, InternId, (std::string_view text))                  \
+    X(const ::kelvo::EntryRecord*, FindEntry, (const ::kelvo::Id& id))                  \
+    X(size_t, RegistryMembers,                                                          \
+      (const ::kelvo::Id& registry, const ::kelvo::EntryRecord** out, size_t capacity)) \
+    X(const ::kelvo::DataType*, FindDataType, (const ::kelvo::Id& id))                  \
+    X(::kelvo::Result<std::string>, ConfigGetString, (std::string_view name))           \
+    X(::kelvo::Result<bool>, ConfigGetBool, (std::string_view name))                    \
+    X(void, Diagnostic, (::kelvo::DIAGLEVEL level, std::string_view text))              \
+    X(int, IoDetect, (const ::kelvo::Url& url))                                         \
+    X(::kelvo::Result<std::shared_ptr<::kelvo::InputStream>>, OpenInputStream,          \
       (const ::kelvo::Url& url))
 
 // All slot lists, in record order. Later services append their own list here.
-#define KELVO_ALL_SLOTS(X) KELVO_CORE_SLOTS(X) KELVO_JOB_SLOTS(X) KELVO_IMAGE_SLOTS(X) \
-    KELVO_DESCRIPTION_SLOTS(X) KELVO_PLATFORM_SLOTS(X)
+#define KELVO_ALL_SLOTS(X) \
+    KELVO_CORE_SLOTS(X)    \
+    KELVO_JOB_SLOTS(X) KELVO_IMAGE_SLOTS(X) KELVO_DESCRIPTION_SLOTS(X) KELVO_PLATFORM_SLOTS(X)
 
 // Raised whenever the record's layout changes, so that a stale module is refused.
 #define KELVO_BINDING_VERSION 5u
@@ -60,7 +61,7 @@ struct KelvoModuleInfo {
     const char* resourcePath[2];      // folder parts under the resource root
     const char* const* dependencies;  // framework ids the host must have loaded first
     size_t dependencyCount;
-    kelvo::EntryRecord* firstEntry;   // declaration order, linked by static start-up
+    kelvo::EntryRecord* firstEntry;  // declaration order, linked by static start-up
     kelvo::EntryRecord* lastEntry;
 };
 

@@ -15,18 +15,20 @@ namespace kelvo {
 inline Result<std::string> ConfigGetString(std::string_view name) {
     return g_kelvo.host.ConfigGetString(name);
 }
-inline Result<bool> ConfigGetBool(std::string_view name) { return g_kelvo.host.ConfigGetBool(name); }
+inline Result<bool> ConfigGetBool(std::string_view name) {
+    return g_kelvo.host.ConfigGetBool(name);
+}
 
 }  // namespace kelvo
 
-#define KELVO_CONFIG_STRING(var, name, defaultText, help)                                   \
-    static const ::kelvo::ConfigVariable KELVO_CONCAT(var, _variable){                      \
-        name, ::kelvo::CONFIGTYPE::STRING, defaultText, false, help};                       \
+#define KELVO_CONFIG_STRING(var, name, defaultText, help)                                    \
+    static const ::kelvo::ConfigVariable KELVO_CONCAT(var, _variable){                       \
+        name, ::kelvo::CONFIGTYPE::STRING, defaultText, false, help};                        \
     KELVO_ENTRY(var, ::kelvo::ENTRYKIND::CONFIGVARIABLE, name, ::kelvo::Id(), ::kelvo::Id(), \
                 &KELVO_CONCAT(var, _variable), nullptr)
 
-#define KELVO_CONFIG_BOOL(var, name, defaultValue, help)                                    \
-    static const ::kelvo::ConfigVariable KELVO_CONCAT(var, _variable){                      \
-        name, ::kelvo::CONFIGTYPE::BOOL, "", defaultValue, help};                           \
+#define KELVO_CONFIG_BOOL(var, name, defaultValue, help)                                     \
+    static const ::kelvo::ConfigVariable KELVO_CONCAT(var, _variable){                       \
+        name, ::kelvo::CONFIGTYPE::BOOL, "", defaultValue, help};                            \
     KELVO_ENTRY(var, ::kelvo::ENTRYKIND::CONFIGVARIABLE, name, ::kelvo::Id(), ::kelvo::Id(), \
                 &KELVO_CONCAT(var, _variable), nullptr)

@@ -70,15 +70,15 @@ private:
 
 class Data {
 public:
-    using Variant = std::variant<std::monostate, bool, int64_t, double, std::string, Id, Vec2,
-                                 Vec3, Col3, Matrix, Url, StrongRef<Object>, CustomData>;
+    using Variant = std::variant<std::monostate, bool, int64_t, double, std::string, Id, Vec2, Vec3,
+                                 Col3, Matrix, Url, StrongRef<Object>, CustomData>;
 
     Data() = default;
     template <typename T, typename = std::enable_if_t<std::is_constructible_v<Variant, T&&> &&
                                                       !std::is_same_v<std::decay_t<T>, Data>>>
-    Data(T&& v) : _value(std::forward<T>(v)) {}  // NOLINT(google-explicit-constructor)
-    Data(int v) : _value(int64_t(v)) {}                       // NOLINT(google-explicit-constructor)
-    Data(const char* v) : _value(std::string(v)) {}           // NOLINT(google-explicit-constructor)
+    Data(T&& v) : _value(std::forward<T>(v)) {}      // NOLINT(google-explicit-constructor)
+    Data(int v) : _value(int64_t(v)) {}              // NOLINT(google-explicit-constructor)
+    Data(const char* v) : _value(std::string(v)) {}  // NOLINT(google-explicit-constructor)
 
     // A value of a registered data type; empty if `type` is null or allocation fails.
     static Data Custom(const DataType* type, const void* value) {
@@ -89,7 +89,9 @@ public:
 
     bool IsEmpty() const { return std::holds_alternative<std::monostate>(_value); }
     template <typename T>
-    const T* Get() const { return std::get_if<T>(&_value); }
+    const T* Get() const {
+        return std::get_if<T>(&_value);
+    }
     // The value of a registered data type, if this holds one of the given id.
     template <typename T>
     const T* GetCustom(const Id& typeId) const {

@@ -94,18 +94,30 @@ public:
 namespace detail {
 template <typename T>
 constexpr DESCRIBETYPE DescribeTypeOf() {
-    if constexpr (std::is_same_v<T, bool>) return DESCRIBETYPE::BOOL;
-    else if constexpr (std::is_same_v<T, int32_t>) return DESCRIBETYPE::INT32;
-    else if constexpr (std::is_same_v<T, uint32_t>) return DESCRIBETYPE::UINT32;
-    else if constexpr (std::is_same_v<T, int64_t>) return DESCRIBETYPE::INT64;
-    else if constexpr (std::is_same_v<T, float>) return DESCRIBETYPE::FLOAT32;
-    else if constexpr (std::is_same_v<T, double>) return DESCRIBETYPE::FLOAT64;
-    else if constexpr (std::is_same_v<T, std::string>) return DESCRIBETYPE::STRING;
-    else if constexpr (std::is_same_v<T, Vec2>) return DESCRIBETYPE::VEC2;
-    else if constexpr (std::is_same_v<T, Vec3>) return DESCRIBETYPE::VEC3;
-    else if constexpr (std::is_same_v<T, Col3>) return DESCRIBETYPE::COL3;
-    else if constexpr (std::is_same_v<T, DataDictionary>) return DESCRIBETYPE::DATADICTIONARY;
-    else static_assert(sizeof(T) == 0, "no description for this member type");
+    if constexpr (std::is_same_v<T, bool>)
+        return DESCRIBETYPE::BOOL;
+    else if constexpr (std::is_same_v<T, int32_t>)
+        return DESCRIBETYPE::INT32;
+    else if constexpr (std::is_same_v<T, uint32_t>)
+        return DESCRIBETYPE::UINT32;
+    else if constexpr (std::is_same_v<T, int64_t>)
+        return DESCRIBETYPE::INT64;
+    else if constexpr (std::is_same_v<T, float>)
+        return DESCRIBETYPE::FLOAT32;
+    else if constexpr (std::is_same_v<T, double>)
+        return DESCRIBETYPE::FLOAT64;
+    else if constexpr (std::is_same_v<T, std::string>)
+        return DESCRIBETYPE::STRING;
+    else if constexpr (std::is_same_v<T, Vec2>)
+        return DESCRIBETYPE::VEC2;
+    else if constexpr (std::is_same_v<T, Vec3>)
+        return DESCRIBETYPE::VEC3;
+    else if constexpr (std::is_same_v<T, Col3>)
+        return DESCRIBETYPE::COL3;
+    else if constexpr (std::is_same_v<T, DataDictionary>)
+        return DESCRIBETYPE::DATADICTIONARY;
+    else
+        static_assert(sizeof(T) == 0, "no description for this member type");
 }
 
 template <typename V>
@@ -132,7 +144,11 @@ Result<void> Describe(DataDescriber& io, std::string_view key, T& member) {
     if constexpr (std::is_base_of_v<DescribeIOInterface, T>) {
         DescribeIOInterface& nested = member;
         return io.Member(key, {DESCRIBETYPE::OBJECT, &nested});
-    } else if constexpr (requires { typename T::value_type; member.resize(0); member.data(); } &&
+    } else if constexpr (requires {
+                             typename T::value_type;
+                             member.resize(0);
+                             member.data();
+                         } &&
                          !std::is_same_v<T, std::string>) {
         using E = typename T::value_type;
         static_assert(std::is_arithmetic_v<E> && !std::is_same_v<E, bool>,

@@ -11,7 +11,7 @@ class Result;
 class DescribeIOInterface;
 }  // namespace kelvo
 
-#define KELVO_DESCRIPTION_SLOTS(X)                                                           \
+#define KELVO_DESCRIPTION_SLOTS(X)                                                             \
     X(::kelvo::Result<std::string>, WriteDescription, (::kelvo::DescribeIOInterface & object)) \
-    X(::kelvo::Result<void>, ReadDescription,                                                \
+    X(::kelvo::Result<void>, ReadDescription,                                                  \
       (::kelvo::DescribeIOInterface & object, std::string_view document))

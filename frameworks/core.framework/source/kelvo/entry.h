@@ -47,11 +47,11 @@ struct EntryRecord {
     const char* idText = nullptr;
     size_t idSize = 0;
     uint64_t idHash = 0;
-    bool idAllocated = false;  // the id text came from Allocate and is freed at clean-up
-    Id registry;               // registry the entry goes into; empty for none
-    Id kindId;                 // what a class is (its interface id); a component's interface
-    SourceLocation source;  // declaring file (its translation unit), for failed insertions
-    const void* payload = nullptr;     // DataType, ConfigVariable or another record
+    bool idAllocated = false;       // the id text came from Allocate and is freed at clean-up
+    Id registry;                    // registry the entry goes into; empty for none
+    Id kindId;                      // what a class is (its interface id); a component's interface
+    SourceLocation source;          // declaring file (its translation unit), for failed insertions
+    const void* payload = nullptr;  // DataType, ConfigVariable or another record
     CreateFunction create = nullptr;
     StrongRef<Object> object;  // a published object, if any
     EntryRecord* next = nullptr;
@@ -90,26 +90,26 @@ Result<StrongRef<Object>> CreateInstance() {
 }  // namespace kelvo
 
 // Declares one entry of this module. `name` makes the record's symbol unique in its file.
-#define KELVO_ENTRY(name, kind_, id_, registry_, kindId_, payload_, create_)            \
-    static ::kelvo::EntryRecord name{kind_,                                             \
-                                     ::kelvo::Id(id_).Text().data(),                    \
-                                     ::kelvo::Id(id_).Text().size(),                    \
-                                     ::kelvo::Id(id_).Hash(),                           \
-                                     false,                                             \
-                                     registry_,                                         \
-                                     kindId_,                                           \
-                                     KELVO_HERE,                                        \
-                                     payload_,                                          \
-                                     create_,                                           \
-                                     {},                                                \
-                                     nullptr};                                          \
-    static ::kelvo::detail::EntryLink KELVO_CONCAT(name, _link){name}
+#define KELVO_ENTRY(name, kind_, id_, registry_, kindId_, payload_, create_) \
+    static ::kelvo::EntryRecord name{kind_,                                  \
+                                     ::kelvo::Id(id_).Text().data(),         \
+                                     ::kelvo::Id(id_).Text().size(),         \
+                                     ::kelvo::Id(id_).Hash(),                \
+                                     false,                                  \
+                                     registry_,                              \
+                                     kindId_,                                \
+                                     KELVO_HERE,                             \
+                                     payload_,                               \
+                                     create_,                                \
+                                     {},                                     \
+                                     nullptr};                               \
+    static ::kelvo::detail::EntryLink KELVO_CONCAT(name, _link) { name }
 
 // A class created by id, implementing the interface kindId, optionally in a registry.
-#define KELVO_REGISTER_CLASS(name, id, registry, kindId, Type)                             \
+#define KELVO_REGISTER_CLASS(name, id, registry, kindId, Type)                  \
     KELVO_ENTRY(name, ::kelvo::ENTRYKIND::CLASS, id, registry, kindId, nullptr, \
                 &::kelvo::CreateInstance<Type>)
 // The implementation of a framework interface, created through the interface id.
-#define KELVO_REGISTER_COMPONENT(name, implName, Interface, Type)                       \
+#define KELVO_REGISTER_COMPONENT(name, implName, Interface, Type)             \
     KELVO_ENTRY(name, ::kelvo::ENTRYKIND::COMPONENT, implName, ::kelvo::Id(), \
                 Interface::InterfaceId(), nullptr, &::kelvo::CreateInstance<Type>)

@@ -110,7 +110,8 @@ public:
     // The single out-of-memory error; never allocates.
     static Error OutOfMemory() {
         // Made once, at the first use, and never freed.
-        static Data* data = new Data{{1}, ERRORKIND::OUTOFMEMORY, KELVO_HERE, "Out of memory.", {}, true};
+        static Data* data =
+            new Data{{1}, ERRORKIND::OUTOFMEMORY, KELVO_HERE, "Out of memory.", {}, true};
         Error e;
         e._data = data;
         return e;

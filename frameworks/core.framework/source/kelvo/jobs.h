@@ -190,11 +190,12 @@ struct ParallelForBody {
 template <typename LOCAL, typename INIT, typename WORK, typename FINALISE>
 Result<void> ParallelFor(int64_t from, int64_t to, INIT&& init, WORK&& work, FINALISE&& finalise,
                          ParallelForOptions options = {}) {
-    using Body = detail::ParallelForBody<LOCAL, std::remove_reference_t<INIT>,
-                                         std::remove_reference_t<WORK>,
-                                         std::remove_reference_t<FINALISE>>;
+    using Body =
+        detail::ParallelForBody<LOCAL, std::remove_reference_t<INIT>, std::remove_reference_t<WORK>,
+                                std::remove_reference_t<FINALISE>>;
     Body body{init, work, finalise};
-    ParallelForCallbacks callbacks{&body, &Body::Prepare, &Body::Init, &Body::Work, &Body::Finalise};
+    ParallelForCallbacks callbacks{&body, &Body::Prepare, &Body::Init, &Body::Work,
+                                   &Body::Finalise};
     return g_kelvo.host.ParallelFor(from, to, options.chunkSize, options.threads, callbacks);
 }
 

@@ -18,14 +18,14 @@ struct ParallelForCallbacks;
 using JobFunction = std::function<Result<void>(JobInterface& job)>;
 }  // namespace kelvo
 
-#define KELVO_JOB_SLOTS(X)                                                                   \
-    X(int, HostThreadCount, ())                                                              \
-    X(::kelvo::Result<std::shared_ptr<::kelvo::JobQueueInterface>>, CreateJobQueue,          \
-      (std::string_view name, int threads))                                                  \
-    X(::kelvo::Result<std::shared_ptr<::kelvo::JobInterface>>, CreateJob,                    \
-      (std::string_view name, ::kelvo::JobFunction work))                                    \
-    X(::kelvo::Result<void>, ParallelFor,                                                    \
-      (int64_t from, int64_t to, int64_t chunkSize, int threads,                             \
-       const ::kelvo::ParallelForCallbacks& body))                                           \
-    X(::kelvo::Result<std::shared_ptr<::kelvo::ConditionVariableInterface>>,                 \
+#define KELVO_JOB_SLOTS(X)                                                          \
+    X(int, HostThreadCount, ())                                                     \
+    X(::kelvo::Result<std::shared_ptr<::kelvo::JobQueueInterface>>, CreateJobQueue, \
+      (std::string_view name, int threads))                                         \
+    X(::kelvo::Result<std::shared_ptr<::kelvo::JobInterface>>, CreateJob,           \
+      (std::string_view name, ::kelvo::JobFunction work))                           \
+    X(::kelvo::Result<void>, ParallelFor,                                           \
+      (int64_t from, int64_t to, int64_t chunkSize, int threads,                    \
+       const ::kelvo::ParallelForCallbacks& body))                                  \
+    X(::kelvo::Result<std::shared_ptr<::kelvo::ConditionVariableInterface>>,        \
       CreateConditionVariable, ())

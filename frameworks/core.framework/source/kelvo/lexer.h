@@ -19,7 +19,7 @@
 namespace kelvo {
 
 enum class LEXTOKEN : uint8_t {
-    END,         // end of input
+    END,  // end of input
     WORD,
     NUMBER,
     OPENBRACE,   // "{"

@@ -18,7 +18,10 @@ class Object {
 public:
     virtual ~Object() = default;
     // The address of the requested interface inside this object, or nullptr.
-    virtual void* QueryInterface(const Id& interfaceId) { (void)interfaceId; return nullptr; }
+    virtual void* QueryInterface(const Id& interfaceId) {
+        (void)interfaceId;
+        return nullptr;
+    }
 };
 
 // Base of implementation classes: answers QueryInterface for each listed interface.

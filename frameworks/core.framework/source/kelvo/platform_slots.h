@@ -12,10 +12,10 @@ class LexerInterface;
 struct RandomState;
 }  // namespace kelvo
 
-#define KELVO_PLATFORM_SLOTS(X)                                                               \
-    X(::kelvo::Result<std::shared_ptr<::kelvo::LexerInterface>>, CreateLexer,                 \
-      (const std::shared_ptr<::kelvo::InputStream>& stream))                                   \
-    X(void, RandomSeed, (::kelvo::RandomState & state, uint64_t seed))                        \
-    X(uint64_t, RandomNext, (::kelvo::RandomState & state))                                   \
-    X(void, RandomFill01, (::kelvo::RandomState & state, double* out, size_t count))          \
+#define KELVO_PLATFORM_SLOTS(X)                                                      \
+    X(::kelvo::Result<std::shared_ptr<::kelvo::LexerInterface>>, CreateLexer,        \
+      (const std::shared_ptr<::kelvo::InputStream>& stream))                         \
+    X(void, RandomSeed, (::kelvo::RandomState & state, uint64_t seed))               \
+    X(uint64_t, RandomNext, (::kelvo::RandomState & state))                          \
+    X(void, RandomFill01, (::kelvo::RandomState & state, double* out, size_t count)) \
     X(uint32_t, CpuFeatures, ())

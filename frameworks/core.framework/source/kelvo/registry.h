@@ -52,7 +52,8 @@ Result<StrongRef<I>> CreateClass(const Id& classId) {
 template <typename I>
 Result<StrongRef<I>> CreateComponent() {
     size_t n = g_kelvo.host.RegistryMembers(I::InterfaceId(), nullptr, 0);
-    if (n == 0) return IllegalStateError(KELVO_HERE, "No component implements @.", I::InterfaceId());
+    if (n == 0)
+        return IllegalStateError(KELVO_HERE, "No component implements @.", I::InterfaceId());
     const EntryRecord* first = nullptr;
     g_kelvo.host.RegistryMembers(I::InterfaceId(), &first, 1);
     return CreateClass<I>(first->GetId());

@@ -69,9 +69,9 @@ auto CatchOutOfMemory(F&& f) -> decltype(f()) {
 #define KELVO_CONCAT(a, b) KELVO_CONCAT_INNER(a, b)
 
 // Returns the error of a failed Result<...> expression from the enclosing function.
-#define KELVO_TRY(expr)                                   \
-    do {                                                  \
-        auto&& kelvo_try_result_ = (expr);                \
+#define KELVO_TRY(expr)                                                   \
+    do {                                                                  \
+        auto&& kelvo_try_result_ = (expr);                                \
         if (!kelvo_try_result_.Ok()) return kelvo_try_result_.GetError(); \
     } while (0)
 

@@ -23,7 +23,8 @@ enum IODETECT : int {
 class Url {
 public:
     Url() = default;
-    Url(std::string scheme, std::string path) : _scheme(std::move(scheme)), _path(std::move(path)) {}
+    Url(std::string scheme, std::string path)
+        : _scheme(std::move(scheme)), _path(std::move(path)) {}
 
     // Fails with "Illegal argument: Invalid url '@'." for an empty text or scheme.
     static Result<Url> FromText(std::string_view text) {

@@ -31,9 +31,7 @@ struct PixelFormat {
     uint8_t channels = 0;  // 1 (grey), 3 (RGB) or 4 (RGBA)
     CHANNELTYPE type = CHANNELTYPE::UINT8;
 
-    constexpr bool IsValid() const {
-        return channels == 1 || channels == 3 || channels == 4;
-    }
+    constexpr bool IsValid() const { return channels == 1 || channels == 3 || channels == 4; }
     constexpr int GetChannelCount() const { return channels; }
     constexpr bool HasAlpha() const { return channels == 4; }
     constexpr int GetBitsPerChannel() const {
@@ -99,10 +97,11 @@ inline float LinearToSrgb(float v) {
 // becomes grey by Rec. 709 luminance (0.2126, 0.7152, 0.0722); a missing alpha is 1; a
 // dropped alpha is lost. Profiles differing, colour channels pass through linear light.
 // Fails with "Illegal argument: Invalid pixel format." for an invalid format.
-inline Result<void> ConvertPixels(PixelFormat fromFormat, COLORPROFILE fromProfile, const void* from,
-                                  PixelFormat toFormat, COLORPROFILE toProfile, void* to,
-                                  int64_t count) {
-    return g_kelvo.host.ConvertPixels(fromFormat, fromProfile, from, toFormat, toProfile, to, count);
+inline Result<void> ConvertPixels(PixelFormat fromFormat, COLORPROFILE fromProfile,
+                                  const void* from, PixelFormat toFormat, COLORPROFILE toProfile,
+                                  void* to, int64_t count) {
+    return g_kelvo.host.ConvertPixels(fromFormat, fromProfile, from, toFormat, toProfile, to,
+                                      count);
 }
 
 // Reads pixels of a layer in the handler's format and profile.
@@ -139,12 +138,12 @@ public:
     virtual COLORPROFILE GetColorProfile() const = 0;
     // A reader in the given format and profile. A layer that cannot convert fails for any
     // other format with the unsupported-argument error "Wrong pixel format".
-    virtual Result<StrongRef<GetPixelHandlerInterface>> GetPixelHandler(
-        PixelFormat format, COLORPROFILE profile) = 0;
+    virtual Result<StrongRef<GetPixelHandlerInterface>> GetPixelHandler(PixelFormat format,
+                                                                        COLORPROFILE profile) = 0;
     // A writer in the given format and profile; a read-only layer fails with
     // "Illegal state: The layer is read-only.".
-    virtual Result<StrongRef<SetPixelHandlerInterface>> SetPixelHandler(
-        PixelFormat format, COLORPROFILE profile) = 0;
+    virtual Result<StrongRef<SetPixelHandlerInterface>> SetPixelHandler(PixelFormat format,
+                                                                        COLORPROFILE profile) = 0;
 };
 
 // Keys of ImageInterface properties the host sets on import.

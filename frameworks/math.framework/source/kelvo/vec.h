@@ -37,17 +37,25 @@ struct Vec4T {
 };
 
 template <typename T>
-constexpr Vec3T<T> operator*(T s, const Vec3T<T>& v) { return v * s; }
+constexpr Vec3T<T> operator*(T s, const Vec3T<T>& v) {
+    return v * s;
+}
 template <typename T>
-constexpr T Dot(const Vec3T<T>& a, const Vec3T<T>& b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+constexpr T Dot(const Vec3T<T>& a, const Vec3T<T>& b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
 template <typename T>
 constexpr Vec3T<T> Cross(const Vec3T<T>& a, const Vec3T<T>& b) {
     return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
 }
 template <typename T>
-T Length(const Vec3T<T>& v) { return std::sqrt(Dot(v, v)); }
+T Length(const Vec3T<T>& v) {
+    return std::sqrt(Dot(v, v));
+}
 template <typename T>
-constexpr T SquaredLength(const Vec3T<T>& v) { return Dot(v, v); }
+constexpr T SquaredLength(const Vec3T<T>& v) {
+    return Dot(v, v);
+}
 // The zero vector stays zero instead of turning into NaNs.
 template <typename T>
 Vec3T<T> Normalize(const Vec3T<T>& v) {

@@ -47,8 +47,10 @@ inline constexpr Id FIELDOFVIEW("net.kelvo.render.camera.cameraparameters.fieldo
 // double and bool: clipping planes for renderers; the camera classes do not read them.
 inline constexpr Id NEARCLIPPING("net.kelvo.render.camera.cameraparameters.nearclipping");
 inline constexpr Id FARCLIPPING("net.kelvo.render.camera.cameraparameters.farclipping");
-inline constexpr Id NEARCLIPPINGENABLED("net.kelvo.render.camera.cameraparameters.nearclippingenabled");
-inline constexpr Id FARCLIPPINGENABLED("net.kelvo.render.camera.cameraparameters.farclippingenabled");
+inline constexpr Id NEARCLIPPINGENABLED(
+    "net.kelvo.render.camera.cameraparameters.nearclippingenabled");
+inline constexpr Id FARCLIPPINGENABLED(
+    "net.kelvo.render.camera.cameraparameters.farclippingenabled");
 }  // namespace CAMERAPARAMETERS
 
 // What a camera offers, as returned by GetFeatures.
@@ -89,7 +91,8 @@ public:
     // hit.footprintY. The pixel steps carry no field-of-view factor, so the footprints
     // match the neighbouring pixels' own rays only at fieldofview 1. Parallel cameras
     // leave both records as they are.
-    virtual void CalculateMIPComponents(const Vec2& screenPoint, Ray& ray, ShadingPoint& hit) const = 0;
+    virtual void CalculateMIPComponents(const Vec2& screenPoint, Ray& ray,
+                                        ShadingPoint& hit) const = 0;
     // CAMERAFEATURES bits.
     virtual uint32_t GetFeatures() const = 0;
     // Whether a world point may be seen; the built-in cameras see everything.

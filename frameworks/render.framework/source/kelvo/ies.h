@@ -23,7 +23,8 @@ namespace kelvo {
 
 // Keys of the property dictionary (integer keys).
 enum IESPROPERTY : int32_t {
-    IESPROPERTY_VERSION = 1000,     // Int: 0 none, 1 "IESNA91", 2 "IESNA:LM-63-1995", 3 "IESNA:LM-63-2002"
+    IESPROPERTY_VERSION =
+        1000,  // Int: 0 none, 1 "IESNA91", 2 "IESNA:LM-63-1995", 3 "IESNA:LM-63-2002"
     IESPROPERTY_TILT = 1001,        // Int: 0 not seen, 1 NONE, 2 INCLUDE
     IESPROPERTY_MANUFAC = 1002,     // String: rest of the "[MANUFAC]" line
     IESPROPERTY_LUMCAT = 1003,      // String
@@ -48,8 +49,8 @@ struct IesRawData {
 
 // The preview asks this for the handler that receives its rows, naming the pixel format and
 // colour profile it writes (grey, 32-bit float, linear).
-using IesPixelHandlerDelegate =
-    std::function<Result<StrongRef<SetPixelHandlerInterface>>(PixelFormat format, COLORPROFILE profile)>;
+using IesPixelHandlerDelegate = std::function<Result<StrongRef<SetPixelHandlerInterface>>(
+    PixelFormat format, COLORPROFILE profile)>;
 // Told the fraction of rows done (0..1, rising, never from two threads at once).
 using IesProgressDelegate = std::function<void(float done)>;
 

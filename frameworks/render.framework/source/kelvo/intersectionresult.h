@@ -9,7 +9,7 @@ namespace kelvo {
 
 template <typename T>
 struct IntersectionResultT {
-    T distance = T(-1);        // along the ray; negative when nothing was hit
+    T distance = T(-1);  // along the ray; negative when nothing was hit
     Vec3T<T> hitPosition;
     Vec3T<T> geometricNormal;  // unit length, facing the side the polygon was defined on
     Vec2T<T> barycentric;      // position inside the hit triangle

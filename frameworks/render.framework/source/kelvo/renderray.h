@@ -11,7 +11,7 @@ namespace kelvo {
 
 struct Ray {
     Vec3 origin;
-    Vec3 direction;  // unit length
+    Vec3 direction;               // unit length
     double rendererData[4] = {};  // renderer-owned: cameras leave these untouched
     Vec3 xDifferentialOrigin;     // the ray one pixel to the right
     Vec3 yDifferentialOrigin;     // the ray one pixel below

@@ -108,7 +108,8 @@ public:
     //   both:        screen offset = filmoffset * width pixels.
     virtual Result<StrongRef<DataDictionary>> GetCameraParameters(const Vec2& resolution) const = 0;
     // A camera of the projection's class, initialised with GetCameraParameters.
-    virtual Result<StrongRef<CameraInterface>> CreateCamera(const Vec2& resolution, bool flipped) const = 0;
+    virtual Result<StrongRef<CameraInterface>> CreateCamera(const Vec2& resolution,
+                                                            bool flipped) const = 0;
 };
 
 class LightObjectInterface : public virtual Object {

@@ -33,7 +33,7 @@ uint32_t Crc32cUpdateTable(uint32_t crc, const void* data, size_t size) {
 
 #if defined(__x86_64__)
 __attribute__((target("sse4.2"))) uint32_t Crc32cUpdateHardware(uint32_t crc, const void* data,
-                                                                 size_t size) {
+                                                                size_t size) {
     const auto* p = static_cast<const unsigned char*>(data);
     uint64_t c = crc;
     for (; size >= 8; size -= 8, p += 8) {

@@ -36,7 +36,7 @@ constexpr Keyword kHeaderKeywords[] = {
 };
 // The writer's order differs from the reader's.
 constexpr Keyword kWriterKeywords[] = {
-    {"[MANUFAC]", IESPROPERTY_MANUFAC}, {"[LUMCAT]", IESPROPERTY_LUMCAT},
+    {"[MANUFAC]", IESPROPERTY_MANUFAC},     {"[LUMCAT]", IESPROPERTY_LUMCAT},
     {"[LUMINAIRE]", IESPROPERTY_LUMINAIRE}, {"[LAMPCAT]", IESPROPERTY_LAMPCAT},
     {"[LAMP]", IESPROPERTY_LAMP},
 };
@@ -70,7 +70,9 @@ Shape ClassifyShape(double w, double l, double h) {
     return {0, {0, 0, 0}};
 }
 
-Error LineError(int64_t line) { return UnexpectedError(KELVO_HERE, "IES file error in line @", line); }
+Error LineError(int64_t line) {
+    return UnexpectedError(KELVO_HERE, "IES file error in line @", line);
+}
 
 // Canonical bytes of the property dictionary: the input of its stable hash and the key
 // of its order. Object-valued entries contribute their type only.
@@ -95,21 +97,37 @@ std::string CanonicalProperties(const DataDictionary& dict) {
     Canonical c;
     for (const auto& [key, value] : dict) {
         c.U64(key.index());
-        if (const Id* id = std::get_if<Id>(&key)) c.Text(id->Text());
-        else c.U64(static_cast<uint64_t>(std::get<int64_t>(key)));
+        if (const Id* id = std::get_if<Id>(&key))
+            c.Text(id->Text());
+        else
+            c.U64(static_cast<uint64_t>(std::get<int64_t>(key)));
         const Data::Variant& v = value.Raw();
         c.U64(v.index());
         std::visit(
             [&](const auto& x) {
                 using X = std::decay_t<decltype(x)>;
-                if constexpr (std::is_same_v<X, bool>) c.U64(x ? 1 : 0);
-                else if constexpr (std::is_same_v<X, int64_t>) c.U64(static_cast<uint64_t>(x));
-                else if constexpr (std::is_same_v<X, double>) c.F64(x);
-                else if constexpr (std::is_same_v<X, std::string>) c.Text(x);
-                else if constexpr (std::is_same_v<X, Id>) c.Text(x.Text());
-                else if constexpr (std::is_same_v<X, Vec2>) { c.F64(x.x); c.F64(x.y); }
-                else if constexpr (std::is_same_v<X, Vec3>) { c.F64(x.x); c.F64(x.y); c.F64(x.z); }
-                else if constexpr (std::is_same_v<X, Col3>) { c.F64(x.r); c.F64(x.g); c.F64(x.b); } else if constexpr (std::is_same_v<X, Url>) {
+                if constexpr (std::is_same_v<X, bool>)
+                    c.U64(x ? 1 : 0);
+                else if constexpr (std::is_same_v<X, int64_t>)
+                    c.U64(static_cast<uint64_t>(x));
+                else if constexpr (std::is_same_v<X, double>)
+                    c.F64(x);
+                else if constexpr (std::is_same_v<X, std::string>)
+                    c.Text(x);
+                else if constexpr (std::is_same_v<X, Id>)
+                    c.Text(x.Text());
+                else if constexpr (std::is_same_v<X, Vec2>) {
+                    c.F64(x.x);
+                    c.F64(x.y);
+                } else if constexpr (std::is_same_v<X, Vec3>) {
+                    c.F64(x.x);
+                    c.F64(x.y);
+                    c.F64(x.z);
+                } else if constexpr (std::is_same_v<X, Col3>) {
+                    c.F64(x.r);
+                    c.F64(x.g);
+                    c.F64(x.b);
+                } else if constexpr (std::is_same_v<X, Url>) {
                     c.Text(x.Scheme());
                     c.Text(x.Path());
                 }
@@ -187,7 +205,10 @@ Result<void> IesImpl::Parse(const StrongRef<InputStream>& input, bool derive) {
         if (token != LEXTOKEN::WORD) continue;
         std::string word(lexer->Text());
         if (word == "TILT") break;
-        int version = word == "IESNA91" ? 1 : word == "IESNA:LM-63-1995" ? 2 : word == "IESNA:LM-63-2002" ? 3 : 0;
+        int version = word == "IESNA91"            ? 1
+                      : word == "IESNA:LM-63-1995" ? 2
+                      : word == "IESNA:LM-63-2002" ? 3
+                                                   : 0;
         if (version != 0) KELVO_TRY(_properties.Set(int64_t(IESPROPERTY_VERSION), version));
         KELVO_ASSIGN_OR_RETURN(std::string rest, lexer->RestOfLine());
         // The keyword may run into its text without a blank ("[MANUFAC]LITHONIA").
@@ -273,7 +294,8 @@ Result<void> IesImpl::UpdateDerived(bool recomputeMax) {
 
 Result<void> IesImpl::UpdateSearchCaches() {
     KELVO_TRY(_verticalIndex.Build(_anglesVertical, 0.0));
-    return _horizontalIndex.Build(_anglesHorizontal, _anglesHorizontal.empty() ? 0.0 : _anglesHorizontal[0]);
+    return _horizontalIndex.Build(_anglesHorizontal,
+                                  _anglesHorizontal.empty() ? 0.0 : _anglesHorizontal[0]);
 }
 
 namespace detail {
@@ -317,10 +339,12 @@ size_t BracketIndex::Find(double key) const {
         const double last = static_cast<double>(_start.size() - 1);
         const size_t j = _start[f > 0.0 ? static_cast<size_t>(f < last ? f : last) : 0];
         // Exact when the running maximum first exceeds the key at j.
-        if ((j == n || _runningMax[j - 1] > key) && (j == 1 || !(_runningMax[j - 2] > key))) return j;
+        if ((j == n || _runningMax[j - 1] > key) && (j == 1 || !(_runningMax[j - 2] > key)))
+            return j;
     }
     return static_cast<size_t>(std::upper_bound(_runningMax.begin(), _runningMax.end(), key) -
-                               _runningMax.begin()) + 1;
+                               _runningMax.begin()) +
+           1;
 }
 
 }  // namespace detail
@@ -367,7 +391,10 @@ double IesImpl::ComputeLightIntensity(const Vec3& d) const {
     if (range < 45.0) {
         phiF = 0.0;  // one plane: rotationally symmetric
     } else if (range < 135.0) {
-        phiF = phi <= 90.0 ? phi : phi <= 180.0 ? 180.0 - phi : phi <= 270.0 ? phi - 180.0 : 360.0 - phi;
+        phiF = phi <= 90.0    ? phi
+               : phi <= 180.0 ? 180.0 - phi
+               : phi <= 270.0 ? phi - 180.0
+                              : 360.0 - phi;
     } else if (range < 225.0) {
         phiF = std::fabs(phi - a0);
         if (phiF > 180.0) phiF = 360.0 - phiF;
@@ -524,10 +551,17 @@ Result<std::string> IesImpl::ConvertToText() const {
     return CatchOutOfMemory([&]() -> Result<std::string> {
         std::string out;
         switch (_properties.Get<int>(int64_t(IESPROPERTY_VERSION), 0)) {
-            case 1: out += "IESNA91\n"; break;
-            case 2: out += "IESNA:LM-63-1995\n"; break;
-            case 3: out += "IESNA:LM-63-2002\n"; break;
-            default: break;
+            case 1:
+                out += "IESNA91\n";
+                break;
+            case 2:
+                out += "IESNA:LM-63-1995\n";
+                break;
+            case 3:
+                out += "IESNA:LM-63-2002\n";
+                break;
+            default:
+                break;
         }
         for (const Keyword& k : kWriterKeywords) {
             std::string text = _properties.Get<std::string>(int64_t(k.property));

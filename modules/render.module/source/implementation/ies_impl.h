@@ -46,7 +46,8 @@ public:
     double GetLightPowerRatio() const override { return _dataPower / kFourPi; }
     uint32_t GetChecksum() const override { return _checksum; }
     const DataDictionary& GetProperties() const override { return _properties; }
-    Result<void> GeneratePreviewImage(int64_t width, int64_t height, const IesPixelHandlerDelegate& handler,
+    Result<void> GeneratePreviewImage(int64_t width, int64_t height,
+                                      const IesPixelHandlerDelegate& handler,
                                       const IesProgressDelegate& progress) const override;
     Result<StrongRef<ImageInterface>> GeneratePreviewImage(int64_t size) const override;
     Result<std::string> ConvertToText() const override;

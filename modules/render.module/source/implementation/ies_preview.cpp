@@ -43,7 +43,8 @@ float SampleGrids(const IesImpl& ies, Grid& grid) {
                 double r = Length(d);
                 double inv = r > 0.0 ? 1.0 / r : 1000.0;
                 Vec3 dir = d * (r > 0.0 ? inv : 0.0);
-                double v = ies.ComputeLightIntensity(dir) * std::fabs(Dot(dir, f.normal)) * inv * inv;
+                double v =
+                    ies.ComputeLightIntensity(dir) * std::fabs(Dot(dir, f.normal)) * inv * inv;
                 grid[s][j][i] = static_cast<float>(v);
                 largest = std::max(largest, grid[s][j][i]);
             }
@@ -63,13 +64,16 @@ float Bilinear(const float (&g)[kGrid][kGrid], double u, double v) {
 
 }  // namespace
 
-Result<void> IesImpl::GeneratePreviewImage(int64_t width, int64_t height, const IesPixelHandlerDelegate& handler,
+Result<void> IesImpl::GeneratePreviewImage(int64_t width, int64_t height,
+                                           const IesPixelHandlerDelegate& handler,
                                            const IesProgressDelegate& progress) const {
     if (width != height)
-        return Error(ERRORKIND::ILLEGALARGUMENT, KELVO_HERE, "Width and height of image must match.");
+        return Error(ERRORKIND::ILLEGALARGUMENT, KELVO_HERE,
+                     "Width and height of image must match.");
     if (width <= 0) return OK();
     if (!handler) return IllegalArgumentError(KELVO_HERE, "No pixel handler delegate.");
-    KELVO_ASSIGN_OR_RETURN(StrongRef<SetPixelHandlerInterface> out, handler(kPixelGrey32f, COLORPROFILE::LINEAR));
+    KELVO_ASSIGN_OR_RETURN(StrongRef<SetPixelHandlerInterface> out,
+                           handler(kPixelGrey32f, COLORPROFILE::LINEAR));
     if (!out) return IllegalArgumentError(KELVO_HERE, "The delegate returned no pixel handler.");
 
     Grid grid;  // 8 KiB
@@ -89,7 +93,8 @@ Result<void> IesImpl::GeneratePreviewImage(int64_t width, int64_t height, const 
         0, size, [&](Row& row) { row.resize(size_t(size)); },
         [&](Row& row, int64_t y) -> Result<void> {
             const bool wall = y < wallRows;
-            const double v = wall ? (double(y) + 0.5) / double(wallRows) : (double(y - wallRows) + 0.5) / double(floorRows);
+            const double v = wall ? (double(y) + 0.5) / double(wallRows)
+                                  : (double(y - wallRows) + 0.5) / double(floorRows);
             for (int64_t x = 0; x < size; ++x) {
                 const double u = (double(x) + 0.5) / double(size);
                 float s = Bilinear(grid[wall ? 0 : 1], u * (kGrid - 1), v * (kGrid - 1));
@@ -116,10 +121,13 @@ Result<void> IesImpl::GeneratePreviewImage(int64_t width, int64_t height, const 
 
 Result<StrongRef<ImageInterface>> IesImpl::GeneratePreviewImage(int64_t size) const {
     KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, CreateImage(size, size));
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> layer, CreateImageLayer(size, size, kPixelGrey8, COLORPROFILE::SRGB));
-    KELVO_TRY(GeneratePreviewImage(
-        size, size,
-        [&](PixelFormat format, COLORPROFILE profile) { return layer->SetPixelHandler(format, profile); }, {}));
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> layer,
+                           CreateImageLayer(size, size, kPixelGrey8, COLORPROFILE::SRGB));
+    KELVO_TRY(GeneratePreviewImage(size, size,
+                                   [&](PixelFormat format, COLORPROFILE profile) {
+                                       return layer->SetPixelHandler(format, profile);
+                                   },
+                                   {}));
     KELVO_TRY(image->AddLayer(layer));
     return image;
 }

@@ -15,7 +15,8 @@ namespace kelvo {
 namespace detail {
 bool DetectIesContent(std::string_view firstBytes) {
     std::string_view head = firstBytes.substr(0, kIesDetectBytes);
-    return head.find("IESN") != std::string_view::npos || head.find("TILT") != std::string_view::npos;
+    return head.find("IESN") != std::string_view::npos ||
+           head.find("TILT") != std::string_view::npos;
 }
 }  // namespace detail
 
@@ -34,7 +35,8 @@ public:
             std::string head(detail::kIesDetectBytes, '\0');
             size_t got = 0;
             while (got < head.size()) {
-                KELVO_ASSIGN_OR_RETURN(size_t n, stream->Read(head.data() + got, head.size() - got));
+                KELVO_ASSIGN_OR_RETURN(size_t n,
+                                       stream->Read(head.data() + got, head.size() - got));
                 if (n == 0) break;
                 got += n;
             }
@@ -72,18 +74,22 @@ public:
     int64_t GetHeight() const override { return _size; }
     PixelFormat GetPixelFormat() const override { return kFormat; }
     COLORPROFILE GetColorProfile() const override { return kProfile; }
-    Result<StrongRef<GetPixelHandlerInterface>> GetPixelHandler(PixelFormat format, COLORPROFILE profile) override;
-    Result<StrongRef<SetPixelHandlerInterface>> SetPixelHandler(PixelFormat format, COLORPROFILE profile) override;
+    Result<StrongRef<GetPixelHandlerInterface>> GetPixelHandler(PixelFormat format,
+                                                                COLORPROFILE profile) override;
+    Result<StrongRef<SetPixelHandlerInterface>> SetPixelHandler(PixelFormat format,
+                                                                COLORPROFILE profile) override;
 
     // The pixels, rendered once; callers that come meanwhile wait for the first.
     Result<Pixels*> Render() {
         return _pixels.Get(
             [&]() -> Result<Pixels> {
-                if (!_ies) return IllegalStateError(KELVO_HERE, "The IES image layer has no profile.");
+                if (!_ies)
+                    return IllegalStateError(KELVO_HERE, "The IES image layer has no profile.");
                 Pixels pixels(size_t(_size * _size));
                 KELVO_TRY(_ies->GeneratePreviewImage(
                     _size, _size,
-                    [&](PixelFormat f, COLORPROFILE p) -> Result<StrongRef<SetPixelHandlerInterface>> {
+                    [&](PixelFormat f,
+                        COLORPROFILE p) -> Result<StrongRef<SetPixelHandlerInterface>> {
                         return NewRowWriter(pixels, f, p);
                     },
                     {}));
@@ -94,14 +100,16 @@ public:
 
     Result<uint8_t*> Row(Pixels& pixels, int64_t x, int64_t y, int64_t count) const {
         if (y < 0 || y >= _size || x < 0 || count < 0 || count > _size - x)
-            return IllegalArgumentError(KELVO_HERE, "Pixels @ to @ of row @ lie outside the @ x @ layer.", x,
+            return IllegalArgumentError(KELVO_HERE,
+                                        "Pixels @ to @ of row @ lie outside the @ x @ layer.", x,
                                         x + count - 1, y, _size, _size);
         return pixels.data() + size_t(y * _size + x);
     }
 
 private:
     // Rows of the preview, converted from the preview's format into this layer's.
-    Result<StrongRef<SetPixelHandlerInterface>> NewRowWriter(Pixels& pixels, PixelFormat f, COLORPROFILE p);
+    Result<StrongRef<SetPixelHandlerInterface>> NewRowWriter(Pixels& pixels, PixelFormat f,
+                                                             COLORPROFILE p);
 
     StrongRef<const IesImpl> _ies;
     int64_t _size = 0;
@@ -117,8 +125,8 @@ public:
     COLORPROFILE GetColorProfile() const override { return _profile; }
     Result<void> GetPixels(int64_t x, int64_t y, int64_t count, void* to) const override {
         KELVO_ASSIGN_OR_RETURN(uint8_t * row, _layer->Row(*_pixels, x, y, count));
-        return ConvertPixels(IesImageLayer::kFormat, IesImageLayer::kProfile, row, IesImageLayer::kFormat,
-                             _profile, to, count);
+        return ConvertPixels(IesImageLayer::kFormat, IesImageLayer::kProfile, row,
+                             IesImageLayer::kFormat, _profile, to, count);
     }
 
 private:
@@ -136,8 +144,8 @@ public:
     COLORPROFILE GetColorProfile() const override { return _profile; }
     Result<void> SetPixels(int64_t x, int64_t y, int64_t count, const void* from) override {
         KELVO_ASSIGN_OR_RETURN(uint8_t * row, _layer->Row(*_pixels, x, y, count));
-        return ConvertPixels(IesImageLayer::kFormat, _profile, from, IesImageLayer::kFormat, IesImageLayer::kProfile,
-                             row, count);
+        return ConvertPixels(IesImageLayer::kFormat, _profile, from, IesImageLayer::kFormat,
+                             IesImageLayer::kProfile, row, count);
     }
 
 private:
@@ -155,7 +163,8 @@ public:
     COLORPROFILE GetColorProfile() const override { return _profile; }
     Result<void> SetPixels(int64_t x, int64_t y, int64_t count, const void* from) override {
         KELVO_ASSIGN_OR_RETURN(uint8_t * row, _layer.Row(_pixels, x, y, count));
-        return ConvertPixels(_format, _profile, from, IesImageLayer::kFormat, IesImageLayer::kProfile, row, count);
+        return ConvertPixels(_format, _profile, from, IesImageLayer::kFormat,
+                             IesImageLayer::kProfile, row, count);
     }
 
 private:
@@ -165,15 +174,17 @@ private:
     COLORPROFILE _profile;
 };
 
-Result<StrongRef<SetPixelHandlerInterface>> IesImageLayer::NewRowWriter(Pixels& pixels, PixelFormat f,
-                                                                       COLORPROFILE p) {
+Result<StrongRef<SetPixelHandlerInterface>> IesImageLayer::NewRowWriter(Pixels& pixels,
+                                                                        PixelFormat f,
+                                                                        COLORPROFILE p) {
     KELVO_ASSIGN_OR_RETURN(auto writer, NewObject<PreviewRowWriter>(*this, pixels, f, p));
     return StrongRef<SetPixelHandlerInterface>(std::move(writer));
 }
 
 Error WrongPixelFormat() { return UnsupportedArgumentError(KELVO_HERE, "Wrong pixel format"); }
 
-Result<StrongRef<GetPixelHandlerInterface>> IesImageLayer::GetPixelHandler(PixelFormat format, COLORPROFILE profile) {
+Result<StrongRef<GetPixelHandlerInterface>> IesImageLayer::GetPixelHandler(PixelFormat format,
+                                                                           COLORPROFILE profile) {
     // The layer hands out its own format only; asking for another is the caller's mistake.
     if (format != kFormat) return WrongPixelFormat();
     KELVO_ASSIGN_OR_RETURN(Pixels * pixels, Render());
@@ -181,7 +192,8 @@ Result<StrongRef<GetPixelHandlerInterface>> IesImageLayer::GetPixelHandler(Pixel
     return StrongRef<GetPixelHandlerInterface>(std::move(h));
 }
 
-Result<StrongRef<SetPixelHandlerInterface>> IesImageLayer::SetPixelHandler(PixelFormat format, COLORPROFILE profile) {
+Result<StrongRef<SetPixelHandlerInterface>> IesImageLayer::SetPixelHandler(PixelFormat format,
+                                                                           COLORPROFILE profile) {
     if (format != kFormat) return WrongPixelFormat();
     KELVO_ASSIGN_OR_RETURN(Pixels * pixels, Render());
     KELVO_ASSIGN_OR_RETURN(auto h, NewObject<IesLayerWriter>(shared_from_this(), pixels, profile));
@@ -194,11 +206,15 @@ public:
         KELVO_ASSIGN_OR_RETURN(StrongRef<InputStream> stream, OpenInputStream(url));
         KELVO_ASSIGN_OR_RETURN(StrongRef<IesImpl> ies, NewObject<IesImpl>());
         KELVO_TRY(ies->Init(stream));
-        KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> layer, CreateClass<ImageLayerInterface>(kLayerClassId));
+        KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> layer,
+                               CreateClass<ImageLayerInterface>(kLayerClassId));
         auto* iesLayer = dynamic_cast<IesImageLayer*>(layer.get());
-        if (!iesLayer) return IllegalStateError(KELVO_HERE, "Class @ is not the IES image layer.", kLayerClassId);
+        if (!iesLayer)
+            return IllegalStateError(KELVO_HERE, "Class @ is not the IES image layer.",
+                                     kLayerClassId);
         iesLayer->Attach(ies, detail::kIesImageSize);
-        KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, CreateImage(detail::kIesImageSize, detail::kIesImageSize));
+        KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image,
+                               CreateImage(detail::kIesImageSize, detail::kIesImageSize));
         KELVO_TRY(image->AddLayer(layer));
         return image;
     }
@@ -206,10 +222,11 @@ public:
 
 KELVO_REGISTER_CLASS(s_iesFormat, "net.kelvo.fileformat.imageies", kFileFormatsRegistry,
                      FileFormatInterface::InterfaceId(), IesFileFormat);
-KELVO_REGISTER_CLASS(s_iesHandler, "net.kelvo.fileformathandler.imageloaderies", kFileFormatHandlersRegistry,
-                     FileFormatHandlerInterface::InterfaceId(), IesFileFormatHandler);
-KELVO_REGISTER_CLASS(s_iesImport, "net.kelvo.mediasession.ies.import", Id(), MediaImportInterface::InterfaceId(),
-                     IesImport);
+KELVO_REGISTER_CLASS(s_iesHandler, "net.kelvo.fileformathandler.imageloaderies",
+                     kFileFormatHandlersRegistry, FileFormatHandlerInterface::InterfaceId(),
+                     IesFileFormatHandler);
+KELVO_REGISTER_CLASS(s_iesImport, "net.kelvo.mediasession.ies.import", Id(),
+                     MediaImportInterface::InterfaceId(), IesImport);
 KELVO_REGISTER_CLASS(s_iesLayer, "net.kelvo.render.class.mediastreamimagelayeriesimport", Id(),
                      ImageLayerInterface::InterfaceId(), IesImageLayer);
 

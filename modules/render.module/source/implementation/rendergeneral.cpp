@@ -1,7 +1,8 @@
 // Chooses the intersection engine a renderer uses.
+#include "kelvo/rendergeneral.h"
+
 #include "kelvo/config.h"
 #include "kelvo/registry.h"
-#include "kelvo/rendergeneral.h"
 
 namespace kelvo {
 namespace {

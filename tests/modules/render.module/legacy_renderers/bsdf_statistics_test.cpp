@@ -20,10 +20,12 @@ DataDictionary Anisotropic(double roughness, double anisotropy, double rotation)
 // An isotropic density needs a single azimuth step.
 template <typename Dist>
 double HemisphereIntegral(const Dist& d, bool withCosine) {
-    return IntegrateHemisphere([&](const Vec3& h) {
-        double p, v = d.ExactD(h.z, p);
-        return withCosine ? v * h.z : v;
-    }, 400000, 1);
+    return IntegrateHemisphere(
+        [&](const Vec3& h) {
+            double p, v = d.ExactD(h.z, p);
+            return withCosine ? v * h.z : v;
+        },
+        400000, 1);
 }
 
 TEST(DistributionNormalisationTest, ClosedFormsIntegrateToOne) {
@@ -37,10 +39,12 @@ TEST(DistributionNormalisationTest, ClosedFormsIntegrateToOne) {
     }
     for (auto [r, an] : {std::pair{0.5, 0.3}, {0.7, 0.6}, {0.4, 0.0}}) {
         auto a = Updated<AnisotropicDistribution>(Anisotropic(r, an, 0.4));
-        double integral = IntegrateHemisphere([&](const Vec3& h) {
-            double pdf;
-            return a.D(h, false, pdf) * h.z;
-        }, 1500, 1500);
+        double integral = IntegrateHemisphere(
+            [&](const Vec3& h) {
+                double pdf;
+                return a.D(h, false, pdf) * h.z;
+            },
+            1500, 1500);
         EXPECT_NEAR(integral, 1.0, 1e-3) << r << " " << an;
     }
 }

@@ -76,7 +76,8 @@ inline StrongRef<BSDFLegacyInterface> MakeModel(const std::string& suffix) {
     return made ? *made : nullptr;
 }
 
-inline StrongRef<BSDFLegacyInterface> MakeModel(const std::string& suffix, const DataDictionary& d) {
+inline StrongRef<BSDFLegacyInterface> MakeModel(const std::string& suffix,
+                                                const DataDictionary& d) {
     auto m = MakeModel(suffix);
     EXPECT_TRUE(m && m->Init(d).Ok()) << suffix;
     return m;

@@ -46,8 +46,10 @@ TEST(ClothPatternTest, StandardDataIsConsistent) {
             double hx = (s.weft ? s.length : s.width) / 2, hy = (s.weft ? s.width : s.length) / 2;
             for (int i = -1; i <= 1; ++i)
                 for (int j = -1; j <= 1; ++j) {
-                    double cx = s.cu * p.columns + i * p.columns, cy = (1 - s.cv) * p.rows + j * p.rows;
-                    if (std::abs(x - cx) < hx + margin && std::abs(y - cy) < hy + margin) return true;
+                    double cx = s.cu * p.columns + i * p.columns,
+                           cy = (1 - s.cv) * p.rows + j * p.rows;
+                    if (std::abs(x - cx) < hx + margin && std::abs(y - cy) < hy + margin)
+                        return true;
                 }
             return false;
         };
@@ -61,7 +63,8 @@ TEST(ClothPatternTest, StandardDataIsConsistent) {
                 EXPECT_TRUE(contains(own, c + 0.5, r + 0.5, 0.01)) << "cell " << r << "," << c;
                 for (const YarnSegment& other : p.segments) {
                     if (&other == &own || sameFloat(own, other)) continue;
-                    EXPECT_FALSE(contains(other, c + 0.5, r + 0.5, -0.01)) << "cell " << r << "," << c;
+                    EXPECT_FALSE(contains(other, c + 0.5, r + 0.5, -0.01))
+                        << "cell " << r << "," << c;
                 }
             }
         }
@@ -84,7 +87,8 @@ TEST(ClothPatternTest, LookupRepeatsAndWrapsNegativeCoordinates) {
         for (int n = 0; n < 200; ++n) {
             // Away from cell edges, so shifted coordinates cannot round into the next cell.
             auto inCell = [&](double cells) {
-                return (std::floor(rng.NextDouble() * cells) + 0.1 + 0.8 * rng.NextDouble()) / cells;
+                return (std::floor(rng.NextDouble() * cells) + 0.1 + 0.8 * rng.NextDouble()) /
+                       cells;
             };
             double s = inCell(p.columns * ru), t = inCell(p.rows * rv);
             cloth::YarnPoint a = cloth::Locate(p, s, t, ru, rv);
@@ -201,7 +205,8 @@ TEST(ClothModelTest, FlatYarnLimits) {
     for (int i = 0; i < 20000; ++i) {
         Vec3 wi = CosineDirection(rng), wo = CosineDirection(rng);
         Vec3 h = Normalize(wi + wo);
-        double s = cloth::Specular(filament, kScattering, (rng.NextDouble() - 0.5), (rng.NextDouble() - 0.5) * 5, wi, wo);
+        double s = cloth::Specular(filament, kScattering, (rng.NextDouble() - 0.5),
+                                   (rng.NextDouble() - 0.5) * 5, wi, wo);
         ASSERT_TRUE(s == 0.0 || std::abs(h.y / h.z) < std::tan(2 * degree)) << s;
     }
 }
@@ -219,7 +224,8 @@ TEST(IrawanTest, EnergyAndSampling) {
         const int n = 100000;
         double sum = 0.0, sum2 = 0.0;
         for (int i = 0; i < n; ++i) {
-            ASSERT_TRUE(d.Set(bsdfdata::kTextureCoordinate, Vec2{rng.NextDouble(), rng.NextDouble()}).Ok());
+            ASSERT_TRUE(
+                d.Set(bsdfdata::kTextureCoordinate, Vec2{rng.NextDouble(), rng.NextDouble()}).Ok());
             ASSERT_TRUE(m->Update(d).Ok());
             Vec3 wi = CosineDirection(rng), wo = CosineDirection(rng);
             double p;

@@ -2,8 +2,8 @@
 
 #include "bsdf_test_support.h"
 #include "host.h"
-#include "legacy_renderers/bsdf_selftest.h"
 #include "kelvo/selftest.h"
+#include "legacy_renderers/bsdf_selftest.h"
 #include "legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::legacy {
@@ -66,7 +66,8 @@ TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
     double a = Dot(wo, h), b = Dot(wi, h), ph;
     double d = dist.D(h, true, ph);
     double factor = std::abs(eta * eta * b);  // no (a + eta b)^2 below it
-    double expected = kPi * d * dist.G(wo, -wi, h) * factor * std::abs(a) / (eta * eta) / (wo.z * wi.z);
+    double expected =
+        kPi * d * dist.G(wo, -wi, h) * factor * std::abs(a) / (eta * eta) / (wo.z * wi.z);
     EXPECT_NEAR(v.r, expected, 1e-12 * std::abs(expected));
     EXPECT_NEAR(p, ph * factor, 1e-12 * ph * factor);
 
@@ -75,7 +76,8 @@ TEST(MicrofacetBsdfTest, TransmissionValueIsNegativeAndLacksTheSquaredDivisor) {
         auto m = MakeModel(std::string(kind) + "btdf", Glossy(0.5));
         Rng rng(4);
         for (int n = 0; n < 200; ++n) {
-            Vec3 below = SphericalDirection(kPi / 2 + 1.4 * rng.NextDouble(), 6.28 * rng.NextDouble());
+            Vec3 below =
+                SphericalDirection(kPi / 2 + 1.4 * rng.NextDouble(), 6.28 * rng.NextDouble());
             Vec3 above = SphericalDirection(1.4 * rng.NextDouble(), 6.28 * rng.NextDouble());
             ASSERT_EQ(m->ComputeBSDF(below, above, above, p), (Col3{0, 0, 0})) << kind;
         }
@@ -150,13 +152,14 @@ TEST(BlurrySpecularTest, OffSwitchSidesAndTheLegacyFactors) {
     Col3 sv = m->SampleF(Vec3{0, 0, 1}, rec.data(), s, p);
     double cosT = std::pow(0.5, 1.0 / 21.0), dd = 22.0 / (2 * kPi) * std::pow(cosT, 20.0);
     EXPECT_NEAR(p, dd / (4 * kPi * cosT), 1e-9);
-    EXPECT_NEAR(sv.r, dd / (4.0 * s.z) , 1e-9);  // G = 1 along the normal view
+    EXPECT_NEAR(sv.r, dd / (4.0 * s.z), 1e-9);  // G = 1 along the normal view
 }
 
 TEST(BlurrySimpleTest, TableAgreesAndIsNeverReadAboveTheCutOff) {
     auto caches = MakeCaches();
     float* table = caches->GetCache(DISTRIBUTIONKIND_GGX);
-    DataDictionary d = Dict(bsdfdata::kBlurryExponent, 30.0, bsdfdata::kBlurrySamplingExponent, 0.05);
+    DataDictionary d =
+        Dict(bsdfdata::kBlurryExponent, 30.0, bsdfdata::kBlurrySamplingExponent, 0.05);
     auto closed = MakeModel("blurrysimplebrdf", d);
     ASSERT_TRUE(bsdfdata::SetTable(d, bsdfdata::kBlurryTable, table).Ok());
     SetAll(d, bsdfdata::kBlurryDensityRow, int64_t(2000 * 7), bsdfdata::kBlurrySamplingRow,
@@ -173,7 +176,8 @@ TEST(BlurrySimpleTest, TableAgreesAndIsNeverReadAboveTheCutOff) {
     // Poisoned fine cells change nothing above 0.999, and are read below it.
     for (int i = 0; i < 1000; ++i) table[2000 * 7 + i] = 1e6f;
     double p;
-    Vec3 top{std::sqrt(1 - 0.9995 * 0.9995), 0, 0.9995}, below{std::sqrt(1 - 0.995 * 0.995), 0, 0.995};
+    Vec3 top{std::sqrt(1 - 0.9995 * 0.9995), 0, 0.9995},
+        below{std::sqrt(1 - 0.995 * 0.995), 0, 0.995};
     EXPECT_EQ(tab->ComputeBSDF(wo, top, top, p), closed->ComputeBSDF(wo, top, top, p));
     EXPECT_GT(tab->ComputeBSDF(wo, below, below, p).r, 1e5);
     // The sampled angle, with and without table.
@@ -208,9 +212,10 @@ TEST(BsdfSelfTestTest, FailsWhenATableIsWrongAndReportsStatistics) {
     report.clear();
     Result<void> r = RunBsdfSelfTest(*caches, false, report);
     ASSERT_FALSE(r.Ok());
-    EXPECT_EQ(r.GetError().Message().rfind("BlurryTorrance BSDF with cache: Ward distribution differs from "
-                                           "BlurryTorrance BSDF without cache: Ward distribution",
-                                           0),
+    EXPECT_EQ(r.GetError().Message().rfind(
+                  "BlurryTorrance BSDF with cache: Ward distribution differs from "
+                  "BlurryTorrance BSDF without cache: Ward distribution",
+                  0),
               0u)
         << r.GetError().Message();
     EXPECT_NE(report.find("Ward distribution: DIFFER"), std::string::npos);

@@ -17,7 +17,8 @@ DataDictionary Glossy(double roughness, double anisotropy = 0.0) {
                 bsdfdata::kRotation, 0.7);
 }
 
-void ExpectSampleFFollowsPdfIndirect(const std::string& suffix, const DataDictionary& d, const Vec3& wo) {
+void ExpectSampleFFollowsPdfIndirect(const std::string& suffix, const DataDictionary& d,
+                                     const Vec3& wo) {
     auto m = MakeModel(suffix, d);
     EXPECT_EQ(SampleFChiSquare(*m, wo, kChiSquareTests), "") << suffix;
 }
@@ -29,17 +30,21 @@ TEST(GlossySamplingTest, ReflectionSampleFFollowsPdfIndirect) {
     ExpectSampleFFollowsPdfIndirect("wardbrdf", Glossy(0.4), wo);
     ExpectSampleFFollowsPdfIndirect("wardbrdf", Glossy(0.8), Normalize(Vec3{0.9, 0, 0.3}));
     ExpectSampleFFollowsPdfIndirect("anisotropicbrdf", Glossy(0.6, 0.4), wo);
-    ExpectSampleFFollowsPdfIndirect("anisotropicbrdf", Glossy(0.8, 0.0), Normalize(Vec3{0.9, 0, 0.3}));
+    ExpectSampleFFollowsPdfIndirect("anisotropicbrdf", Glossy(0.8, 0.0),
+                                    Normalize(Vec3{0.9, 0, 0.3}));
     ExpectSampleFFollowsPdfIndirect(
         "irawanbrdf", Dict(bsdfdata::kClothPattern, "gabardine", bsdfdata::kWarpDiffuse, 0.5), wo);
 }
 
 // Albedo = integral of value / pi * cos(theta_i) over the hemisphere.
 double Albedo(BSDFLegacyInterface& m, const Vec3& wo) {
-    return IntegrateHemisphere([&](const Vec3& wi) {
-        double p;
-        return m.ComputeBSDF(wo, wi, wi, p).r * wi.z;
-    }, 400, 800) / kPi;
+    return IntegrateHemisphere(
+               [&](const Vec3& wi) {
+                   double p;
+                   return m.ComputeBSDF(wo, wi, wi, p).r * wi.z;
+               },
+               400, 800) /
+           kPi;
 }
 
 TEST(GlossyEnergyTest, ReflectionAlbedoStaysAtMostOne) {
@@ -60,8 +65,8 @@ TEST(GlossyEnergyTest, ReflectionIsReciprocal) {
     SetAll(d, bsdfdata::kOrenNayarSigma, 0.4, bsdfdata::kClothPattern, "denim",
            bsdfdata::kTextureCoordinate, Vec2{0.3, 0.6}, bsdfdata::kWarpSpecular, 1.0,
            bsdfdata::kWeftSpecular, 1.0);
-    for (const char* suffix : {"beckmannbrdf", "ggxbrdf", "phongbrdf", "wardbrdf", "anisotropicbrdf",
-                               "irawanbrdf", "orennayarbrdf", "lambertbrdf"}) {
+    for (const char* suffix : {"beckmannbrdf", "ggxbrdf", "phongbrdf", "wardbrdf",
+                               "anisotropicbrdf", "irawanbrdf", "orennayarbrdf", "lambertbrdf"}) {
         auto m = MakeModel(suffix, d);
         Rng rng(8);
         for (int n = 0; n < 20000; ++n) {

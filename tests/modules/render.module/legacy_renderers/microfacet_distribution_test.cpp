@@ -1,10 +1,11 @@
+#include "legacy_renderers/microfacet_distribution.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "bsdf_test_support.h"
 #include "host.h"
-#include "legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::legacy {
 namespace {
@@ -26,7 +27,8 @@ TEST(DistributionCachesTest, BlockLayoutMarkerAndKinds) {
         for (size_t i = 0; i < kSamplerCacheFloats; ++i)
             ASSERT_EQ(t[i], -1.0f) << "kind " << kind << " entry " << i;
     }
-    for (int32_t kind : {4, 5, -1, 1000, INT32_MIN}) EXPECT_EQ(caches->GetCache(kind), nullptr) << kind;
+    for (int32_t kind : {4, 5, -1, 1000, INT32_MIN})
+        EXPECT_EQ(caches->GetCache(kind), nullptr) << kind;
 
     // A new Init clears what readers filled; Free leaves no table behind.
     first[12345] = 0.5f;
@@ -54,8 +56,8 @@ TEST(DistributionCachesTest, AllocationGoesThroughTheFrameworkAndCanFail) {
 
 template <typename T>
 class IsotropicUpdateTest : public ::testing::Test {};
-using IsotropicKinds = ::testing::Types<BeckmannDistribution, GGXDistribution, WardDistribution,
-                                        PhongDistribution>;
+using IsotropicKinds =
+    ::testing::Types<BeckmannDistribution, GGXDistribution, WardDistribution, PhongDistribution>;
 TYPED_TEST_SUITE(IsotropicUpdateTest, IsotropicKinds);
 
 TYPED_TEST(IsotropicUpdateTest, RoughnessLimitsAndEqualUpdates) {
@@ -113,8 +115,10 @@ TEST(DistributionTest, ClosedFormsAtKnownPoints) {
 
     a2 = b._alphaSquared;
     double c = 0.8, t2 = (1 - c * c) / (c * c), p;
-    EXPECT_NEAR(b.D(HalfVector(c), false, p), std::exp(-t2 / a2) / (kPi * a2 * std::pow(c, 4)), 1e-12);
-    EXPECT_NEAR(w.D(HalfVector(c), false, p), std::exp(-t2 / a2) / (kPi * a2 * std::pow(c, 3)), 1e-12);
+    EXPECT_NEAR(b.D(HalfVector(c), false, p), std::exp(-t2 / a2) / (kPi * a2 * std::pow(c, 4)),
+                1e-12);
+    EXPECT_NEAR(w.D(HalfVector(c), false, p), std::exp(-t2 / a2) / (kPi * a2 * std::pow(c, 3)),
+                1e-12);
     EXPECT_NEAR(g.D(HalfVector(c), false, p),
                 std::pow(std::sqrt(a2) / (c * c * (t2 + a2)), 2) / kPi, 1e-12);
     EXPECT_NEAR(ph.D(HalfVector(c), false, p), 30.0 * std::pow(c, 28.0) / (2 * kPi), 1e-12);
@@ -150,13 +154,15 @@ void CheckTableAgainstFormula(MicrofacetDistributionCachesInterface& caches) {
             double dt = tab.D(h, true, pt), de = exact.D(h, true, pe);
             EXPECT_EQ(dt, pt);
             double step = c >= 0.9 ? 1e-4 : 1e-3;
-            double lo = c >= 0.9 ? 0.9 + step * std::floor((c - 0.9) / step) : step * std::floor(c / step);
+            double lo =
+                c >= 0.9 ? 0.9 + step * std::floor((c - 0.9) / step) : step * std::floor(c / step);
             double curvature = 0.0, peak = 0.0, unused;
             for (int k = 0; k <= 4; ++k) {
                 double x = std::max(lo + step * k / 4.0, 2e-16 + step / 8);
                 double e = step / 8;
                 double d2 = (exact.ExactD(x + e, unused) - 2.0 * exact.ExactD(x, unused) +
-                             exact.ExactD(std::max(x - e, 1e-16), unused)) / (e * e);
+                             exact.ExactD(std::max(x - e, 1e-16), unused)) /
+                            (e * e);
                 curvature = std::max(curvature, std::abs(d2));
                 peak = std::max(peak, exact.ExactD(x, unused));
             }
@@ -254,9 +260,8 @@ TEST(DistributionTest, ShadowingSignTestsAndCutOffs) {
     EXPECT_NEAR(b.G(up, up, h), g1 * g1, 1e-15);
     double k = g._alpha * tanT, gg = 2.0 / (1.0 + std::sqrt(1.0 + k * k));
     EXPECT_NEAR(g.G(up, h, h), gg, 1e-15);
-    EXPECT_NEAR(w.G(up, h, Normalize(up + h)), std::min(1.0, 2 * Normalize(up + h).z * 0.8 /
-                                                                  Dot(up, Normalize(up + h))),
-                1e-15);
+    EXPECT_NEAR(w.G(up, h, Normalize(up + h)),
+                std::min(1.0, 2 * Normalize(up + h).z * 0.8 / Dot(up, Normalize(up + h))), 1e-15);
 }
 
 TEST(DistributionTest, SamplingClampsUAndUsesTheSamplingBlock) {

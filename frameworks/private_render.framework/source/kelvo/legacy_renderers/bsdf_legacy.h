@@ -28,12 +28,12 @@ inline constexpr Id kBsdfLegacyClassesRegistry("net.kelvo.render.registry.bsdfle
 // The sample record: a row of floats from the sampler. Models read these elements.
 inline constexpr size_t kSampleRecordFloats = 9;
 enum SAMPLERECORD : size_t {
-    SAMPLERECORD_U1 = 1,            // uniform in [0, 1)
-    SAMPLERECORD_U2 = 2,            // uniform in [0, 1)
-    SAMPLERECORD_AZIMUTHCOS = 5,    // cosine of a uniform azimuth
-    SAMPLERECORD_AZIMUTHSIN = 6,    // its sine
-    SAMPLERECORD_POLARCOS = 7,      // cosine of a cosine-weighted polar angle
-    SAMPLERECORD_POLARSIN = 8,      // its sine
+    SAMPLERECORD_U1 = 1,          // uniform in [0, 1)
+    SAMPLERECORD_U2 = 2,          // uniform in [0, 1)
+    SAMPLERECORD_AZIMUTHCOS = 5,  // cosine of a uniform azimuth
+    SAMPLERECORD_AZIMUTHSIN = 6,  // its sine
+    SAMPLERECORD_POLARCOS = 7,    // cosine of a cosine-weighted polar angle
+    SAMPLERECORD_POLARSIN = 8,    // its sine
 };
 
 // An orthonormal shading frame: the normal and two tangents.

@@ -26,7 +26,8 @@ enum DISTRIBUTIONKIND : int32_t {
 
 inline constexpr int32_t kDistributionTableCount = 4;
 inline constexpr size_t kDistributionTableBytes = kSamplerCacheFloats * sizeof(float);
-inline constexpr size_t kDistributionCachesBytes = kDistributionTableCount * kDistributionTableBytes;
+inline constexpr size_t kDistributionCachesBytes =
+    kDistributionTableCount * kDistributionTableBytes;
 static_assert(kDistributionCachesBytes == 19248000);
 
 class MicrofacetDistributionCachesInterface : public virtual Object {

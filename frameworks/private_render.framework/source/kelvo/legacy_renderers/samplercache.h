@@ -32,6 +32,7 @@ struct SamplerCache {
 
 static_assert(kDistributionSamplingStart == kDistributionLevels * kDistributionDBlockFloats);
 static_assert(kSamplerCacheFloats ==
-              size_t(kDistributionSamplingStart + kDistributionLevels * kDistributionSamplingBlockFloats));
+              size_t(kDistributionSamplingStart +
+                     kDistributionLevels * kDistributionSamplingBlockFloats));
 
 }  // namespace kelvo

@@ -21,8 +21,12 @@ public:
 
     Vec3 WorldToCamera(const Vec3& p) const override { return _worldToCamera.TransformPoint(p); }
     Vec3 CameraToWorld(const Vec3& p) const override { return _cameraToWorld.TransformPoint(p); }
-    Vec3 VectorWorldToCamera(const Vec3& v) const override { return _worldToCamera.TransformVector(v); }
-    Vec3 VectorCameraToWorld(const Vec3& v) const override { return _cameraToWorld.TransformVector(v); }
+    Vec3 VectorWorldToCamera(const Vec3& v) const override {
+        return _worldToCamera.TransformVector(v);
+    }
+    Vec3 VectorCameraToWorld(const Vec3& v) const override {
+        return _cameraToWorld.TransformVector(v);
+    }
     Vec3 WorldToScreen(const Vec3& p) const override { return CameraToScreen(WorldToCamera(p)); }
     Vec3 ScreenToWorld(const Vec3& s) const override { return CameraToWorld(ScreenToCamera(s)); }
 
@@ -63,7 +67,8 @@ protected:
 
     // Screen point relative to the centre, in screen units.
     Vec2 ScreenUnits(double x, double y) const {
-        return {(x - _screenCenter.x) * _invScreenScale.x, (y - _screenCenter.y) * _invScreenScale.y};
+        return {(x - _screenCenter.x) * _invScreenScale.x,
+                (y - _screenCenter.y) * _invScreenScale.y};
     }
 
     Matrix _cameraToWorld;

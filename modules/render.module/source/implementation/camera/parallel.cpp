@@ -32,7 +32,8 @@ public:
     void CalculateMIPComponents(const Vec2&, Ray&, ShadingPoint&) const override {}
 
     Vec3 CameraToScreen(const Vec3& c) const override {
-        return {c.x * _screenScale.x + _screenCenter.x, c.y * _screenScale.y + _screenCenter.y, c.z};
+        return {c.x * _screenScale.x + _screenCenter.x, c.y * _screenScale.y + _screenCenter.y,
+                c.z};
     }
 
     Vec3 ScreenToCamera(const Vec3& s) const override {

@@ -18,7 +18,8 @@ class PerspectiveCameraImpl final : public CameraCommon {
 public:
     Result<void> Init(const StrongRef<DataDictionary>& parameters, bool flipped) override {
         InitCommon(parameters, flipped);
-        _fieldOfView = parameters ? parameters->Get<double>(CAMERAPARAMETERS::FIELDOFVIEW, 0.5) : 0.0;
+        _fieldOfView =
+            parameters ? parameters->Get<double>(CAMERAPARAMETERS::FIELDOFVIEW, 0.5) : 0.0;
         _depthSign = flipped ? -1.0 : 1.0;
         UpdateDerived();
         return OK();
@@ -60,8 +61,8 @@ public:
 
     Vec3 CameraToScreen(const Vec3& c) const override {
         const double w = std::max(_minDepth, _depthSign * c.z);
-        return {c.x / w * _screenScale.x + _screenCenter.x, c.y / w * _screenScale.y + _screenCenter.y,
-                c.z};
+        return {c.x / w * _screenScale.x + _screenCenter.x,
+                c.y / w * _screenScale.y + _screenCenter.y, c.z};
     }
 
     Vec3 ScreenToCamera(const Vec3& s) const override {

@@ -23,7 +23,8 @@ public:
         _densityRow = data.Get<int64_t>(bsdfdata::kBlurryDensityRow, 0);
         _samplingRow = data.Get<int64_t>(bsdfdata::kBlurrySamplingRow, 0);
         // Rows must leave room for their block; a bad row means no table.
-        if (_densityRow < 0 || _densityRow > (kDistributionLevels - 1) * kDistributionDBlockFloats ||
+        if (_densityRow < 0 ||
+            _densityRow > (kDistributionLevels - 1) * kDistributionDBlockFloats ||
             _samplingRow < 0 ||
             _samplingRow > (kDistributionLevels - 1) * kDistributionSamplingBlockFloats)
             _table = nullptr;
@@ -61,7 +62,8 @@ public:
                 t = f - double(i);
             } else {
                 double f = c * 1000.0;
-                i = kDistributionCoarseCells + std::clamp<int64_t>(static_cast<int64_t>(std::floor(f)), 0, 999);
+                i = kDistributionCoarseCells +
+                    std::clamp<int64_t>(static_cast<int64_t>(std::floor(f)), 0, 999);
                 j = std::min<int64_t>(i + 1, kDistributionCoarseCells + 999);
                 t = f - double(i - kDistributionCoarseCells);
             }
@@ -82,8 +84,10 @@ public:
         int64_t i = std::clamp<int64_t>(static_cast<int64_t>(std::floor(f)), 0, 999);
         int64_t j = std::min<int64_t>(i + 1, 999);
         int64_t base = kDistributionSamplingStart + _samplingRow;
-        float ei = CachedEntry(_table, base + i, [&] { return std::pow(1.0 - 0.001 * double(i), _samplingExponent); });
-        float ej = CachedEntry(_table, base + j, [&] { return std::pow(1.0 - 0.001 * double(j), _samplingExponent); });
+        float ei = CachedEntry(
+            _table, base + i, [&] { return std::pow(1.0 - 0.001 * double(i), _samplingExponent); });
+        float ej = CachedEntry(
+            _table, base + j, [&] { return std::pow(1.0 - 0.001 * double(j), _samplingExponent); });
         return Blend(ei, ej, f - double(i));
     }
 
@@ -152,8 +156,10 @@ public:
                 double w = std::min(1.0, 10.0 * wl.z * wo.z);
                 if (_curveMode) {
                     double theta = c >= 1.0 ? 0.0 : (c <= -1.0 ? kPi : std::acos(c));
-                    double x = std::clamp((theta - _angleOffset) * _angleSlope, 0.0, kPi / 2) * _angleScale;
-                    double curve = std::clamp(1.0 - _curveFactor * std::pow(x, _curvePower), 0.0, 1.0);
+                    double x = std::clamp((theta - _angleOffset) * _angleSlope, 0.0, kPi / 2) *
+                               _angleScale;
+                    double curve =
+                        std::clamp(1.0 - _curveFactor * std::pow(x, _curvePower), 0.0, 1.0);
                     v = std::pow(curve, _curveExponent) * w * kPi;
                 } else {
                     v = w * std::pow(c, _exponent) * kPi;
@@ -188,7 +194,9 @@ public:
     }
 
     double PdfIndirect(const Vec3& /*wo*/, const Vec3& /*wi*/) override { return 1.0; }
-    double ComputeMIPAngle(double angle) override { return std::min(std::pow(0.5, _exponent), angle); }
+    double ComputeMIPAngle(double angle) override {
+        return std::min(std::pow(0.5, _exponent), angle);
+    }
 
 private:
     // The rational approximation of Beckmann-style shadowing for the Phong exponent e.
@@ -219,7 +227,8 @@ KELVO_REGISTER_CLASS(s_blurrySpecular, "net.kelvo.render.bsdflegacyclass.blurrys
                      kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(),
                      BlurrySpecularBrdf);
 KELVO_REGISTER_CLASS(s_blurrySimple, "net.kelvo.render.bsdflegacyclass.blurrysimplebrdf",
-                     kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(), BlurrySimpleBrdf);
+                     kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(),
+                     BlurrySimpleBrdf);
 
 }  // namespace
 }  // namespace kelvo::legacy

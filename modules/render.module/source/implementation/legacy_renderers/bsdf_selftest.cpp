@@ -18,13 +18,16 @@ namespace kelvo::legacy {
 namespace {
 
 struct Variant {
-    const char* name;     // "Beckmann", as the report names it
-    const char* suffix;   // the class id suffix
+    const char* name;    // "Beckmann", as the report names it
+    const char* suffix;  // the class id suffix
     bool tabulated;
 };
 constexpr Variant kVariants[] = {
-    {"Beckmann", "beckmannbrdf", true}, {"GGX", "ggxbrdf", true}, {"Ward", "wardbrdf", true},
-    {"Phong", "phongbrdf", false},      {"Anisotropic", "anisotropicbrdf", false},
+    {"Beckmann", "beckmannbrdf", true},
+    {"GGX", "ggxbrdf", true},
+    {"Ward", "wardbrdf", true},
+    {"Phong", "phongbrdf", false},
+    {"Anisotropic", "anisotropicbrdf", false},
 };
 constexpr double kRoughness[] = {0.2, 0.5};
 constexpr int kPairs = 4000;
@@ -55,7 +58,8 @@ private:
 
 Result<StrongRef<BSDFLegacyInterface>> Make(const char* suffix, double roughness,
                                             MicrofacetDistributionCachesInterface* caches) {
-    KELVO_ASSIGN_OR_RETURN(Id id, Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + suffix));
+    KELVO_ASSIGN_OR_RETURN(Id id,
+                           Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + suffix));
     KELVO_ASSIGN_OR_RETURN(StrongRef<BSDFLegacyInterface> m, CreateClass<BSDFLegacyInterface>(id));
     DataDictionary d;
     KELVO_TRY(d.Set(bsdfdata::kRoughness, roughness));
@@ -76,7 +80,8 @@ std::string Line(const char* fmt, double a = 0, double b = 0, double c = 0) {
 Result<void> CompareWithCache(const Variant& v, MicrofacetDistributionCachesInterface& caches,
                               bool statistics, std::string& report) {
     std::string with = std::string("BlurryTorrance BSDF with cache: ") + v.name + " distribution";
-    std::string without = std::string("BlurryTorrance BSDF without cache: ") + v.name + " distribution";
+    std::string without =
+        std::string("BlurryTorrance BSDF without cache: ") + v.name + " distribution";
     double worst = 0.0, sumDiff = 0.0, sumValue = 0.0, albedoTable = 0.0, albedoClosed = 0.0;
     for (double r : kRoughness) {
         KELVO_ASSIGN_OR_RETURN(auto tab, Make(v.suffix, r, &caches));
@@ -93,7 +98,8 @@ Result<void> CompareWithCache(const Variant& v, MicrofacetDistributionCachesInte
             closed->SampleF(wo, lobe.data(), wi, p);
             if (p == 0.0) continue;
             double pt, pc;
-            double vt = tab->ComputeBSDF(wo, wi, wi, pt).r, vc = closed->ComputeBSDF(wo, wi, wi, pc).r;
+            double vt = tab->ComputeBSDF(wo, wi, wi, pt).r,
+                   vc = closed->ComputeBSDF(wo, wi, wi, pc).r;
             if (!std::isfinite(vt) || vt < 0.0)
                 return UnexpectedError(KELVO_HERE, "@ gives the value @.", with, vt);
             double diff = std::abs(vt - vc);
@@ -107,7 +113,8 @@ Result<void> CompareWithCache(const Variant& v, MicrofacetDistributionCachesInte
         for (int n = 0; n < kPairs; ++n) {
             auto rec = cosine.Record();
             Vec3 wi{rec[SAMPLERECORD_AZIMUTHCOS] * rec[SAMPLERECORD_POLARSIN],
-                    rec[SAMPLERECORD_AZIMUTHSIN] * rec[SAMPLERECORD_POLARSIN], rec[SAMPLERECORD_POLARCOS]};
+                    rec[SAMPLERECORD_AZIMUTHSIN] * rec[SAMPLERECORD_POLARSIN],
+                    rec[SAMPLERECORD_POLARCOS]};
             double p;
             Vec3 n0{0, 0, 1};
             albedoTable += tab->ComputeBSDF(n0, wi, wi, p).r / (kPairs * std::size(kRoughness));
@@ -119,11 +126,13 @@ Result<void> CompareWithCache(const Variant& v, MicrofacetDistributionCachesInte
     report += with + " against " + without + (ok ? ": agree\n" : ": DIFFER\n");
     if (statistics) {
         report += Line("  mean relative difference %.3g, largest %.3g\n", mean, worst);
-        report += Line("  albedo at normal view: %.6f with cache, %.6f without\n", albedoTable, albedoClosed);
+        report += Line("  albedo at normal view: %.6f with cache, %.6f without\n", albedoTable,
+                       albedoClosed);
     }
     if (!ok)
-        return UnexpectedError(KELVO_HERE, "@ differs from @ (mean relative difference @, largest @).",
-                               with, without, mean, worst);
+        return UnexpectedError(KELVO_HERE,
+                               "@ differs from @ (mean relative difference @, largest @).", with,
+                               without, mean, worst);
     return OK();
 }
 
@@ -157,14 +166,16 @@ Result<void> CheckSampling(const Variant& v, bool statistics, std::string& repor
     if (statistics)
         report += Line("  %.0f samples, largest relative difference %.3g\n", accepted, worst);
     if (!ok)
-        return UnexpectedError(KELVO_HERE, "@: samples disagree with the densities (@).", name, worst);
+        return UnexpectedError(KELVO_HERE, "@: samples disagree with the densities (@).", name,
+                               worst);
     return OK();
 }
 
 class BsdfUnitTest final : public Implements<UnitTestInterface> {
 public:
     Result<void> Run(std::string& report) override {
-        KELVO_ASSIGN_OR_RETURN(auto caches, CreateComponent<MicrofacetDistributionCachesInterface>());
+        KELVO_ASSIGN_OR_RETURN(auto caches,
+                               CreateComponent<MicrofacetDistributionCachesInterface>());
         KELVO_TRY(caches->Alloc());
         caches->Init();
         // An undeclared variable reads as false.
@@ -178,7 +189,8 @@ public:
 class BsdfSpeedTest final : public Implements<SpeedTestInterface> {
 public:
     Result<void> Run(std::string& report) override {
-        KELVO_ASSIGN_OR_RETURN(auto caches, CreateComponent<MicrofacetDistributionCachesInterface>());
+        KELVO_ASSIGN_OR_RETURN(auto caches,
+                               CreateComponent<MicrofacetDistributionCachesInterface>());
         KELVO_TRY(caches->Alloc());
         caches->Init();
         Result<void> r = RunBsdfSpeedTest(*caches, report);
@@ -225,18 +237,22 @@ Result<void> RunBsdfSpeedTest(MicrofacetDistributionCachesInterface& caches, std
             using Clock = std::chrono::steady_clock;
             double sink = 0.0, p;
             auto t0 = Clock::now();
-            for (int n = 0; n < kCalls; ++n) sink += m->ComputeBSDF(wo, wis[n & 4095], wis[n & 4095], p).r;
+            for (int n = 0; n < kCalls; ++n)
+                sink += m->ComputeBSDF(wo, wis[n & 4095], wis[n & 4095], p).r;
             auto t1 = Clock::now();
             Vec3 wi;
-            for (int n = 0; n < kCalls; ++n) sink += m->SampleF(wo, records[n & 4095].data(), wi, p).r;
+            for (int n = 0; n < kCalls; ++n)
+                sink += m->SampleF(wo, records[n & 4095].data(), wi, p).r;
             auto t2 = Clock::now();
             double eval = std::chrono::duration<double, std::nano>(t1 - t0).count() / kCalls;
             double sample = std::chrono::duration<double, std::nano>(t2 - t1).count() / kCalls;
-            std::string name = std::string("BlurryTorrance BSDF") +
-                               (v.tabulated ? (table ? " with cache: " : " without cache: ") : ": ") +
-                               v.name + " distribution";
+            std::string name =
+                std::string("BlurryTorrance BSDF") +
+                (v.tabulated ? (table ? " with cache: " : " without cache: ") : ": ") + v.name +
+                " distribution";
             report += name + Line(": ComputeBSDF %.1f ns, SampleF %.1f ns\n", eval, sample);
-            if (!std::isfinite(sink)) return UnexpectedError(KELVO_HERE, "@ gives non-finite values.", name);
+            if (!std::isfinite(sink))
+                return UnexpectedError(KELVO_HERE, "@ gives non-finite values.", name);
         }
     }
     return OK();

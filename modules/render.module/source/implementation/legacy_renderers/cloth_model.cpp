@@ -24,7 +24,9 @@ double HashUnit(int64_t a, int64_t b, uint64_t salt) {
 // Smooth one-dimensional gradient noise, values in about [-1, 1].
 double GradientNoise(double x) {
     double i = std::floor(x), f = x - i;
-    auto grad = [](double cell) { return 2.0 * HashUnit(int64_t(cell), 17, 0x6e6f697365ull) - 1.0; };
+    auto grad = [](double cell) {
+        return 2.0 * HashUnit(int64_t(cell), 17, 0x6e6f697365ull) - 1.0;
+    };
     double s = f * f * f * (f * (f * 6.0 - 15.0) + 10.0);
     return 2.0 * ((1.0 - s) * grad(i) * f + s * grad(i + 1.0) * (f - 1.0));
 }
@@ -208,7 +210,8 @@ double WeightedSpecular(const WeavePattern& pattern, double s, double t, double 
     return p.coverage * p.intensity * Specular(p.yarn, sc, p.x, p.y, i, o);
 }
 
-double Normalisation(const WeavePattern& pattern, double ru, double rv, int samples, uint64_t seed) {
+double Normalisation(const WeavePattern& pattern, double ru, double rv, int samples,
+                     uint64_t seed) {
     uint64_t state = seed;
     auto next = [&] {
         state = Mix(state);

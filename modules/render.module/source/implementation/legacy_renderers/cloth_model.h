@@ -37,8 +37,8 @@ struct YarnPoint {
     Yarn yarn{};
     double x = 0.0, y = 0.0;  // offsets from the centre, across and along the yarn
     double u = 0.0, v = 0.0;
-    double intensity = 1.0;   // the random highlight intensity (1 when off)
-    double coverage = 1.0;    // q: (A_warp + A_weft) / A of the yarn's type
+    double intensity = 1.0;  // the random highlight intensity (1 when off)
+    double coverage = 1.0;   // q: (A_warp + A_weft) / A of the yarn's type
 };
 
 // The modified Bessel function I0 times exp(-x), finite for every x >= 0.

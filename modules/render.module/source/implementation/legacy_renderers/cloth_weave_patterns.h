@@ -27,9 +27,9 @@ struct WeavePattern {
     double smoothing;       // ss: filament highlight fade-out, 0 <= ss < 1
     double highlightWidth;  // hw
     double areaWarp, areaWeft;
-    double fineness;        // sub-cells per cell for intensity variation; 0 off
+    double fineness;  // sub-cells per cell for intensity variation; 0 off
     double jitterWarpWarp, jitterWarpWeft, jitterWeftWarp, jitterWeftWeft;  // degrees
-    double period;          // cells; 0 turns the jitter off
+    double period;  // cells; 0 turns the jitter off
     std::span<const YarnSegment> segments;
     std::span<const uint8_t> grid;  // rows x columns, row 0 the t = 1 edge; 1-based indices
 };

@@ -29,7 +29,9 @@ public:
         return kWhite;
     }
     // Without a hemisphere test, unlike ComputeBSDF: the legacy renderers rely on it.
-    double PdfIndirect(const Vec3& /*wo*/, const Vec3& wi) override { return std::abs(wi.z) * kInvPi; }
+    double PdfIndirect(const Vec3& /*wo*/, const Vec3& wi) override {
+        return std::abs(wi.z) * kInvPi;
+    }
 };
 
 class OrenNayarBrdf final : public BsdfLegacyBase {
@@ -71,7 +73,9 @@ public:
         density = std::abs(wi.z) * kInvPi;
         return Grey(Value(wo, wi));
     }
-    double PdfIndirect(const Vec3& /*wo*/, const Vec3& wi) override { return std::abs(wi.z) * kInvPi; }
+    double PdfIndirect(const Vec3& /*wo*/, const Vec3& wi) override {
+        return std::abs(wi.z) * kInvPi;
+    }
 
 private:
     static double Sine(double c) {

@@ -182,9 +182,9 @@ private:
 };
 
 constexpr Id kKind = BSDFLegacyInterface::InterfaceId();
-#define KELVO_MICROFACET(var, suffix, Type)                                                    \
-    KELVO_REGISTER_CLASS(var, "net.kelvo.render.bsdflegacyclass." suffix, kBsdfLegacyClassesRegistry, \
-                         kKind, Type)
+#define KELVO_MICROFACET(var, suffix, Type)                               \
+    KELVO_REGISTER_CLASS(var, "net.kelvo.render.bsdflegacyclass." suffix, \
+                         kBsdfLegacyClassesRegistry, kKind, Type)
 KELVO_MICROFACET(s_anisotropicBtdf, "anisotropicbtdf", MicrofacetBtdf<AnisotropicDistribution>);
 KELVO_MICROFACET(s_anisotropicBrdf, "anisotropicbrdf", MicrofacetBrdf<AnisotropicDistribution>);
 KELVO_MICROFACET(s_wardBtdf, "wardbtdf", MicrofacetBtdf<WardDistribution>);

@@ -327,12 +327,16 @@ public:
     Vec3 Sample(const float* sample, double& d, double& density) const {
         double u1 = sample[SAMPLERECORD_U1], u2 = sample[SAMPLERECORD_U2];
         // u1 picks the quadrant and, rescaled to [0, 1), the azimuth within it.
-        double xi = u1 < 0.25 ? 4.0 * u1
-                    : u1 < 0.5 ? 4.0 * (0.5 - u1)
+        double xi = u1 < 0.25   ? 4.0 * u1
+                    : u1 < 0.5  ? 4.0 * (0.5 - u1)
                     : u1 < 0.75 ? 4.0 * (u1 - 0.5)
                                 : 4.0 * (1.0 - u1);
-        double phiQ = _isAnisotropic ? std::atan(_aspect * std::tan(xi * kPi * 0.5)) : xi * kPi * 0.5;
-        double phi = u1 < 0.25 ? phiQ : u1 < 0.5 ? kPi - phiQ : u1 < 0.75 ? kPi + phiQ : kTwoPi - phiQ;
+        double phiQ =
+            _isAnisotropic ? std::atan(_aspect * std::tan(xi * kPi * 0.5)) : xi * kPi * 0.5;
+        double phi = u1 < 0.25   ? phiQ
+                     : u1 < 0.5  ? kPi - phiQ
+                     : u1 < 0.75 ? kPi + phiQ
+                                 : kTwoPi - phiQ;
         double cp = std::cos(phiQ), sp = std::sin(phiQ);
         double cosT = std::pow(u2, 1.0 / (_exponentU * cp * cp + _exponentV * sp * sp + 1.0));
         double sinT2 = std::max(0.0, 1.0 - cosT * cosT);

@@ -48,16 +48,22 @@ bool SampleCount(const Data& v) {
     return n >= 1 && n <= 65536;
 }
 
-#define KELVO_BASE_ATTRIBUTES                                   \
-    AttributeInfo{A::MATRIX, ATTRIBUTETYPE::MATRIX},            \
-        AttributeInfo{A::NAME, ATTRIBUTETYPE::TEXT},            \
-        AttributeInfo{A::VISIBLE, ATTRIBUTETYPE::BOOL, 1.0}
+#define KELVO_BASE_ATTRIBUTES                                                                     \
+    AttributeInfo{A::MATRIX, ATTRIBUTETYPE::MATRIX}, AttributeInfo{A::NAME, ATTRIBUTETYPE::TEXT}, \
+        AttributeInfo {                                                                           \
+        A::VISIBLE, ATTRIBUTETYPE::BOOL, 1.0                                                      \
+    }
 
 constexpr AttributeInfo kBaseAttributes[] = {KELVO_BASE_ATTRIBUTES};
 
 constexpr AttributeInfo kCameraAttributes[] = {
     KELVO_BASE_ATTRIBUTES,
-    {A::PROJECTION, ATTRIBUTETYPE::ID, 0, {}, kPerspectiveCameraClass, CameraClass,
+    {A::PROJECTION,
+     ATTRIBUTETYPE::ID,
+     0,
+     {},
+     kPerspectiveCameraClass,
+     CameraClass,
      "net.kelvo.render.cameraclass.perspective or net.kelvo.render.cameraclass.parallel"},
     {A::FOCALLENGTH, ATTRIBUTETYPE::NUMBER, 36.0, {}, {}, Positive, "greater than 0"},
     {A::SENSORSIZE, ATTRIBUTETYPE::NUMBER, 36.0, {}, {}, Positive, "greater than 0"},
@@ -74,7 +80,12 @@ constexpr AttributeInfo kLightAttributes[] = {
     KELVO_BASE_ATTRIBUTES,
     {A::SHAPE, ATTRIBUTETYPE::INTEGER, 0.0, {}, {}, KnownShape, "a light shape from 0 to 5"},
     {A::INTENSITY, ATTRIBUTETYPE::NUMBER, 1.0, {}, {}, NotNegative, "at least 0"},
-    {A::COLORTEMPERATURE, ATTRIBUTETYPE::NUMBER, 6504.0, {}, {}, Temperature,
+    {A::COLORTEMPERATURE,
+     ATTRIBUTETYPE::NUMBER,
+     6504.0,
+     {},
+     {},
+     Temperature,
      "0 or between 1000 and 40000"},
     {A::SAMPLECOUNT, ATTRIBUTETYPE::INTEGER, 16.0, {}, {}, SampleCount, "between 1 and 65536"},
 };
@@ -92,26 +103,40 @@ constexpr auto kLightIds = IdsOf(kLightAttributes);
 
 const char* TypeName(ATTRIBUTETYPE type) {
     switch (type) {
-        case ATTRIBUTETYPE::NUMBER: return "a number";
-        case ATTRIBUTETYPE::INTEGER: return "an integer";
-        case ATTRIBUTETYPE::BOOL: return "a bool";
-        case ATTRIBUTETYPE::TEXT: return "a text";
-        case ATTRIBUTETYPE::ID: return "an id";
-        case ATTRIBUTETYPE::PAIR: return "a pair of numbers";
-        case ATTRIBUTETYPE::MATRIX: return "a matrix";
+        case ATTRIBUTETYPE::NUMBER:
+            return "a number";
+        case ATTRIBUTETYPE::INTEGER:
+            return "an integer";
+        case ATTRIBUTETYPE::BOOL:
+            return "a bool";
+        case ATTRIBUTETYPE::TEXT:
+            return "a text";
+        case ATTRIBUTETYPE::ID:
+            return "an id";
+        case ATTRIBUTETYPE::PAIR:
+            return "a pair of numbers";
+        case ATTRIBUTETYPE::MATRIX:
+            return "a matrix";
     }
     return "";
 }
 
 Data DefaultOf(const AttributeInfo& info) {
     switch (info.type) {
-        case ATTRIBUTETYPE::NUMBER: return Data(info.number);
-        case ATTRIBUTETYPE::INTEGER: return Data(int64_t(info.number));
-        case ATTRIBUTETYPE::BOOL: return Data(info.number != 0.0);
-        case ATTRIBUTETYPE::TEXT: return Data(std::string());
-        case ATTRIBUTETYPE::ID: return Data(info.idValue);
-        case ATTRIBUTETYPE::PAIR: return Data(info.pair);
-        case ATTRIBUTETYPE::MATRIX: return Data(Matrix{});
+        case ATTRIBUTETYPE::NUMBER:
+            return Data(info.number);
+        case ATTRIBUTETYPE::INTEGER:
+            return Data(int64_t(info.number));
+        case ATTRIBUTETYPE::BOOL:
+            return Data(info.number != 0.0);
+        case ATTRIBUTETYPE::TEXT:
+            return Data(std::string());
+        case ATTRIBUTETYPE::ID:
+            return Data(info.idValue);
+        case ATTRIBUTETYPE::PAIR:
+            return Data(info.pair);
+        case ATTRIBUTETYPE::MATRIX:
+            return Data(Matrix{});
     }
     return Data();
 }
@@ -123,12 +148,18 @@ Data Coerce(const AttributeInfo& info, const Data& value) {
         case ATTRIBUTETYPE::NUMBER:
             if (const int64_t* i = value.Get<int64_t>()) return Data(double(*i));
             return value.Get<double>() ? value : Data();
-        case ATTRIBUTETYPE::INTEGER: return value.Get<int64_t>() ? value : Data();
-        case ATTRIBUTETYPE::BOOL: return value.Get<bool>() ? value : Data();
-        case ATTRIBUTETYPE::TEXT: return value.Get<std::string>() ? value : Data();
-        case ATTRIBUTETYPE::ID: return value.Get<Id>() ? value : Data();
-        case ATTRIBUTETYPE::PAIR: return value.Get<Vec2>() ? value : Data();
-        case ATTRIBUTETYPE::MATRIX: return value.Get<Matrix>() ? value : Data();
+        case ATTRIBUTETYPE::INTEGER:
+            return value.Get<int64_t>() ? value : Data();
+        case ATTRIBUTETYPE::BOOL:
+            return value.Get<bool>() ? value : Data();
+        case ATTRIBUTETYPE::TEXT:
+            return value.Get<std::string>() ? value : Data();
+        case ATTRIBUTETYPE::ID:
+            return value.Get<Id>() ? value : Data();
+        case ATTRIBUTETYPE::PAIR:
+            return value.Get<Vec2>() ? value : Data();
+        case ATTRIBUTETYPE::MATRIX:
+            return value.Get<Matrix>() ? value : Data();
     }
     return Data();
 }
@@ -137,17 +168,21 @@ Data Coerce(const AttributeInfo& info, const Data& value) {
 template <typename... Extra>
 class SceneObjectImpl : public Implements<SceneObjectInterface, Extra...> {
 public:
-    SceneObjectImpl(const Id& classId, std::span<const AttributeInfo> attributes, std::span<const Id> ids)
+    SceneObjectImpl(const Id& classId, std::span<const AttributeInfo> attributes,
+                    std::span<const Id> ids)
         : _classId(classId), _attributes(attributes), _ids(ids) {}
 
     Result<void> SetAttribute(const Id& attribute, const Data& value) override {
         const AttributeInfo* info = Find(attribute);
-        if (!info) return IllegalArgumentError(KELVO_HERE, "@ is no attribute of @.", attribute, _classId);
+        if (!info)
+            return IllegalArgumentError(KELVO_HERE, "@ is no attribute of @.", attribute, _classId);
         Data typed = Coerce(*info, value);
         if (typed.IsEmpty())
-            return IllegalArgumentError(KELVO_HERE, "Attribute @ must be @.", attribute, TypeName(info->type));
+            return IllegalArgumentError(KELVO_HERE, "Attribute @ must be @.", attribute,
+                                        TypeName(info->type));
         if (info->accepts && !info->accepts(typed))
-            return IllegalArgumentError(KELVO_HERE, "Attribute @ must be @.", attribute, info->rule);
+            return IllegalArgumentError(KELVO_HERE, "Attribute @ must be @.", attribute,
+                                        info->rule);
         return _values.Set(attribute, std::move(typed));
     }
 
@@ -164,7 +199,9 @@ protected:
     // Typed reads for the derived classes; every attribute has a value of its type.
     double Number(const Id& id) const { return *GetAttribute(id).template Get<double>(); }
     template <typename T>
-    T Value(const Id& id) const { return *GetAttribute(id).template Get<T>(); }
+    T Value(const Id& id) const {
+        return *GetAttribute(id).template Get<T>();
+    }
 
 private:
     const AttributeInfo* Find(const Id& id) const {
@@ -204,7 +241,8 @@ public:
             KELVO_TRY(p->Set(P::SCREENSCALE, Vec2{scale, scale}));
         } else {
             KELVO_TRY(p->Set(P::SCREENSCALE, Vec2{1, 1}));
-            KELVO_TRY(p->Set(P::FIELDOFVIEW, Number(A::SENSORSIZE) / (Number(A::FOCALLENGTH) * zoom)));
+            KELVO_TRY(
+                p->Set(P::FIELDOFVIEW, Number(A::SENSORSIZE) / (Number(A::FOCALLENGTH) * zoom)));
         }
         KELVO_TRY(p->Set(P::WINDOWFROM, Vec2{0, 0}));
         KELVO_TRY(p->Set(P::WINDOWTO, resolution));
@@ -215,8 +253,10 @@ public:
         return p;
     }
 
-    Result<StrongRef<CameraInterface>> CreateCamera(const Vec2& resolution, bool flipped) const override {
-        KELVO_ASSIGN_OR_RETURN(StrongRef<DataDictionary> parameters, GetCameraParameters(resolution));
+    Result<StrongRef<CameraInterface>> CreateCamera(const Vec2& resolution,
+                                                    bool flipped) const override {
+        KELVO_ASSIGN_OR_RETURN(StrongRef<DataDictionary> parameters,
+                               GetCameraParameters(resolution));
         KELVO_ASSIGN_OR_RETURN(StrongRef<CameraInterface> camera,
                                CreateClass<CameraInterface>(Value<Id>(A::PROJECTION)));
         KELVO_TRY(camera->Init(parameters, flipped));
@@ -238,11 +278,14 @@ public:
 };
 
 KELVO_REGISTER_CLASS(s_sceneObjectCamera, "net.kelvo.render.sceneobject.camera",
-                     kSceneObjectClassesRegistry, SceneObjectInterface::InterfaceId(), CameraObjectImpl);
+                     kSceneObjectClassesRegistry, SceneObjectInterface::InterfaceId(),
+                     CameraObjectImpl);
 KELVO_REGISTER_CLASS(s_sceneObjectLight, "net.kelvo.render.sceneobject.light",
-                     kSceneObjectClassesRegistry, SceneObjectInterface::InterfaceId(), LightObjectImpl);
+                     kSceneObjectClassesRegistry, SceneObjectInterface::InterfaceId(),
+                     LightObjectImpl);
 KELVO_REGISTER_CLASS(s_sceneObjectBase, "net.kelvo.render.sceneobject.base",
-                     kSceneObjectClassesRegistry, SceneObjectInterface::InterfaceId(), BaseObjectImpl);
+                     kSceneObjectClassesRegistry, SceneObjectInterface::InterfaceId(),
+                     BaseObjectImpl);
 
 }  // namespace
 }  // namespace kelvo::sceneobjects
