@@ -3,32 +3,30 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <variant>
 
 #include "bsdf_plot.h"
 #include "context.h"
 #include "json.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
+#include "kelvo/legacy_renderers/microfacetdistribution.h"
+#include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/registry.h"
-#include "legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::cli {
 namespace {
 using nlohmann::json;
 
-using Distribution =
-    std::variant<legacy::BeckmannDistribution, legacy::GGXDistribution, legacy::PhongDistribution,
-                 legacy::WardDistribution, legacy::AnisotropicDistribution>;
+using Distribution = StrongRef<MicrofacetDistributionInterface>;
 
+// A fresh distribution of a kind, created by id through the registry.
 Result<Distribution> MakeDistribution(const std::string& kind) {
-    if (kind == "beckmann") return Distribution(legacy::BeckmannDistribution{});
-    if (kind == "ggx") return Distribution(legacy::GGXDistribution{});
-    if (kind == "phong") return Distribution(legacy::PhongDistribution{});
-    if (kind == "ward") return Distribution(legacy::WardDistribution{});
-    if (kind == "anisotropic") return Distribution(legacy::AnisotropicDistribution{});
-    return IllegalArgumentError(
-        KELVO_HERE, "Unknown distribution '@' (beckmann, ggx, phong, ward, anisotropic).", kind);
+    Result<Id> id = Id::FromText("net.kelvo.render.microfacetdistributionclass." + kind);
+    if (!id || !FindClass(*id, MicrofacetDistributionInterface::InterfaceId()))
+        return IllegalArgumentError(
+            KELVO_HERE, "Unknown distribution '@' (beckmann, ggx, phong, ward, anisotropic).",
+            kind);
+    return CreateClass<MicrofacetDistributionInterface>(*id);
 }
 
 // Everything a run keeps: its named objects and the one caches object.
@@ -40,7 +38,7 @@ public:
 private:
     Result<MicrofacetDistributionCachesInterface*> Caches();
     Result<DataDictionary> ReadRecord(const json& request);
-    Result<Distribution*> FindDistribution(const json& request, Distribution& temporary);
+    Result<Distribution> FindDistribution(const json& request);
     Result<std::string> ModelOperation(const std::string& op, const json& request);
     Result<std::string> DistributionOperation(const std::string& op, const json& request);
 
@@ -170,22 +168,23 @@ Result<StrongRef<BSDFLegacyInterface>> BsdfSession::Model(const json& request) {
     return model;
 }
 
-Result<Distribution*> BsdfSession::FindDistribution(const json& request, Distribution& temporary) {
-    Distribution* d = &temporary;
+// A new distribution of "distribution" updated from the request, or the named one
+// (updated when the request has data).
+Result<Distribution> BsdfSession::FindDistribution(const json& request) {
+    Distribution d;
     if (request.contains("distribution")) {
         KELVO_ASSIGN_OR_RETURN(std::string kind, Text(request, "distribution"));
-        KELVO_ASSIGN_OR_RETURN(temporary, MakeDistribution(kind));
+        KELVO_ASSIGN_OR_RETURN(d, MakeDistribution(kind));
     } else {
         KELVO_ASSIGN_OR_RETURN(std::string name, Text(request, "name"));
         auto it = _distributions.find(name);
         if (it == _distributions.end())
             return IllegalArgumentError(KELVO_HERE, "No distribution named '@'.", name);
-        d = &it->second;
+        d = it->second;
         if (!request.contains("data") && !request.contains("caches")) return d;
     }
     KELVO_ASSIGN_OR_RETURN(DataDictionary record, ReadRecord(request));
-    Result<void> updated = std::visit([&](auto& dist) { return dist.Update(record); }, *d);
-    KELVO_TRY(updated);
+    KELVO_TRY(d->Update(record));
     return d;
 }
 
@@ -251,30 +250,26 @@ Result<std::string> BsdfSession::DistributionOperation(const std::string& op, co
     w.Object();
     if (op == "newDistribution") {
         KELVO_ASSIGN_OR_RETURN(std::string name, Text(request, "name"));
-        Distribution temporary;
-        json made = request;
-        KELVO_ASSIGN_OR_RETURN(Distribution * d, FindDistribution(made, temporary));
-        _distributions[name] = *d;
+        KELVO_ASSIGN_OR_RETURN(Distribution d, FindDistribution(request));
+        _distributions[name] = d;
         return w.Key("name").String(name).End().Text();
     }
-    Distribution temporary;
-    KELVO_ASSIGN_OR_RETURN(Distribution * d, FindDistribution(request, temporary));
+    KELVO_ASSIGN_OR_RETURN(Distribution d, FindDistribution(request));
     if (op == "D") {
         KELVO_ASSIGN_OR_RETURN(Vec3 h, Vector(request, "h"));
         bool useTable = request.value("useTable", true);
         double density = 0.0;
-        double v = std::visit([&](auto& dist) { return dist.D(h, useTable, density); }, *d);
+        double v = d->D(h, useTable, density);
         w.Key("D").Number(v).Key("density").Number(density);
     } else if (op == "G") {
         KELVO_ASSIGN_OR_RETURN(Vec3 a, Vector(request, "first"));
         KELVO_ASSIGN_OR_RETURN(Vec3 b, Vector(request, "second"));
         KELVO_ASSIGN_OR_RETURN(Vec3 h, Vector(request, "h"));
-        w.Key("G").Number(std::visit([&](auto& dist) { return dist.G(a, b, h); }, *d));
+        w.Key("G").Number(d->G(a, b, h));
     } else {  // Sample
         KELVO_ASSIGN_OR_RETURN(auto sample, ReadSample(request));
         double dv = 0.0, density = 0.0;
-        Vec3 h =
-            std::visit([&](auto& dist) { return dist.Sample(sample.data(), dv, density); }, *d);
+        Vec3 h = d->Sample(sample.data(), dv, density);
         w.Key("h").Vec(h).Key("D").Number(dv).Key("density").Number(density);
     }
     return w.End().Text();
@@ -293,8 +288,7 @@ Result<std::string> BsdfSession::Handle(const json& request) {
             return DistributionOperation("newDistribution", request);
         if (op == "update" && request.contains("name") &&
             _distributions.count(request.value("name", ""))) {
-            Distribution temporary;
-            KELVO_TRY(FindDistribution(request, temporary));
+            KELVO_TRY(FindDistribution(request));
             return "{\"name\":" + JsonString(request.value("name", "")) + "}";
         }
         return ModelOperation(op, request);
