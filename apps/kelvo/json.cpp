@@ -136,6 +136,18 @@ JsonWriter& JsonWriter::Mat(const Matrix& m) {
     return End();
 }
 
+const nlohmann::json& Member(const nlohmann::json& request, const char* key) {
+    static const nlohmann::json missing;
+    auto it = request.find(key);
+    return it == request.end() ? missing : *it;
+}
+
+Result<int64_t> ReadInteger(const nlohmann::json& v, std::string_view what) {
+    if (!v.is_number_integer())
+        return IllegalArgumentError(KELVO_HERE, "@ must be an integer.", what);
+    return v.get<int64_t>();
+}
+
 Result<double> ReadNumber(const nlohmann::json& v, std::string_view what) {
     if (v.is_number()) return v.get<double>();
     if (v.is_string()) {

@@ -48,6 +48,10 @@ private:
     bool _afterKey = false;
 };
 
+// The member `key` of a request, or null when it is absent.
+const nlohmann::json& Member(const nlohmann::json& request, const char* key);
+Result<int64_t> ReadInteger(const nlohmann::json& v, std::string_view what);
+
 // Reads numbers as written by JsonNumber: JSON numbers or "inf", "-inf", "nan".
 Result<double> ReadNumber(const nlohmann::json& v, std::string_view what);
 Result<Vec2> ReadVec2(const nlohmann::json& v, std::string_view what);
