@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "json.h"
+#include "cli_common.h"
 #include "kelvo/camera.h"
 #include "kelvo/data.h"
 

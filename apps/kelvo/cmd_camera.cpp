@@ -1,12 +1,11 @@
 // kelvo camera: create a camera class by id and print the rays of pixels, or drive
 // cameras operation by operation from JSON lines on stdin.
-#include <cstdlib>
 #include <iostream>
 #include <map>
 
 #include "camera_json.h"
-#include "context.h"
-#include "json.h"
+#include "cli_common.h"
+#include "commands.h"
 #include "kelvo/camera.h"
 #include "kelvo/registry.h"
 
@@ -28,53 +27,42 @@ Result<StrongRef<CameraInterface>> NewCamera(std::string_view className) {
 // Cameras of one JSON-lines run, by the names the script gives them.
 class CameraSession {
 public:
-    Result<std::string> Handle(const nlohmann::json& request) {
+    // The answer's members after the echoed "op" and "camera".
+    Result<void> Handle(const nlohmann::json& request, JsonWriter& w) {
         if (!request.is_object())
             return IllegalArgumentError(KELVO_HERE, "A request must be an object.");
-        const nlohmann::json& nameJson = Member(request, "camera");
-        const nlohmann::json& opJson = Member(request, "op");
-        if (!nameJson.is_string())
-            return IllegalArgumentError(KELVO_HERE, "camera must be a text.");
-        if (!opJson.is_string()) return IllegalArgumentError(KELVO_HERE, "op must be a text.");
-        const std::string name = nameJson.get<std::string>();
-        const std::string op = opJson.get<std::string>();
-
-        JsonWriter w;
-        w.Object().Key("camera").String(name).Key("op").String(op);
+        KELVO_ASSIGN_OR_RETURN(const std::string name, StringMember(request, "camera"));
+        KELVO_ASSIGN_OR_RETURN(const std::string op, StringMember(request, "op"));
         if (op == "Init") {
             KELVO_TRY(Init(name, request));
             w.Key("ok").Bool(true);
-            return w.End().Text();
+            return OK();
         }
         auto found = _cameras.find(name);
         if (found == _cameras.end())
             return IllegalArgumentError(
                 KELVO_HERE, "No camera named '@': create it with Init and a class.", name);
-        CameraInterface& camera = *found->second;
-        KELVO_TRY(Run(camera, op, request, w));
-        return w.End().Text();
+        return Run(*found->second, op, request, w);
     }
 
 private:
     Result<void> Init(const std::string& name, const nlohmann::json& request) {
         const nlohmann::json& classJson = Member(request, "class");
-        const nlohmann::json& flippedJson = Member(request, "flipped");
-        if (!flippedJson.is_null() && !flippedJson.is_boolean())
-            return IllegalArgumentError(KELVO_HERE, "flipped must be true or false.");
+        KELVO_ASSIGN_OR_RETURN(bool flipped, BoolMember(request, "flipped", false));
         KELVO_ASSIGN_OR_RETURN(StrongRef<DataDictionary> parameters,
                                ReadParameters(Member(request, "parameters")));
         StrongRef<CameraInterface> camera;
         if (classJson.is_string()) {
             KELVO_ASSIGN_OR_RETURN(camera, NewCamera(classJson.get<std::string>()));
         } else if (!classJson.is_null()) {
-            return IllegalArgumentError(KELVO_HERE, "class must be a text.");
+            return IllegalArgumentError(KELVO_HERE, "class must be a string.");
         } else if (auto it = _cameras.find(name); it != _cameras.end()) {
             camera = it->second;  // Init again
         } else {
             return IllegalArgumentError(
                 KELVO_HERE, "No camera named '@': create it with Init and a class.", name);
         }
-        KELVO_TRY(camera->Init(parameters, flippedJson.is_boolean() && flippedJson.get<bool>()));
+        KELVO_TRY(camera->Init(parameters, flipped));
         _cameras[name] = camera;
         return OK();
     }
@@ -136,33 +124,6 @@ private:
 };
 
 // --- Command-line mode -----------------------------------------------------------------------
-
-// "x,y" or "x,y,z" as given to an option.
-template <size_t N>
-Result<std::array<double, N>> ParseNumbers(const std::string& text, std::string_view option) {
-    std::array<double, N> out{};
-    const char* p = text.c_str();
-    for (size_t i = 0; i < N; ++i) {
-        char* end = nullptr;
-        out[i] = std::strtod(p, &end);
-        const bool last = i + 1 == N;
-        if (end == p || (last ? *end != '\0' : *end != ',')) {
-            return IllegalArgumentError(
-                KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.", option, N, text);
-        }
-        p = end + 1;
-    }
-    return out;
-}
-
-Result<Vec3> ParseVec3(const std::string& text, std::string_view option) {
-    KELVO_ASSIGN_OR_RETURN(auto a, ParseNumbers<3>(text, option));
-    return Vec3{a[0], a[1], a[2]};
-}
-Result<Vec2> ParseVec2(const std::string& text, std::string_view option) {
-    KELVO_ASSIGN_OR_RETURN(auto a, ParseNumbers<2>(text, option));
-    return Vec2{a[0], a[1]};
-}
 
 struct CameraOptions {
     std::string cameraClass = "perspective";
@@ -257,7 +218,6 @@ Result<std::string> RaysJson(const CameraOptions& o) {
 
 }  // namespace
 
-// Used by the demo.
 Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::string& matrixJson,
                                    double fieldOfView, const std::vector<std::string>& pixels) {
     CameraOptions o;
@@ -298,23 +258,22 @@ void AddCameraCommand(CLI::App& app, Context& context, int& status) {
         "Read one camera operation per line on stdin and answer one line each (see README)");
     cmd->callback([&context, &status, o, cmd] {
         o->hasFieldOfView = cmd->count("--fov") > 0;
-        if (auto r = context.LoadModules(); !r) {
-            status = Fail(r.GetError());
-            return;
-        }
-        if (o->jsonLines) {
-            CameraSession session;
-            RunJsonLines(std::cin, std::cout, [&session](const nlohmann::json& request) {
-                return session.Handle(request);
-            });
-            return;
-        }
-        auto json = RaysJson(*o);
-        if (!json) {
-            status = Fail(json.GetError());
-            return;
-        }
-        std::cout << *json << '\n';
+        RunCommand(context, status, [&]() -> Result<void> {
+            if (o->jsonLines) {
+                // Failed requests answer in line; the run itself succeeds.
+                CameraSession session;
+                KELVO_TRY(
+                    RunJsonLines(StandardInput(), std::cout,
+                                 [&session](const nlohmann::json& request, JsonWriter& answer) {
+                                     return session.Handle(request, answer);
+                                 },
+                                 {.nameKey = "camera"}));
+                return OK();
+            }
+            KELVO_ASSIGN_OR_RETURN(std::string json, RaysJson(*o));
+            std::cout << json << '\n';
+            return OK();
+        });
     });
 }
 
