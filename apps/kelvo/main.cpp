@@ -1,7 +1,7 @@
 // kelvo: inspect, evaluate and render with the render module from a terminal.
 #include <iostream>
 
-#include "context.h"
+#include "commands.h"
 
 int main(int argc, char** argv) {
     using namespace kelvo::cli;
@@ -19,7 +19,6 @@ int main(int argc, char** argv) {
     AddDemoCommand(app, context, status);
     AddImageCommand(app, context, status);
     AddCameraCommand(app, context, status);
-
     AddBsdfCommand(app, context, status);
     AddSelfTestCommand(app, context, status);
     AddIesCommand(app, context, status);
