@@ -192,6 +192,7 @@ const KelvoModuleInfo& ModuleInfo(ModuleHandle module) { return module->binding-
 std::vector<ModuleHandle> LoadedModules() {
     std::lock_guard lock(g_modulesMutex);
     std::vector<ModuleHandle> out;
+    out.reserve(g_modules.size());
     for (auto& m : g_modules) out.push_back(m.get());
     return out;
 }

@@ -34,7 +34,9 @@ template <typename T>
 T ToInteger(float v, float scale) {
     if (!(v > 0)) return 0;  // NaN too
     if (v >= 1) return static_cast<T>(scale);
-    return static_cast<T>(v * scale + 0.5f);
+    // v is in (0, 1): adding a half and truncating rounds to nearest, and keeps the bytes
+    // every stored file was written with.
+    return static_cast<T>(v * scale + 0.5f);  // NOLINT(bugprone-incorrect-roundings)
 }
 
 void FromRgbaFloat(const float* rgba, PixelFormat f, void* to, int64_t count) {
