@@ -1,6 +1,7 @@
 // The configuration database: variables modules declare and values set before or after.
 #include <mutex>
 
+#include "kelvo/data.h"
 #include "runtime_state.h"
 
 namespace kelvo::host {
@@ -96,10 +97,28 @@ Result<void> ConfigSet(std::string_view name, std::string_view value) {
     return OK();
 }
 
+namespace {
+std::mutex g_defaultsMutex;
+std::shared_ptr<const DataDictionary>& Defaults() {
+    static std::shared_ptr<const DataDictionary> d = std::make_shared<const DataDictionary>();
+    return d;
+}
+std::shared_ptr<const DataDictionary> DefaultDataDictionarySlot() {
+    std::lock_guard lock(g_defaultsMutex);
+    return Defaults();
+}
+}  // namespace
+
+void SetDefaultDataDictionary(std::shared_ptr<const DataDictionary> defaults) {
+    std::lock_guard lock(g_defaultsMutex);
+    Defaults() = std::move(defaults);
+}
+
 namespace detail {
 void FillConfigSlots(KelvoHostSlots& slots) {
     slots.ConfigGetString = &ConfigGetStringSlot;
     slots.ConfigGetBool = &ConfigGetBoolSlot;
+    slots.DefaultDataDictionary = &DefaultDataDictionarySlot;
 }
 }  // namespace detail
 

@@ -1,4 +1,5 @@
 // Urls on the local file system: I/O detection, input streams, the resource folder.
+#include <cerrno>
 #include <cstdio>
 #include <mutex>
 #include <system_error>
@@ -51,9 +52,13 @@ int IoDetectSlot(const Url& url) {
 
 Result<StrongRef<InputStream>> OpenInputStreamSlot(const Url& url) {
     fs::path p = LocalPath(url);
+    if (p.empty()) return IoError(KELVO_HERE, url.ToString(), "Cannot open @.", url.ToString());
     std::error_code ec;
-    std::FILE* f = p.empty() || fs::is_directory(p, ec) ? nullptr : std::fopen(p.c_str(), "rb");
-    if (!f) return IoError(KELVO_HERE, url.ToString(), "Cannot open @.", url.ToString());
+    errno = 0;
+    std::FILE* f = fs::is_directory(p, ec) ? nullptr : std::fopen(p.c_str(), "rb");
+    if (!f)
+        return IoError(KELVO_HERE, url.ToString(), "Cannot open @: @.", url.ToString(),
+                       FileProblem(p, errno));
     auto stream = NewObject<FileInputStream>(f, url.ToString());
     if (!stream) {
         std::fclose(f);
@@ -70,6 +75,40 @@ void SetResourceRoot(const fs::path& folder) {
 fs::path ResourceRoot() {
     std::lock_guard lock(g_rootMutex);
     return g_resourceRoot;
+}
+
+std::string FileProblem(const fs::path& path, int error) {
+    std::error_code ec;
+    if (!path.empty() && fs::is_directory(path, ec)) return "it is a directory";
+    switch (error) {
+        case ENOENT:
+            if (!path.parent_path().empty() && !fs::exists(path.parent_path(), ec))
+                return "its folder does not exist";
+            return "no such file";
+        case ENOTDIR:
+            return "a parent is not a folder";
+        case EACCES:
+        case EPERM:
+            return "permission denied";
+        case ENOSPC:
+        case EDQUOT:
+            return "the disk is full";
+        case EROFS:
+            return "the file system is read-only";
+        case EISDIR:
+            return "it is a directory";
+        case ELOOP:
+            return "too many symbolic links";
+        case ENAMETOOLONG:
+            return "the name is too long";
+        case EMFILE:
+        case ENFILE:
+            return "too many open files";
+        case 0:
+            return "unknown reason";
+        default:
+            return std::generic_category().message(error);
+    }
 }
 
 fs::path LocalPath(const Url& url) {

@@ -51,6 +51,8 @@ struct RegistryInfo {
 };
 std::vector<RegistryInfo> Registries();
 const EntryRecord* FindEntry(const Id& id);
+// Every inserted entry (registries and configuration variables aside), sorted by id.
+std::vector<const EntryRecord*> Entries();
 // Inserts an entry that the host itself, a module (`owner` is its id) or a test provides;
 // the entry must outlive its insertion. A registry entry defines the registry when no
 // framework provides it.
@@ -70,6 +72,9 @@ std::vector<ConfigInfo> ConfigVariables();
 // declares it. A BOOL takes "true", "false", "1" or "0"; anything else fails with
 // "Illegal argument: Value '@' is not a bool for @.".
 Result<void> ConfigSet(std::string_view name, std::string_view value);
+// Replaces the framework's default dictionary (DefaultDataDictionary in kelvo/data.h), which
+// starts empty; null leaves the host without one. Modules only read it.
+void SetDefaultDataDictionary(std::shared_ptr<const DataDictionary> defaults);
 
 // --- Diagnostics ---------------------------------------------------------------------------
 using DiagnosticSink = std::function<void(DIAGLEVEL, std::string_view)>;
@@ -104,6 +109,9 @@ void SetResourceRoot(const std::filesystem::path& folder);
 std::filesystem::path ResourceRoot();
 // The local path a "file" or "relative" url names; empty for other schemes.
 std::filesystem::path LocalPath(const Url& url);
+// Why opening or writing `path` failed with errno value `error`, in words for a message:
+// "no such file", "it is a directory", "permission denied", "the disk is full", ...
+std::string FileProblem(const std::filesystem::path& path, int error);
 
 // --- Jobs ------------------------------------------------------------------------------------
 // Sets the number of pool threads (0: one per processor). Lets running work finish first;

@@ -1,9 +1,11 @@
 // The host's file formats (PNG, TIFF, OpenEXR) as entries of the file-format registries:
 // format, handler, import and export classes made from each format's description.
+#include <charconv>
 #include <cstring>
 #include <vector>
 
 #include "imagefiles.h"
+#include "kelvo/config.h"
 #include "kelvo/io.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
@@ -49,11 +51,15 @@ Result<std::filesystem::path> FilePath(const Url& url) {
 }
 
 template <const detail::HostFileFormat& F>
-class HostImport final : public Implements<MediaImportInterface> {
+class HostImport final : public Implements<MediaImportInterface, MediaInfoInterface> {
 public:
     Result<StrongRef<ImageInterface>> Import(const Url& url) override {
         KELVO_ASSIGN_OR_RETURN(auto path, FilePath(url));
         return CatchOutOfMemory([&] { return F.read(path, url.ToString()); });
+    }
+    Result<ImageInfo> ReadInfo(const Url& url) override {
+        KELVO_ASSIGN_OR_RETURN(auto path, FilePath(url));
+        return CatchOutOfMemory([&] { return F.info(path, url.ToString()); });
     }
 };
 
@@ -82,6 +88,10 @@ EntryRecord MakeEntry(const char* id, Id registry, Id kind, CreateFunction creat
     return e;
 }
 
+const ConfigVariable kMaxImageBytesConfig{
+    detail::kMaxImageBytesVariable, CONFIGTYPE::STRING, "1073741824", false,
+    "Most bytes of pixels one picture file may take across its pages and layers"};
+
 template <const detail::HostFileFormat& F>
 void InsertFormat(std::vector<EntryRecord>& out) {
     out.push_back(MakeEntry(F.formatId, kFileFormatsRegistry, FileFormatInterface::InterfaceId(),
@@ -98,12 +108,24 @@ void InsertFormat(std::vector<EntryRecord>& out) {
 }  // namespace
 
 namespace detail {
+uint64_t MaxImageBytes() {
+    Result<std::string> text = ConfigGetString(kMaxImageBytesVariable);
+    if (!text) return kDefaultMaxImageBytes;
+    uint64_t value = 0;
+    auto [end, ec] = std::from_chars(text->data(), text->data() + text->size(), value);
+    return ec == std::errc() && end == text->data() + text->size() ? value : kDefaultMaxImageBytes;
+}
+
 void RegisterHostFileFormats() {
     static std::vector<EntryRecord>* entries = [] {
         auto* list = new std::vector<EntryRecord>();  // lives as long as the registries
         InsertFormat<kPngFormat>(*list);
         InsertFormat<kTiffFormat>(*list);
         InsertFormat<kExrFormat>(*list);
+        EntryRecord limit = MakeEntry(kMaxImageBytesConfig.name, Id(), Id(), nullptr);
+        limit.kind = ENTRYKIND::CONFIGVARIABLE;
+        limit.payload = &kMaxImageBytesConfig;
+        list->push_back(limit);
         return list;
     }();
     for (EntryRecord& e : *entries) {

@@ -10,6 +10,7 @@
 
 #include "host.h"
 #include "kelvo/image.h"
+#include "kelvo/mediasession_output.h"
 
 namespace kelvo::host::detail {
 
@@ -24,6 +25,8 @@ struct HostFileFormat {
     bool (*detect)(const uint8_t* head, size_t size);
     Result<StrongRef<ImageInterface>> (*read)(const std::filesystem::path& path,
                                               const std::string& url);
+    // The size and layers of the file from its headers alone, no pixel read.
+    Result<ImageInfo> (*info)(const std::filesystem::path& path, const std::string& url);
     Result<void> (*write)(const std::filesystem::path& path, const std::string& url,
                           const ImageInterface& image, const DataDictionary& options);
 };
@@ -42,6 +45,34 @@ inline Result<void> CheckPictureSize(const char* format, const std::string& url,
         return IoError(KELVO_HERE, url, "Cannot read @ @: invalid size @ x @.", format, url, w, h);
     return OK();
 }
+
+// The configuration variable bounding the bytes of pixels one picture may take across all
+// its pages, layers and chunks (decimal; the default is 1 GiB). Headers are checked
+// against it before pixels are read, so a small file declaring a huge picture fails fast.
+inline constexpr const char* kMaxImageBytesVariable = "g_maxImageBytes";
+inline constexpr uint64_t kDefaultMaxImageBytes = uint64_t(1) << 30;
+uint64_t MaxImageBytes();
+
+// Accounts for the bytes a reader is about to take for one picture.
+class PixelBudget {
+public:
+    PixelBudget(const char* format, const std::string& url)
+        : _format(format), _url(url), _limit(MaxImageBytes()) {}
+    Result<void> Take(uint64_t bytes) {
+        if (bytes > _limit - _used)
+            return IoError(KELVO_HERE, _url,
+                           "Cannot read @ @: its pixels need more than @ bytes (@).", _format, _url,
+                           _limit, kMaxImageBytesVariable);
+        _used += bytes;
+        return OK();
+    }
+    uint64_t Limit() const { return _limit; }
+
+private:
+    const char* _format;
+    const std::string& _url;
+    uint64_t _limit, _used = 0;
+};
 
 // Layer `index` of an image as rows of `format` in `profile`, top row first.
 // Converts count pixels between formats and profiles (the ConvertPixels slot).

@@ -18,6 +18,52 @@
 namespace kelvo::host::detail {
 namespace {
 
+// The channels read from a file: R, G, B, or Y, or its only channel; then A when present.
+struct ExrChannels {
+    std::vector<std::string> names;
+    bool grey = false;  // one channel widened to RGB (with A) or kept as grey (without)
+};
+
+Result<ExrChannels> PickChannels(const Imf::ChannelList& list, const std::string& url) {
+    ExrChannels out;
+    if (list.findChannel("R") && list.findChannel("G") && list.findChannel("B"))
+        out.names = {"R", "G", "B"};
+    else if (list.findChannel("Y"))
+        out.names = {"Y"};
+    else if (list.begin() != list.end() && ++list.begin() == list.end())
+        out.names = {list.begin().name()};
+    else
+        return UnsupportedArgumentError(KELVO_HERE, "OpenEXR file @ has no R, G, B or Y channels.",
+                                        url);
+    out.grey = out.names.size() == 1;
+    if (list.findChannel("A")) out.names.push_back("A");
+    return out;
+}
+
+// Grey with alpha has no pixel format of its own: it is widened to RGBA.
+PixelFormat FormatOf(const ExrChannels& c) {
+    return {uint8_t(c.grey && c.names.size() == 2 ? 4 : c.names.size()), CHANNELTYPE::FLOAT32};
+}
+
+Result<ImageInfo> ReadExrInfo(const std::filesystem::path& path, const std::string& url) {
+    try {
+        Imf::InputFile file(path.c_str());
+        const Imath::Box2i dw = file.header().dataWindow();
+        const int64_t w = int64_t(dw.max.x) - dw.min.x + 1, h = int64_t(dw.max.y) - dw.min.y + 1;
+        KELVO_TRY(CheckPictureSize("OpenEXR", url, w, h));
+        KELVO_ASSIGN_OR_RETURN(ExrChannels channels, PickChannels(file.header().channels(), url));
+        ImageInfo out;
+        out.width = w;
+        out.height = h;
+        out.layers.push_back({FormatOf(channels), COLORPROFILE::LINEAR});
+        return out;
+    } catch (const std::bad_alloc&) {
+        return Error::OutOfMemory();
+    } catch (const std::exception& e) {
+        return IoError(KELVO_HERE, url, "Cannot read OpenEXR @: @", url, e.what());
+    }
+}
+
 Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path,
                                           const std::string& url) {
     try {
@@ -25,31 +71,30 @@ Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path,
         const Imath::Box2i dw = file.header().dataWindow();
         const int64_t w = int64_t(dw.max.x) - dw.min.x + 1, h = int64_t(dw.max.y) - dw.min.y + 1;
         KELVO_TRY(CheckPictureSize("OpenEXR", url, w, h));
-        const Imf::ChannelList& list = file.header().channels();
-        std::vector<std::string> names;
-        if (list.findChannel("R") && list.findChannel("G") && list.findChannel("B"))
-            names = {"R", "G", "B"};
-        else if (list.findChannel("Y"))
-            names = {"Y"};
-        else if (list.begin() != list.end() && ++list.begin() == list.end())
-            names = {list.begin().name()};
-        else
-            return UnsupportedArgumentError(KELVO_HERE,
-                                            "OpenEXR file @ has no R, G, B or Y channels.", url);
-        if (list.findChannel("A")) {
-            if (names.size() == 1) names = {names[0], names[0], names[0]};
-            names.push_back("A");
-        }
-        PixelFormat format{uint8_t(names.size()), CHANNELTYPE::FLOAT32};
-        const size_t c = names.size();
-        std::vector<float> pixels(size_t(w) * size_t(h) * c);
+        KELVO_ASSIGN_OR_RETURN(ExrChannels channels, PickChannels(file.header().channels(), url));
+        const PixelFormat format = FormatOf(channels);
+        const size_t c = channels.names.size(), pixelCount = size_t(w) * size_t(h);
+        PixelBudget budget("OpenEXR", url);
+        KELVO_TRY(budget.Take(uint64_t(pixelCount) * format.GetBytesPerPixel()));
+        std::vector<float> pixels(pixelCount * c);
         Imf::FrameBuffer fb;
         const size_t xStride = sizeof(float) * c, yStride = xStride * size_t(w);
-        for (size_t k = 0; k < c; ++k)
-            fb.insert(names[k], Imf::Slice::Make(Imf::FLOAT, pixels.data() + k, dw, xStride,
-                                                 yStride, 1, 1, names[k] == "A" ? 1.0 : 0.0));
+        for (size_t k = 0; k < c; ++k) {
+            const std::string& name = channels.names[k];
+            fb.insert(name, Imf::Slice::Make(Imf::FLOAT, pixels.data() + k, dw, xStride, yStride, 1,
+                                             1, name == "A" ? 1.0 : 0.0));
+        }
         file.setFrameBuffer(fb);
         file.readPixels(dw.min.y, dw.max.y);
+        if (format.channels != c) {
+            // One slice per channel name: grey and alpha were read side by side, then widened.
+            std::vector<float> rgba(pixelCount * 4);
+            for (size_t i = 0; i < pixelCount; ++i) {
+                rgba[4 * i] = rgba[4 * i + 1] = rgba[4 * i + 2] = pixels[2 * i];
+                rgba[4 * i + 3] = pixels[2 * i + 1];
+            }
+            pixels.swap(rgba);
+        }
         KELVO_ASSIGN_OR_RETURN(auto layer,
                                LayerFromPixels(w, h, format, COLORPROFILE::LINEAR, pixels.data()));
         KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(w, h));
@@ -120,6 +165,7 @@ const HostFileFormat kExrFormat{"OpenEXR",
                                 {"exr", nullptr, nullptr},
                                 &DetectExr,
                                 &ReadExr,
+                                &ReadExrInfo,
                                 &WriteExr};
 
 }  // namespace kelvo::host::detail

@@ -2,6 +2,8 @@
 // keep only trivially destructible locals; buffers are owned by their callers.
 #include <png.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
@@ -20,7 +22,7 @@ struct PngMessage {
 
 void OnPngError(png_structp png, png_const_charp message) {
     auto* m = static_cast<PngMessage*>(png_get_error_ptr(png));
-    std::snprintf(m->text, sizeof m->text, "%s", message ? message : "unknown error");
+    std::snprintf(m->text, sizeof m->text, "%s", message ? message : "unknown reason");
     png_longjmp(png, 1);
 }
 void OnPngWarning(png_structp, png_const_charp) {}
@@ -58,47 +60,111 @@ bool ReadPngHeader(png_structp png, png_infop info, std::FILE* file, PngHeader* 
     return true;
 }
 
-bool ReadPngRows(png_structp png, png_infop info, png_bytep* rows) {
+bool ReadPngRow(png_structp png, png_bytep row) {
+    if (setjmp(png_jmpbuf(png))) return false;
+    png_read_row(png, row, nullptr);
+    return true;
+}
+
+bool ReadPngImage(png_structp png, png_bytep* rows) {
     if (setjmp(png_jmpbuf(png))) return false;
     png_read_image(png, rows);
+    return true;
+}
+
+bool ReadPngEnd(png_structp png, png_infop info) {
+    if (setjmp(png_jmpbuf(png))) return false;
     png_read_end(png, info);
     return true;
 }
 
+// An open PNG with its header read.
+struct PngReader {
+    std::FILE* file = nullptr;
+    png_structp png = nullptr;
+    png_infop info = nullptr;
+    PngMessage message{"unknown reason"};
+    PngHeader header{};
+    ~PngReader() {
+        if (png) png_destroy_read_struct(&png, info ? &info : nullptr, nullptr);
+        if (file) std::fclose(file);
+    }
+};
+
+// libpng says "Read Error" for both a short file and a failing read: say which.
+std::string ReadProblem(const std::filesystem::path& path, const PngReader& r) {
+    if (std::feof(r.file)) return "the file ends early";
+    if (std::ferror(r.file)) return FileProblem(path, errno);
+    return r.message.text;
+}
+
+Result<void> OpenPng(const std::filesystem::path& path, const std::string& url, PngReader& r) {
+    errno = 0;
+    r.file = std::fopen(path.c_str(), "rb");
+    if (!r.file)
+        return IoError(KELVO_HERE, url, "Cannot open @: @.", url, FileProblem(path, errno));
+    r.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &r.message, &OnPngError, &OnPngWarning);
+    r.info = r.png ? png_create_info_struct(r.png) : nullptr;
+    if (!r.info) return Error::OutOfMemory();
+    png_set_user_limits(r.png, 1u << 24, 1u << 24);
+    // No chunk can hold more than the file or the pixel budget, so a chunk length that
+    // claims more is refused before its buffer is taken.
+    uint64_t limit = MaxImageBytes();
+    std::error_code ec;
+    uint64_t fileSize = std::filesystem::file_size(path, ec);
+    if (!ec && fileSize < limit) limit = fileSize;
+    png_set_chunk_malloc_max(r.png, png_alloc_size_t(std::max<uint64_t>(limit, 1)));
+    if (!ReadPngHeader(r.png, r.info, r.file, &r.header))
+        return IoError(KELVO_HERE, url, "Cannot read PNG @: @.", url, ReadProblem(path, r));
+    KELVO_TRY(CheckPictureSize("PNG", url, r.header.width, r.header.height));
+    if (r.header.channels == 2 || r.header.channels > 4 ||
+        (r.header.depth != 8 && r.header.depth != 16))
+        return UnsupportedArgumentError(KELVO_HERE, "Unsupported PNG layout in @.", url);
+    return OK();
+}
+
+PixelFormat FormatOf(const PngHeader& h) {
+    return {uint8_t(h.channels), h.depth == 16 ? CHANNELTYPE::UINT16 : CHANNELTYPE::UINT8};
+}
+
+Result<ImageInfo> ReadPngInfo(const std::filesystem::path& path, const std::string& url) {
+    PngReader r;
+    KELVO_TRY(OpenPng(path, url, r));
+    ImageInfo out;
+    out.width = r.header.width;
+    out.height = r.header.height;
+    out.layers.push_back(
+        {FormatOf(r.header), r.header.linear ? COLORPROFILE::LINEAR : COLORPROFILE::SRGB});
+    return out;
+}
+
 Result<StrongRef<ImageInterface>> ReadPng(const std::filesystem::path& path,
                                           const std::string& url) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
-    if (!file) return IoError(KELVO_HERE, url, "Cannot open @.", url);
-    PngMessage message{"unknown error"};
-    png_structp png =
-        png_create_read_struct(PNG_LIBPNG_VER_STRING, &message, &OnPngError, &OnPngWarning);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    struct Closer {
-        std::FILE* file;
-        png_structp* png;
-        png_infop* info;
-        ~Closer() {
-            png_destroy_read_struct(png, info, nullptr);
-            std::fclose(file);
-        }
-    } closer{file, &png, &info};
-    if (!info) return Error::OutOfMemory();
-    // Refuse pictures whose pixels could not be held before reading them.
-    png_set_user_limits(png, 1u << 24, 1u << 24);
-    PngHeader h{};
-    if (!ReadPngHeader(png, info, file, &h))
-        return IoError(KELVO_HERE, url, "Cannot read PNG @: @", url, message.text);
-    KELVO_TRY(CheckPictureSize("PNG", url, h.width, h.height));
-    if (h.channels == 2 || h.channels > 4 || (h.depth != 8 && h.depth != 16))
-        return UnsupportedArgumentError(KELVO_HERE, "Unsupported PNG layout in @.", url);
-    PixelFormat format{uint8_t(h.channels),
-                       h.depth == 16 ? CHANNELTYPE::UINT16 : CHANNELTYPE::UINT8};
+    PngReader r;
+    KELVO_TRY(OpenPng(path, url, r));
+    const PngHeader& h = r.header;
+    PixelFormat format = FormatOf(h);
     const size_t rowBytes = size_t(h.width) * format.GetBytesPerPixel();
-    std::vector<uint8_t> pixels(rowBytes * h.height);
-    std::vector<png_bytep> rows(h.height);
-    for (uint32_t y = 0; y < h.height; ++y) rows[y] = pixels.data() + rowBytes * y;
-    if (!ReadPngRows(png, info, rows.data()))
-        return IoError(KELVO_HERE, url, "Cannot read PNG @: @", url, message.text);
+    PixelBudget budget("PNG", url);
+    KELVO_TRY(budget.Take(uint64_t(rowBytes) * h.height));
+    std::vector<uint8_t> pixels;
+    if (png_get_interlace_type(r.png, r.info) == PNG_INTERLACE_NONE) {
+        // Rows are kept as they arrive, so a truncated file never costs the full picture.
+        for (uint32_t y = 0; y < h.height; ++y) {
+            pixels.resize(pixels.size() + rowBytes);
+            if (!ReadPngRow(r.png, pixels.data() + rowBytes * y))
+                return IoError(KELVO_HERE, url, "Cannot read PNG @: @.", url, ReadProblem(path, r));
+        }
+    } else {
+        // Interlaced passes revisit every row: the whole picture is needed at once.
+        pixels.resize(rowBytes * h.height);
+        std::vector<png_bytep> rows(h.height);
+        for (uint32_t y = 0; y < h.height; ++y) rows[y] = pixels.data() + rowBytes * y;
+        if (!ReadPngImage(r.png, rows.data()))
+            return IoError(KELVO_HERE, url, "Cannot read PNG @: @.", url, ReadProblem(path, r));
+    }
+    if (!ReadPngEnd(r.png, r.info))
+        return IoError(KELVO_HERE, url, "Cannot read PNG @: @.", url, ReadProblem(path, r));
     COLORPROFILE profile = h.linear ? COLORPROFILE::LINEAR : COLORPROFILE::SRGB;
     KELVO_ASSIGN_OR_RETURN(auto layer,
                            LayerFromPixels(h.width, h.height, format, profile, pixels.data()));
@@ -146,16 +212,23 @@ Result<void> WritePng(const std::filesystem::path& path, const std::string& url,
     std::vector<png_bytep> rows(h.height);
     for (uint32_t y = 0; y < h.height; ++y) rows[y] = pixels.data() + rowBytes * y;
 
+    errno = 0;
     std::FILE* file = std::fopen(path.c_str(), "wb");
-    if (!file) return IoError(KELVO_HERE, url, "Cannot write @.", url);
-    PngMessage message{"unknown error"};
+    if (!file) return IoError(KELVO_HERE, url, "Cannot write @: @.", url, FileProblem(path, errno));
+    PngMessage message{"unknown reason"};
     png_structp png =
         png_create_write_struct(PNG_LIBPNG_VER_STRING, &message, &OnPngError, &OnPngWarning);
     png_infop info = png ? png_create_info_struct(png) : nullptr;
+    errno = 0;
     bool ok = info && WritePngRows(png, info, file, &h, rows.data());
     png_destroy_write_struct(&png, &info);
-    ok = std::fclose(file) == 0 && ok;
-    if (!ok) return IoError(KELVO_HERE, url, "Cannot write PNG @: @", url, message.text);
+    // libpng says only "Write Error": the stream knows why (a full disk, most often).
+    int error = std::ferror(file) ? (errno ? errno : EIO) : 0;
+    if (std::fflush(file) != 0 && !error) error = errno;
+    if (std::fclose(file) != 0 && !error) error = errno;
+    if (error)
+        return IoError(KELVO_HERE, url, "Cannot write PNG @: @.", url, FileProblem(path, error));
+    if (!ok) return IoError(KELVO_HERE, url, "Cannot write PNG @: @.", url, message.text);
     return OK();
 }
 
@@ -174,6 +247,7 @@ const HostFileFormat kPngFormat{"PNG",
                                 {"png", nullptr, nullptr},
                                 &DetectPng,
                                 &ReadPng,
+                                &ReadPngInfo,
                                 &WritePng};
 
 }  // namespace kelvo::host::detail

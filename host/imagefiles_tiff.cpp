@@ -4,6 +4,7 @@
 // libtiff's RGBA reader in 8 bits.
 #include <tiffio.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -32,7 +33,7 @@ void InstallHandlers() {
         return true;
     }();
     (void)once;
-    t_tiffError = "unknown error";
+    t_tiffError = "unknown reason";
 }
 
 struct TiffCloser {
@@ -42,37 +43,60 @@ struct TiffCloser {
     }
 };
 
-// The current directory (page) as a layer.
-Result<StrongRef<ImageLayerInterface>> ReadDirectory(TIFF* tif, const std::string& url) {
+// The fields of the current directory (page) that decide how it is read.
+struct TiffPage {
     uint32_t w = 0, h = 0;
     uint16_t spp = 1, bps = 1, sampleFormat = SAMPLEFORMAT_UINT, planar = PLANARCONFIG_CONTIG,
              photometric = PHOTOMETRIC_MINISBLACK;
-    TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &w);
-    TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &h);
-    TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &spp);
-    TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &bps);
-    TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &sampleFormat);
-    TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &planar);
-    TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &photometric);
-    KELVO_TRY(CheckPictureSize("TIFF", url, w, h));
-
+    bool direct = false;  // strips of a layout kept as it is; otherwise the RGBA reader
     CHANNELTYPE type = CHANNELTYPE::UINT8;
-    bool direct = planar == PLANARCONFIG_CONTIG && !TIFFIsTiled(tif) && spp >= 1 && spp <= 4;
-    if (bps == 8 && sampleFormat == SAMPLEFORMAT_UINT)
-        type = CHANNELTYPE::UINT8;
-    else if (bps == 16 && sampleFormat == SAMPLEFORMAT_UINT)
-        type = CHANNELTYPE::UINT16;
-    else if (bps == 32 && sampleFormat == SAMPLEFORMAT_IEEEFP)
-        type = CHANNELTYPE::FLOAT32;
-    else
-        direct = false;
-    if (spp <= 2 && photometric != PHOTOMETRIC_MINISBLACK) direct = false;
-    if (spp >= 3 && photometric != PHOTOMETRIC_RGB) direct = false;
+    PixelFormat Format() const {
+        // Grey with alpha has no pixel format of its own: it is widened to RGBA.
+        return direct ? PixelFormat{uint8_t(spp == 2 ? 4 : spp), type} : kPixelRgba8;
+    }
+    COLORPROFILE Profile() const {
+        return direct && type == CHANNELTYPE::FLOAT32 ? COLORPROFILE::LINEAR : COLORPROFILE::SRGB;
+    }
+    // What reading the page takes: its pixels, and a raster of the same size first when
+    // the RGBA reader is used.
+    uint64_t Bytes() const {
+        uint64_t n = uint64_t(w) * h * Format().GetBytesPerPixel();
+        return direct ? n : 2 * n;
+    }
+};
 
-    if (!direct) {
+Result<TiffPage> ReadPageHeader(TIFF* tif, const std::string& url) {
+    TiffPage p;
+    TIFFGetField(tif, TIFFTAG_IMAGEWIDTH, &p.w);
+    TIFFGetField(tif, TIFFTAG_IMAGELENGTH, &p.h);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLESPERPIXEL, &p.spp);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_BITSPERSAMPLE, &p.bps);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_SAMPLEFORMAT, &p.sampleFormat);
+    TIFFGetFieldDefaulted(tif, TIFFTAG_PLANARCONFIG, &p.planar);
+    TIFFGetField(tif, TIFFTAG_PHOTOMETRIC, &p.photometric);
+    KELVO_TRY(CheckPictureSize("TIFF", url, p.w, p.h));
+    p.direct = p.planar == PLANARCONFIG_CONTIG && !TIFFIsTiled(tif) && p.spp >= 1 && p.spp <= 4;
+    if (p.bps == 8 && p.sampleFormat == SAMPLEFORMAT_UINT)
+        p.type = CHANNELTYPE::UINT8;
+    else if (p.bps == 16 && p.sampleFormat == SAMPLEFORMAT_UINT)
+        p.type = CHANNELTYPE::UINT16;
+    else if (p.bps == 32 && p.sampleFormat == SAMPLEFORMAT_IEEEFP)
+        p.type = CHANNELTYPE::FLOAT32;
+    else
+        p.direct = false;
+    if (p.spp <= 2 && p.photometric != PHOTOMETRIC_MINISBLACK) p.direct = false;
+    if (p.spp >= 3 && p.photometric != PHOTOMETRIC_RGB) p.direct = false;
+    return p;
+}
+
+// The current directory as a layer.
+Result<StrongRef<ImageLayerInterface>> ReadPage(TIFF* tif, const TiffPage& p,
+                                                const std::string& url) {
+    const uint32_t w = p.w, h = p.h;
+    if (!p.direct) {
         std::vector<uint32_t> raster(size_t(w) * h);
         if (!TIFFReadRGBAImageOriented(tif, w, h, raster.data(), ORIENTATION_TOPLEFT, 0))
-            return IoError(KELVO_HERE, url, "Cannot read TIFF @: @", url, t_tiffError);
+            return IoError(KELVO_HERE, url, "Cannot read TIFF @: @.", url, t_tiffError);
         std::vector<uint8_t> rgba(raster.size() * 4);
         for (size_t i = 0; i < raster.size(); ++i) {
             rgba[4 * i] = uint8_t(TIFFGetR(raster[i]));
@@ -83,17 +107,18 @@ Result<StrongRef<ImageLayerInterface>> ReadDirectory(TIFF* tif, const std::strin
         return LayerFromPixels(w, h, kPixelRgba8, COLORPROFILE::SRGB, rgba.data());
     }
 
-    // Grey with alpha has no pixel format of its own: it is widened to RGBA.
-    PixelFormat file{uint8_t(spp == 2 ? 4 : spp), type};
-    const size_t sample = size_t(bps / 8);
-    std::vector<uint8_t> line(size_t(TIFFScanlineSize(tif)) + sample * spp);
-    std::vector<uint8_t> pixels(size_t(w) * h * file.GetBytesPerPixel());
+    PixelFormat file = p.Format();
+    const size_t sample = size_t(p.bps / 8), rowBytes = size_t(w) * file.GetBytesPerPixel();
+    std::vector<uint8_t> line(size_t(TIFFScanlineSize(tif)) + sample * p.spp);
+    std::vector<uint8_t> pixels;
     for (uint32_t y = 0; y < h; ++y) {
         if (TIFFReadScanline(tif, line.data(), y, 0) < 0)
-            return IoError(KELVO_HERE, url, "Cannot read TIFF @: @", url, t_tiffError);
-        uint8_t* out = pixels.data() + size_t(y) * w * file.GetBytesPerPixel();
-        if (spp != 2) {
-            std::memcpy(out, line.data(), size_t(w) * file.GetBytesPerPixel());
+            return IoError(KELVO_HERE, url, "Cannot read TIFF @: @.", url, t_tiffError);
+        // Rows are kept as they arrive, so a short file never costs the full picture.
+        pixels.resize(pixels.size() + rowBytes);
+        uint8_t* out = pixels.data() + size_t(y) * rowBytes;
+        if (p.spp != 2) {
+            std::memcpy(out, line.data(), rowBytes);
             continue;
         }
         for (uint32_t x = 0; x < w; ++x) {
@@ -103,30 +128,70 @@ Result<StrongRef<ImageLayerInterface>> ReadDirectory(TIFF* tif, const std::strin
             std::memcpy(o + 3 * sample, g + sample, sample);
         }
     }
-    COLORPROFILE profile = type == CHANNELTYPE::FLOAT32 ? COLORPROFILE::LINEAR : COLORPROFILE::SRGB;
-    return LayerFromPixels(w, h, file, profile, pixels.data());
+    return LayerFromPixels(w, h, file, p.Profile(), pixels.data());
+}
+
+// Opens the file and reads every directory's header. Pages of another size than the first
+// are skipped (with a warning when reading pixels); the pages kept must fit the budget
+// together before any pixel is read.
+Result<void> ReadPageHeaders(const std::filesystem::path& path, const std::string& url,
+                             TiffCloser& tif, std::vector<TiffPage>& pages, bool warn) {
+    InstallHandlers();
+    errno = 0;
+    tif.tif = TIFFOpen(path.c_str(), "r");
+    if (!tif.tif) {
+        std::string why = errno ? FileProblem(path, errno) : t_tiffError;
+        return IoError(KELVO_HERE, url, "Cannot read TIFF @: @.", url, why);
+    }
+    PixelBudget budget("TIFF", url);
+    do {
+        KELVO_ASSIGN_OR_RETURN(TiffPage page, ReadPageHeader(tif.tif, url));
+        if (!pages.empty() && (page.w != pages[0].w || page.h != pages[0].h)) {
+            if (warn)
+                DiagnosticWarning("Skipped a page of @ x @ in @ (the picture is @ x @).", page.w,
+                                  page.h, url, pages[0].w, pages[0].h);
+            page.w = 0;  // skipped
+        } else {
+            KELVO_TRY(budget.Take(page.Bytes()));
+        }
+        pages.push_back(page);
+    } while (TIFFReadDirectory(tif.tif));
+    return OK();
+}
+
+Result<ImageInfo> ReadTiffInfo(const std::filesystem::path& path, const std::string& url) {
+    TiffCloser tif{nullptr};
+    std::vector<TiffPage> pages;
+    KELVO_TRY(ReadPageHeaders(path, url, tif, pages, false));
+    ImageInfo out;
+    out.width = pages[0].w;
+    out.height = pages[0].h;
+    for (const TiffPage& p : pages)
+        if (p.w) out.layers.push_back({p.Format(), p.Profile()});
+    return out;
 }
 
 Result<StrongRef<ImageInterface>> ReadTiff(const std::filesystem::path& path,
                                            const std::string& url) {
-    InstallHandlers();
-    TiffCloser tif{TIFFOpen(path.c_str(), "r")};
-    if (!tif.tif) return IoError(KELVO_HERE, url, "Cannot read TIFF @: @", url, t_tiffError);
-    StrongRef<ImageInterface> image;
-    do {
-        KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> layer, ReadDirectory(tif.tif, url));
-        if (!image) {
-            KELVO_ASSIGN_OR_RETURN(image, CreateImage(layer->GetWidth(), layer->GetHeight()));
-        } else if (layer->GetWidth() != image->GetWidth() ||
-                   layer->GetHeight() != image->GetHeight()) {
-            DiagnosticWarning("Skipped a page of @ x @ in @ (the picture is @ x @).",
-                              layer->GetWidth(), layer->GetHeight(), url, image->GetWidth(),
-                              image->GetHeight());
-            continue;
-        }
+    TiffCloser tif{nullptr};
+    std::vector<TiffPage> pages;
+    KELVO_TRY(ReadPageHeaders(path, url, tif, pages, true));
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, CreateImage(pages[0].w, pages[0].h));
+    for (size_t i = 0; i < pages.size(); ++i) {
+        if (!pages[i].w) continue;
+        if (!TIFFSetDirectory(tif.tif, tdir_t(i)))
+            return IoError(KELVO_HERE, url, "Cannot read TIFF @: @.", url, t_tiffError);
+        KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> layer,
+                               ReadPage(tif.tif, pages[i], url));
         KELVO_TRY(image->AddLayer(layer));
-    } while (TIFFReadDirectory(tif.tif));
+    }
     return image;
+}
+
+// libtiff words a full disk as a failed write at some offset; the system error says why.
+Error WriteFailure(const std::filesystem::path& path, const std::string& url) {
+    std::string why = errno ? FileProblem(path, errno) : t_tiffError;
+    return IoError(KELVO_HERE, url, "Cannot write TIFF @: @.", url, why);
 }
 
 // Every layer becomes a page in its own format (deflate-compressed strips). The profile is
@@ -135,8 +200,12 @@ Result<StrongRef<ImageInterface>> ReadTiff(const std::filesystem::path& path,
 Result<void> WriteTiff(const std::filesystem::path& path, const std::string& url,
                        const ImageInterface& image, const DataDictionary&) {
     InstallHandlers();
+    errno = 0;
     TiffCloser tif{TIFFOpen(path.c_str(), "w")};
-    if (!tif.tif) return IoError(KELVO_HERE, url, "Cannot write TIFF @: @", url, t_tiffError);
+    if (!tif.tif) {
+        std::string why = errno ? FileProblem(path, errno) : t_tiffError;
+        return IoError(KELVO_HERE, url, "Cannot write TIFF @: @.", url, why);
+    }
     for (int64_t i = 0; i < image.GetLayerCount(); ++i) {
         StrongRef<ImageLayerInterface> layer = image.GetLayer(i);
         PixelFormat format = layer->GetPixelFormat();
@@ -161,12 +230,14 @@ Result<void> WriteTiff(const std::filesystem::path& path, const std::string& url
         }
         TIFFSetField(tif.tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tif.tif, 0));
         const size_t row = size_t(w) * format.GetBytesPerPixel();
+        errno = 0;
         for (uint32_t y = 0; y < h; ++y)
             if (TIFFWriteScanline(tif.tif, pixels.data() + row * y, y, 0) < 0)
-                return IoError(KELVO_HERE, url, "Cannot write TIFF @: @", url, t_tiffError);
-        if (!TIFFWriteDirectory(tif.tif))
-            return IoError(KELVO_HERE, url, "Cannot write TIFF @: @", url, t_tiffError);
+                return WriteFailure(path, url);
+        if (!TIFFWriteDirectory(tif.tif)) return WriteFailure(path, url);
     }
+    errno = 0;
+    if (!TIFFFlush(tif.tif)) return WriteFailure(path, url);
     TIFF* done = tif.tif;
     tif.tif = nullptr;
     TIFFClose(done);
@@ -191,6 +262,7 @@ const HostFileFormat kTiffFormat{"TIFF",
                                  {"tif", "tiff", nullptr},
                                  &DetectTiff,
                                  &ReadTiff,
+                                 &ReadTiffInfo,
                                  &WriteTiff};
 
 }  // namespace kelvo::host::detail

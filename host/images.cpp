@@ -168,12 +168,23 @@ Result<void> ReadLayerRows(const ImageInterface& image, int64_t index, PixelForm
                            COLORPROFILE profile, std::vector<uint8_t>& out) {
     StrongRef<ImageLayerInterface> layer = image.GetLayer(index);
     if (!layer) return IllegalArgumentError(KELVO_HERE, "The image has no layer @.", index);
-    KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(format, profile));
+    // Rows are asked for in the layer's own format and converted here: a layer need not
+    // hand out any other (a module's layer may refuse to).
+    const PixelFormat own = layer->GetPixelFormat();
+    KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(own, profile));
     const int64_t w = layer->GetWidth(), h = layer->GetHeight();
     const size_t row = size_t(w) * format.GetBytesPerPixel();
     out.resize(row * size_t(h));
-    for (int64_t y = 0; y < h; ++y)
-        KELVO_TRY(reader->GetPixels(0, y, w, out.data() + row * size_t(y)));
+    std::vector<uint8_t> line(own == format ? 0 : size_t(w) * own.GetBytesPerPixel());
+    for (int64_t y = 0; y < h; ++y) {
+        uint8_t* to = out.data() + row * size_t(y);
+        if (own == format) {
+            KELVO_TRY(reader->GetPixels(0, y, w, to));
+            continue;
+        }
+        KELVO_TRY(reader->GetPixels(0, y, w, line.data()));
+        KELVO_TRY(ConvertPixelsDirect(own, profile, line.data(), format, profile, to, w));
+    }
     return OK();
 }
 

@@ -74,6 +74,8 @@ std::string Name(const LoadedModule& m) {
     return m.binding && m.binding->module.id ? m.binding->module.id : m.path.string();
 }
 
+Result<void> InsertInOrder(LoadedModule& m, const KelvoModuleInfo& info);
+
 Result<void> Insert(LoadedModule& m) {
     const KelvoModuleInfo& info = m.binding->module;
     const auto& frameworks = Frameworks();
@@ -83,8 +85,19 @@ Result<void> Insert(LoadedModule& m) {
             return IllegalStateError(KELVO_HERE, "Module @ depends on @, which is not loaded.",
                                      Name(m), dep);
     }
+    try {
+        return InsertInOrder(m, info);
+    } catch (const std::bad_alloc&) {
+        RemoveInserted(m);
+        m.declared.clear();
+        return Error::OutOfMemory();
+    }
+}
+
+Result<void> InsertInOrder(LoadedModule& m, const KelvoModuleInfo& info) {
     for (EntryRecord* e = info.firstEntry; e; e = e->next) m.declared.push_back(e);
     std::vector<EntryRecord*> order = m.declared;
+    m.inserted.reserve(order.size());
     std::stable_sort(order.begin(), order.end(), [](const EntryRecord* a, const EntryRecord* b) {
         int pa = Phase(*a), pb = Phase(*b);
         if (pa != pb) return pa < pb;
@@ -197,16 +210,31 @@ std::vector<ModuleHandle> LoadedModules() {
     return out;
 }
 
+namespace {
+// The entries of a folder, without throwing: a symbolic-link loop, a vanished or unreadable
+// entry is skipped rather than ending the program.
+template <typename F>
+void ForEachEntry(const std::filesystem::path& folder, F&& visit) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    fs::directory_iterator it(folder, ec), end;
+    for (; !ec && it != end; it.increment(ec)) visit(*it);
+}
+}  // namespace
+
 std::vector<std::filesystem::path> FindModuleLibraries(const std::filesystem::path& folder) {
     namespace fs = std::filesystem;
     std::vector<fs::path> out;
     std::error_code ec;
     if (!fs::is_directory(folder, ec)) return out;
-    for (const auto& dir : fs::directory_iterator(folder, ec)) {
-        if (!dir.is_directory() || dir.path().extension() != ".module") continue;
-        for (const auto& f : fs::directory_iterator(dir.path(), ec))
-            if (f.is_regular_file() && f.path().extension() == ".so") out.push_back(f.path());
-    }
+    ForEachEntry(folder, [&](const fs::directory_entry& dir) {
+        std::error_code dirEc;
+        if (dir.path().extension() != ".module" || !dir.is_directory(dirEc)) return;
+        ForEachEntry(dir.path(), [&](const fs::directory_entry& f) {
+            std::error_code fileEc;
+            if (f.path().extension() == ".so" && f.is_regular_file(fileEc)) out.push_back(f.path());
+        });
+    });
     std::sort(out.begin(), out.end());
     return out;
 }

@@ -1,12 +1,22 @@
 // The media session: detects a file's format and imports or exports images through the
 // file-format registries, whichever module registered the format.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
 #include "host.h"
+#include "imagefiles.h"
 #include "kelvo/io.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
 
 namespace kelvo::host {
 namespace {
+namespace fs = std::filesystem;
 
 Result<Id> DetectFileFormatSlot(const Url& url) {
     for (const EntryRecord* e : RegistryMembers(kFileFormatsRegistry)) {
@@ -32,7 +42,92 @@ Result<StrongRef<FileFormatHandlerInterface>> FindHandler(const Id& format, bool
     return StrongRef<FileFormatHandlerInterface>();
 }
 
+// A temporary copy of a source that can be read only once, removed with the object.
+struct Spool {
+    fs::path path;
+    Spool() = default;
+    Spool(const Spool&) = delete;
+    ~Spool() {
+        std::error_code ec;
+        if (!path.empty()) fs::remove(path, ec);
+    }
+};
+
+// A pipe or device (a picture piped to /dev/stdin) yields its bytes once, but detection and
+// import each open the source: such a source is copied to a temporary file first, within
+// the pixel budget.
+Result<void> SpoolOnce(const Url& url, Spool& spool) {
+    fs::path source = LocalPath(url);
+    std::error_code ec;
+    if (source.empty()) return OK();
+    fs::file_status st = fs::status(source, ec);
+    if (ec || fs::is_regular_file(st) || fs::is_directory(st) || !fs::exists(st)) return OK();
+    KELVO_ASSIGN_OR_RETURN(StrongRef<InputStream> in, OpenInputStream(url));
+    fs::path folder = fs::temp_directory_path(ec);
+    if (ec) folder = "/tmp";
+    std::string name = (folder / "kelvo-import-XXXXXX").string();
+    int fd = ::mkstemp(name.data());
+    if (fd < 0)
+        return IoError(KELVO_HERE, url.ToString(), "Cannot read @: @.", url.ToString(),
+                       FileProblem(name, errno));
+    spool.path = name;
+    std::FILE* out = ::fdopen(fd, "wb");
+    if (!out) {
+        ::close(fd);
+        return Error::OutOfMemory();
+    }
+    const uint64_t limit = detail::MaxImageBytes();
+    uint64_t total = 0;
+    std::vector<char> buffer(1 << 16);
+    int error = 0;
+    for (;;) {
+        Result<size_t> n = in->Read(buffer.data(), buffer.size());
+        if (!n) {
+            std::fclose(out);
+            return n.GetError();
+        }
+        if (*n == 0) break;
+        total += *n;
+        if (total > limit) {
+            std::fclose(out);
+            return IoError(KELVO_HERE, url.ToString(),
+                           "Cannot read @: it holds more than @ bytes (@).", url.ToString(), limit,
+                           detail::kMaxImageBytesVariable);
+        }
+        if (std::fwrite(buffer.data(), 1, *n, out) != *n) {
+            error = errno;
+            break;
+        }
+    }
+    if (std::fclose(out) != 0 && !error) error = errno;
+    if (error)
+        return IoError(KELVO_HERE, url.ToString(), "Cannot read @: @ (copying to @).",
+                       url.ToString(), FileProblem(spool.path, error), spool.path.string());
+    return OK();
+}
+
+// Errors of the copy's import name the source the caller gave.
+Error Renamed(const Error& e, const std::string& from, const std::string& to) {
+    std::string message = e.Message();
+    for (size_t at = message.find(from); at != std::string::npos; at = message.find(from, at))
+        message.replace(at, from.size(), to), at += to.size();
+    return Error(e.Kind(), e.Location(), message, e.Url() == from ? to : e.Url());
+}
+
+Result<StrongRef<ImageInterface>> ImportFromSource(const Url& url);
+
 Result<StrongRef<ImageInterface>> ImportImageSlot(const Url& url) {
+    Spool spool;
+    KELVO_TRY(SpoolOnce(url, spool));
+    if (spool.path.empty()) return ImportFromSource(url);
+    Url copy = Url::FromFile(spool.path.string());
+    Result<StrongRef<ImageInterface>> image = ImportFromSource(copy);
+    if (!image) return Renamed(image.GetError(), copy.ToString(), url.ToString());
+    KELVO_TRY((*image)->SetProperty(kImagePropertyUrl, url));
+    return image;
+}
+
+Result<StrongRef<ImageInterface>> ImportFromSource(const Url& url) {
     KELVO_ASSIGN_OR_RETURN(Id format, DetectFileFormatSlot(url));
     if (format.IsEmpty())
         return UnsupportedArgumentError(KELVO_HERE, "No file format recognises @.", url.ToString());

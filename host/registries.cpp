@@ -96,21 +96,35 @@ const EntryRecord* FindEntry(const Id& id) {
     return it == s.entries.end() ? nullptr : it->second;
 }
 
+std::vector<const EntryRecord*> Entries() {
+    auto& s = GetState();
+    std::vector<const EntryRecord*> out;
+    {
+        std::shared_lock lock(s.mutex);
+        for (const auto& [id, e] : s.entries) out.push_back(e);
+    }
+    std::sort(out.begin(), out.end(), [](const EntryRecord* a, const EntryRecord* b) {
+        return a->GetId().Text() < b->GetId().Text();
+    });
+    return out;
+}
+
 std::vector<RegistryInfo> Registries() {
     auto& s = GetState();
     std::shared_lock lock(s.mutex);
     std::vector<RegistryInfo> out;
-    for (const auto& [id, reg] : s.registries) out.push_back({id, reg.owner, reg.members});
+    for (const auto& [id, reg] : s.registries)
+        out.push_back({id, reg.owner, {reg.members.begin(), reg.members.end()}});
     return out;
 }
 
 void DeclareConfig(const ConfigVariable& variable);
 void ForgetConfig(const ConfigVariable& variable);
 
-Result<void> InsertEntry(EntryRecord& entry, std::string_view owner) {
-    auto& s = GetState();
+namespace {
+Result<void> InsertLocked(detail::State& s, std::unique_lock<std::shared_mutex>& lock,
+                          EntryRecord& entry, std::string_view owner) {
     const Id id = entry.GetId();
-    std::unique_lock lock(s.mutex);
     if (entry.kind == ENTRYKIND::REGISTRY) {
         // A registry the frameworks provide is only referred to; any other is defined here.
         s.registries.try_emplace(id, detail::Registry{std::string(owner), {}, true});
@@ -126,24 +140,52 @@ Result<void> InsertEntry(EntryRecord& entry, std::string_view owner) {
                                  entry.source.Path());
     // Components are found through the interface they implement.
     Id registry = entry.kind == ENTRYKIND::COMPONENT ? entry.kindId : entry.registry;
-    detail::Registry* target = nullptr;
+    auto it = s.registries.end();
+    bool created = false;
     if (!registry.IsEmpty()) {
-        auto it = s.registries.find(registry);
-        if (it == s.registries.end() && entry.kind == ENTRYKIND::COMPONENT)
+        it = s.registries.find(registry);
+        if (it == s.registries.end() && entry.kind == ENTRYKIND::COMPONENT) {
             it = s.registries.emplace(registry, detail::Registry{"components", {}}).first;
+            created = true;
+        }
         if (it == s.registries.end())
             return IllegalStateError(KELVO_HERE,
                                      "Entry @ declared in @ names registry @, which is not loaded.",
                                      id, entry.source.Path(), registry);
-        target = &it->second;
     }
-    if (entry.kind == ENTRYKIND::DATATYPE) {
-        auto* type = static_cast<const DataType*>(entry.payload);
-        s.dataTypes[type->id] = type;
+    // Room first, so that a failed allocation leaves every table as it was.
+    try {
+        if (it != s.registries.end()) it->second.members.reserve(it->second.members.size() + 1);
+        s.entries.reserve(s.entries.size() + 1);
+        if (entry.kind == ENTRYKIND::DATATYPE) {
+            auto* type = static_cast<const DataType*>(entry.payload);
+            s.dataTypes[type->id] = type;
+        }
+    } catch (...) {
+        if (created) s.registries.erase(it);
+        throw;
     }
-    s.entries.emplace(id, &entry);
-    if (target) target->members.push_back(&entry);
+    try {
+        s.entries.emplace(id, &entry);
+    } catch (...) {
+        if (entry.kind == ENTRYKIND::DATATYPE)
+            s.dataTypes.erase(static_cast<const DataType*>(entry.payload)->id);
+        if (created) s.registries.erase(it);
+        throw;
+    }
+    if (it != s.registries.end()) it->second.members.push_back(&entry);
     return OK();
+}
+}  // namespace
+
+Result<void> InsertEntry(EntryRecord& entry, std::string_view owner) {
+    auto& s = GetState();
+    std::unique_lock lock(s.mutex);
+    try {
+        return InsertLocked(s, lock, entry, owner);
+    } catch (const std::bad_alloc&) {
+        return Error::OutOfMemory();
+    }
 }
 
 void RemoveEntry(EntryRecord& entry) {

@@ -10,12 +10,18 @@
 #include <vector>
 
 #include "host.h"
+#include "kelvo/allocator.h"
 
 namespace kelvo::host::detail {
 
+// The tables of entries and registries allocate through the framework allocator, so that
+// fault-injection tests reach the loader's insertion too.
+template <typename T>
+using Tracked = ::kelvo::Allocator<T>;
+
 struct Registry {
     std::string owner;
-    std::vector<const EntryRecord*> members;
+    std::vector<const EntryRecord*, Tracked<const EntryRecord*>> members;
     bool definedByEntry = false;  // removed again with the module that defined it
 };
 
@@ -30,8 +36,10 @@ struct ConfigEntry {
 
 struct State {
     std::shared_mutex mutex;  // guards everything below
-    std::unordered_map<Id, const EntryRecord*, IdHash> entries;
-    std::map<Id, Registry> registries;
+    std::unordered_map<Id, const EntryRecord*, IdHash, std::equal_to<Id>,
+                       Tracked<std::pair<const Id, const EntryRecord*>>>
+        entries;
+    std::map<Id, Registry, std::less<Id>, Tracked<std::pair<const Id, Registry>>> registries;
     std::unordered_map<Id, const DataType*, IdHash> dataTypes;
     std::map<std::string, ConfigEntry, std::less<>> config;
 

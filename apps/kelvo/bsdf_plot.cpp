@@ -131,8 +131,20 @@ Result<void> WritePicture(const std::filesystem::path& path, const RgbPicture& p
         KELVO_TRY(
             writer->SetPixels(0, y, picture.width, &picture.rgb[size_t(y) * picture.width * 3]));
     KELVO_TRY(image->AddLayer(layer));
+    // The format follows the name asked for, not the temporary file written first.
+    Url target = Url::FromFile(path.string());
+    Id format;
+    for (const EntryRecord* e : RegistryMembers(kFileFormatsRegistry)) {
+        auto f = CreateClass<FileFormatInterface>(e->GetId());
+        if (f && (*f)->MatchesSuffix(target)) {
+            format = e->GetId();
+            break;
+        }
+    }
+    if (format.IsEmpty())
+        return UnsupportedArgumentError(KELVO_HERE, "No file format writes @.", target.ToString());
     return WriteOutput(path, [&](const std::filesystem::path& at) {
-        return ExportImage(Url::FromFile(at.string()), *image, Id("net.kelvo.fileformat.imagepng"));
+        return ExportImage(Url::FromFile(at.string()), *image, format);
     });
 }
 

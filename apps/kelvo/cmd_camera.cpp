@@ -1,5 +1,6 @@
 // kelvo camera: create a camera class by id and print the rays of pixels, or drive
 // cameras operation by operation from JSON lines on stdin.
+#include <cmath>
 #include <iostream>
 #include <map>
 
@@ -151,6 +152,12 @@ Result<Matrix> LookAt(const Vec3& position, const Vec3& target, const Vec3& up) 
 Result<StrongRef<DataDictionary>> ParametersFrom(const CameraOptions& o) {
     auto p = std::make_shared<DataDictionary>();
     KELVO_ASSIGN_OR_RETURN(Vec2 resolution, ParseVec2(o.resolution, "--resolution"));
+    // A camera takes any resolution (a zero one gives rays along the axis); a person asking
+    // for a picture of no pixels, or of NaN, has made a mistake.
+    if (!(resolution.x >= 1.0 && resolution.y >= 1.0 && std::isfinite(resolution.x) &&
+          std::isfinite(resolution.y)))
+        return IllegalArgumentError(
+            KELVO_HERE, "--resolution must be at least 1,1 and finite, not '@'.", o.resolution);
     KELVO_TRY(p->Set(CAMERAPARAMETERS::SCREENRESOLUTION, resolution));
     if (!o.offset.empty()) {
         KELVO_ASSIGN_OR_RETURN(Vec2 offset, ParseVec2(o.offset, "--offset"));

@@ -141,8 +141,25 @@ Result<Vec3> ReadDirection(const nlohmann::json& request) {
         "A request is [x, y, z], {\"direction\": [x, y, z]} or {\"theta\": t, \"phi\": p}.");
 }
 
-void WriteEval(JsonWriter& w, const IesInterface& ies, const Vec3& d) {
-    w.Key("direction").Vec(d).Key("intensity").Number(ies.ComputeLightIntensity(d));
+// The evaluator takes a direction as given (a unit vector); the command takes any length,
+// so (1, 0, -1) means the 45 degree direction and not a point beyond the sphere.
+Result<Vec3> UnitDirection(const Vec3& d) {
+    const double length = Length(d);
+    if (!std::isfinite(length) || !(length > 0.0))
+        return IllegalArgumentError(
+            KELVO_HERE, "A direction must be finite and not zero, not (@, @, @).", d.x, d.y, d.z);
+    return d / length;
+}
+
+Result<double> Intensity(const IesInterface& ies, const Vec3& d) {
+    KELVO_ASSIGN_OR_RETURN(Vec3 unit, UnitDirection(d));
+    return ies.ComputeLightIntensity(unit);
+}
+
+Result<void> WriteEval(JsonWriter& w, const IesInterface& ies, const Vec3& d) {
+    KELVO_ASSIGN_OR_RETURN(double intensity, Intensity(ies, d));
+    w.Key("direction").Vec(d).Key("intensity").Number(intensity);
+    return OK();
 }
 
 struct EvalOptions {
@@ -170,20 +187,20 @@ Result<int> RunEval(const EvalOptions& o) {
             RunJsonLines(StandardInput(), std::cout,
                          [&](const nlohmann::json& request, JsonWriter& answer) -> Result<void> {
                              KELVO_ASSIGN_OR_RETURN(Vec3 d, ReadDirection(request));
-                             WriteEval(answer, *loaded.ies, d);
-                             return OK();
+                             return WriteEval(answer, *loaded.ies, d);
                          },
                          {.nameKey = nullptr}));
         return failed > 0 ? 1 : 0;
     }
+    for (const Vec3& d : directions) KELVO_TRY(UnitDirection(d));
     for (const Vec3& d : directions) {
         if (o.json) {
             JsonWriter w;
-            WriteEval(w.Object(), *loaded.ies, d);
+            KELVO_TRY(WriteEval(w.Object(), *loaded.ies, d));
             std::cout << w.End().Text() << '\n';
         } else
             std::cout << JsonNumber(d.x) << ' ' << JsonNumber(d.y) << ' ' << JsonNumber(d.z) << "  "
-                      << JsonNumber(loaded.ies->ComputeLightIntensity(d)) << '\n';
+                      << JsonNumber(*Intensity(*loaded.ies, d)) << '\n';
     }
     return 0;
 }

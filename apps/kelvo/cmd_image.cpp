@@ -20,34 +20,34 @@ Result<StrongRef<ImageInterface>> Open(const std::string& file) {
     return ImportImage(url);
 }
 
+// Headers only, where the format can: a picture's size should not cost its pixels.
 Result<void> Info(const std::string& file, bool json) {
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(file));
-    Id format = image->GetProperties().Get<Id>(kImagePropertyFileFormat);
+    KELVO_ASSIGN_OR_RETURN(Url url, Url::FromText(file));
+    KELVO_ASSIGN_OR_RETURN(ImageInfo info, ReadImageInfo(url));
     if (json) {
         JsonWriter w;
-        w.Object().Key("file").String(file).Key("format").String(format.Text());
-        w.Key("formatName").String(FormatName(format));
-        w.Key("width").Integer(image->GetWidth()).Key("height").Integer(image->GetHeight());
+        w.Object().Key("file").String(file).Key("format").String(info.format.Text());
+        w.Key("formatName").String(FormatName(info.format));
+        w.Key("width").Integer(info.width).Key("height").Integer(info.height);
         w.Key("layers").Array();
-        for (int64_t i = 0; i < image->GetLayerCount(); ++i) {
-            auto layer = image->GetLayer(i);
-            w.Object().Key("pixelFormat").String(layer->GetPixelFormat().Name());
-            w.Key("bitsPerPixel").Integer(layer->GetPixelFormat().GetBitsPerPixel());
-            w.Key("colorProfile").String(ColorProfileName(layer->GetColorProfile())).End();
+        for (const ImageInfo::Layer& layer : info.layers) {
+            w.Object().Key("pixelFormat").String(layer.format.Name());
+            w.Key("bitsPerPixel").Integer(layer.format.GetBitsPerPixel());
+            w.Key("colorProfile").String(ColorProfileName(layer.profile)).End();
         }
         w.End().End();
         std::cout << w.Text() << '\n';
         return OK();
     }
     std::cout << "file: " << file << '\n'
-              << "format: " << format.Text() << " (" << FormatName(format) << ")\n"
-              << "size: " << image->GetWidth() << " x " << image->GetHeight() << '\n'
-              << "layers: " << image->GetLayerCount() << '\n';
-    for (int64_t i = 0; i < image->GetLayerCount(); ++i) {
-        auto layer = image->GetLayer(i);
-        std::cout << "layer " << i << ": " << layer->GetPixelFormat().Name() << " ("
-                  << layer->GetPixelFormat().GetBitsPerPixel() << " bits per pixel), "
-                  << ColorProfileName(layer->GetColorProfile()) << '\n';
+              << "format: " << info.format.Text() << " (" << FormatName(info.format) << ")\n"
+              << "size: " << info.width << " x " << info.height << '\n'
+              << "layers: " << info.layers.size() << '\n';
+    for (size_t i = 0; i < info.layers.size(); ++i) {
+        const ImageInfo::Layer& layer = info.layers[i];
+        std::cout << "layer " << i << ": " << layer.format.Name() << " ("
+                  << layer.format.GetBitsPerPixel() << " bits per pixel), "
+                  << ColorProfileName(layer.profile) << '\n';
     }
     return OK();
 }

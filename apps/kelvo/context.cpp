@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace kelvo::cli {
 namespace fs = std::filesystem;
 
@@ -9,7 +11,7 @@ namespace {
 fs::path ExecutableFolder() {
     std::error_code ec;
     fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-    return ec ? fs::current_path() : exe.parent_path();
+    return ec ? fs::current_path(ec) : exe.parent_path();
 }
 
 fs::path FirstFolder(const fs::path& base, std::initializer_list<const char*> candidates) {
@@ -49,10 +51,16 @@ Result<void> Context::LoadModules() {
         KELVO_ASSIGN_OR_RETURN(host::ModuleHandle m, host::LoadModule(lib));
         _modules.push_back(m);
     }
-    // Now that the variables are declared, values of the wrong type are reported.
+    // Now that the variables are declared, values of the wrong type are reported, and
+    // names that nothing declared (a typo would otherwise be silently ignored).
+    auto declared = host::ConfigVariables();
     for (const std::string& s : settings) {
         size_t eq = s.find('=');
-        KELVO_TRY(host::ConfigSet(s.substr(0, eq), s.substr(eq + 1)));
+        std::string name = s.substr(0, eq);
+        if (std::none_of(declared.begin(), declared.end(),
+                         [&](const host::ConfigInfo& v) { return v.name == name; }))
+            return IllegalArgumentError(KELVO_HERE, "Configuration variable @ not found.", name);
+        KELVO_TRY(host::ConfigSet(name, s.substr(eq + 1)));
     }
     return OK();
 }

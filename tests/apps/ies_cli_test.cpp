@@ -43,7 +43,8 @@ TEST(KelvoIesTest, InfoShowsTheHeaderAndJsonEveryMember) {
     EXPECT_EQ(f["properties"]["1002"], " kelvo test data");
     EXPECT_FALSE(f.contains("_data"));
     EXPECT_EQ(Kelvo("ies info " + Data("kelvo__no_tilt.ies")), Failed("IES Header incomplete"));
-    EXPECT_EQ(Kelvo("ies info /nonexistent.ies"), Failed("Cannot open file:///nonexistent.ies."));
+    EXPECT_EQ(Kelvo("ies info /nonexistent.ies"),
+              Failed("Cannot open file:///nonexistent.ies: no such file."));
 }
 
 TEST(KelvoIesTest, EvalTakesDirectionsFromTheCommandLineOrJsonLines) {
@@ -71,6 +72,18 @@ TEST(KelvoIesTest, EvalTakesDirectionsFromTheCommandLineOrJsonLines) {
 
     EXPECT_EQ(Kelvo("ies eval " + file + " --dir 1,2"),
               Failed("Illegal argument: --dir expects 3 numbers separated by commas, not '1,2'."));
+    // Any length means its direction; no length, or none that is a number, means none.
+    auto intensity = [&](const std::string& dir) {
+        ToolRun r = Kelvo("ies eval " + file + " --json --dir " + dir);
+        return r.status == 0 ? nlohmann::json::parse(r.out)["intensity"].get<double>() : -1.0;
+    };
+    EXPECT_EQ(intensity("3,0,-3"), intensity("0.7071067811865476,0,-0.7071067811865476"));
+    EXPECT_NE(intensity("1,0,-1"), intensity("0,0,-1"));
+    EXPECT_EQ(Kelvo("ies eval " + file + " --dir 0,0,0"),
+              Failed("Illegal argument: A direction must be finite and not zero, not (0, 0, 0)."));
+    ToolRun nan = Kelvo("ies eval " + file, "[1e999, 0, 0]\n");
+    EXPECT_EQ(nan.status, 1);
+    EXPECT_NE(nan.out.find("must be finite"), std::string::npos) << nan.out;
 }
 
 TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {

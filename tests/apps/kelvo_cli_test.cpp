@@ -157,6 +157,9 @@ TEST(KelvoToolTest, ErrorsGoToStderrWithStatusOne) {
         Failed("Illegal argument: Value 'maybe' is not a bool for g_runUnitTestRenderStatistics."));
     EXPECT_EQ(Kelvo("--set novalue config"),
               Failed("Illegal argument: --set expects NAME=VALUE, not 'novalue'."));
+    EXPECT_EQ(Kelvo("--set g_runUnitTestRenderStatistic=true config"),
+              Failed("Illegal argument: Configuration variable g_runUnitTestRenderStatistic "
+                     "not found."));
     EXPECT_EQ(Kelvo("nosuchcommand").status, 1);
     EXPECT_EQ(Kelvo("--help").status, 0);
     // A full disk on stdout and a folder as stdin.
@@ -212,6 +215,10 @@ TEST(KelvoCameraTest, CommandLinePrintsRaysWithRoundTripPrecision) {
               Failed("Illegal argument: --look-at must differ from --position."));
     EXPECT_EQ(Kelvo("camera --position 0,0,0 --look-at 0,5,0"),
               Failed("Illegal argument: --up must not be parallel to the viewing direction."));
+    for (const char* r : {"0,480", "640,-1", "nan,480"})
+        EXPECT_EQ(Kelvo(std::string("camera --resolution ") + r),
+                  Failed("Illegal argument: --resolution must be at least 1,1 and finite, not '" +
+                         std::string(r) + "'."));
 }
 
 TEST(KelvoCameraTest, JsonLinesDriveNamedCamerasAndAnswerEveryLine) {
@@ -347,7 +354,7 @@ TEST_F(ImageCommandTest, InfoNamesFormatLayersAndProfile) {
     EXPECT_EQ(j["layers"][0]["pixelFormat"], "grey16");
 
     EXPECT_EQ(Kelvo("image info " + Path("none.png")),
-              Failed("Cannot open file://" + Path("none.png") + "."));
+              Failed("Cannot open file://" + Path("none.png") + ": no such file."));
     EXPECT_EQ(Kelvo("image convert " + Path("g.png") + " " + Path("g.bmp")),
               Failed("No file format writes file://" + Path("g.bmp") + "."));
 }
@@ -400,6 +407,21 @@ TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
     in.read(head, 8);
     EXPECT_EQ(std::string(head + 1, 3), "PNG");
     fs::remove(png);
+    // The suffix decides the format, also for OpenEXR.
+    fs::path exr = png;
+    exr.replace_extension(".exr");
+    ASSERT_EQ(Kelvo("bsdf plot -m ggxbrdf --size 16 -o " + exr.string()).status, 0);
+    std::ifstream exrIn(exr, std::ios::binary);
+    exrIn.read(head, 4);
+    EXPECT_EQ(std::string(head, 4), std::string("\x76\x2f\x31\x01", 4));
+    fs::remove(exr);
+    // An index and a count whose sum overflows are outside the table, not a wild read.
+    EXPECT_EQ(Kelvo("bsdf", R"({"op":"cache","kind":0,"index":9223372036854775807,"count":2})"
+                            "\n")
+                  .out,
+              R"({"op":"cache","error":"Illegal argument: Entries 9223372036854775807..)"
+              R"(9223372036854775807 are outside the table."})"
+              "\n");
     EXPECT_EQ(Kelvo("bsdf plot -m ggxbrdf --data '[1]'"),
               Failed("Illegal argument: --data must be a JSON object."));
     EXPECT_EQ(

@@ -181,9 +181,6 @@ TEST_F(ImagesTest, ContentDecidesAndBadFilesFailCleanly) {
     fs::copy_file(_dir / "real.tif", _dir / "named.png");
     EXPECT_EQ(DetectFileFormat(File("named.png"))->Text(), "net.kelvo.fileformat.imagetiff");
 
-    std::string missing = File("missing.png").ToString();
-    EXPECT_EQ(ImportImage(File("missing.png")).GetError().Message(),
-              "Cannot open " + missing + ".");
     std::ofstream(_dir / "text.png") << "hello";
     EXPECT_TRUE(DetectFileFormat(File("text.png"))->IsEmpty());
     EXPECT_EQ(ImportImage(File("text.png")).GetError().Message(),

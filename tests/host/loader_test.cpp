@@ -1,8 +1,10 @@
 #include <elf.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -42,6 +44,22 @@ TEST(LoaderTest, HostFillsEverySlotOfTheRecord) {
 #define KELVO_CHECK_SLOT(ret, name, params) EXPECT_NE(slots.name, nullptr) << #name;
     KELVO_ALL_SLOTS(KELVO_CHECK_SLOT)
 #undef KELVO_CHECK_SLOT
+}
+
+// A symbolic-link loop or a dangling link among the module folders is skipped; before, the
+// first throwing std::filesystem call ended every command.
+TEST(LoaderTest, LinkLoopsInTheModulesFolderAreSkipped) {
+    namespace fs = std::filesystem;
+    fs::path dir = fs::temp_directory_path() / ("kelvo_loop_" + std::to_string(::getpid()));
+    fs::create_directories(dir / "real.module");
+    std::ofstream(dir / "real.module" / "real.so") << "";
+    fs::create_symlink(dir / "loop.module", dir / "loop.module");
+    fs::create_symlink(dir / "real.module" / "gone.so", dir / "real.module" / "dangling.so");
+    fs::create_symlink(dir / "real.module" / "self.so", dir / "real.module" / "self.so");
+    std::vector<fs::path> found;
+    EXPECT_NO_THROW(found = host::FindModuleLibraries(dir));
+    EXPECT_EQ(found, std::vector<fs::path>{dir / "real.module" / "real.so"});
+    fs::remove_all(dir);
 }
 
 std::string Fixture(const char* name) {
@@ -108,6 +126,29 @@ TEST(LoaderTest, RefusesBrokenModulesWithClearErrors) {
     EXPECT_EQ(FindEntry(Id("net.kelvo.fixture.member")), nullptr);
     EXPECT_EQ(RegistrySize("net.kelvo.fixture.registry"), 0u);
     EXPECT_TRUE(host::LoadedModules().empty());
+}
+
+// Every allocation of the insertion may fail: the load then fails with the one
+// out-of-memory error, leaves no entry and no allocation behind, and a retry loads.
+TEST(LoaderTest, LoadSurvivesEveryFailedAllocation) {
+    host::Initialize();
+    const int64_t before = host::LiveAllocations();
+    const size_t registries = host::Registries().size();
+    for (int64_t n = 1;; ++n) {
+        host::FailNthAllocation(n);
+        auto module = host::LoadModule(KELVO_RENDER_MODULE);
+        host::FailNthAllocation(0);
+        if (module.Ok()) {
+            host::UnloadModule(*module);
+            EXPECT_GT(n, 100);  // the sweep reached the render module's many entries
+            break;
+        }
+        ASSERT_EQ(module.GetError().Message(), "Out of memory.") << n;
+        ASSERT_EQ(FindDataType(Id("net.kelvo.render.ray")), nullptr) << n;
+        ASSERT_EQ(host::Registries().size(), registries) << n;
+        ASSERT_EQ(host::LiveAllocations(), before) << n;
+    }
+    EXPECT_EQ(host::LiveAllocations(), before);
 }
 
 TEST(LoaderTest, CleaningARecordTwiceLeavesNothingBehind) {

@@ -159,6 +159,27 @@ TEST(CameraTest, WithoutUsableParametersEveryRayGoesAlongForward) {
     EXPECT_EQ(ray.direction, (Vec3{0, 0, 1}));
 }
 
+TEST(CameraTest, WithoutADictionaryTheFrameworkDefaultsApply) {
+    // The framework's default dictionary is read but never stored (it is not the camera's
+    // to write); only when the host has none is every value 0.
+    auto defaults = Params({640, 480});
+    host::SetDefaultDataDictionary(defaults);
+    for (const Id& id : {kPerspectiveCameraClass, kParallelCameraClass}) {
+        auto camera = MakeCamera(id, nullptr);
+        EXPECT_EQ(camera->GetParameters(), nullptr);
+        EXPECT_EQ(camera->WorldToScreen({0, 0, 1}), (Vec3{320, 240, 1}));
+        camera->SetMatrix(Skewed());
+        EXPECT_FALSE(defaults->Contains(P::MATRIX));
+    }
+    Ray ray;
+    MakeCamera(kPerspectiveCameraClass, nullptr)->CreateScreenRay({640, 240}, ray);
+    ExpectNear(ray.direction, Normalize(Vec3{0.25, 0, 1}));
+    host::SetDefaultDataDictionary(nullptr);
+    MakeCamera(kPerspectiveCameraClass, nullptr)->CreateScreenRay({640, 240}, ray);
+    EXPECT_EQ(ray.direction, (Vec3{0, 0, 1}));
+    host::SetDefaultDataDictionary(std::make_shared<DataDictionary>());
+}
+
 TEST(CameraTest, SingularMatrixGivesIdentityInverseAndZeroDirection) {
     Matrix flat;
     flat.zAxis = {0, 0, 0};

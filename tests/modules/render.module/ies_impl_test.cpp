@@ -71,6 +71,9 @@ TEST(IesParseTest, ErrorsCarryTheirMessageLineAndLocation) {
         {"IESNA91\nTILT=NONE\n1 1 1 2 1 1 2 0 0 0\n1 1 1\n0 90\n0\n10\n",
          "Number expected in line 7."},
         {"IESNA91\nTILT=NONE\n1 1 1 2.5 1 1 2 0 0 0\n", "Integer expected in line 3."},
+        // Scaled values beyond the largest double would be written back as "inf".
+        {"IESNA91\nTILT=NONE\n1 1 1e300 2 1 1 2 0 0 0\n1 1 1\n0 90\n0\n5\n1e300\n",
+         "IES file error in line 8"},
     };
     for (const Case& c : cases) {
         auto p = ParseText(c.text);

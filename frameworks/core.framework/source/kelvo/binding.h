@@ -25,6 +25,7 @@ class Result;
 class Url;
 class InputStream;
 class Object;
+class DataDictionary;
 struct EntryRecord;
 struct DataType;
 
@@ -42,6 +43,7 @@ enum class DIAGLEVEL : uint8_t { INFO, WARNING, ERROR };
     X(const ::kelvo::DataType*, FindDataType, (const ::kelvo::Id& id))                  \
     X(::kelvo::Result<std::string>, ConfigGetString, (std::string_view name))           \
     X(::kelvo::Result<bool>, ConfigGetBool, (std::string_view name))                    \
+    X(std::shared_ptr<const ::kelvo::DataDictionary>, DefaultDataDictionary, ())        \
     X(void, Diagnostic, (::kelvo::DIAGLEVEL level, std::string_view text))              \
     X(int, IoDetect, (const ::kelvo::Url& url))                                         \
     X(::kelvo::Result<std::shared_ptr<::kelvo::InputStream>>, OpenInputStream,          \
@@ -53,7 +55,7 @@ enum class DIAGLEVEL : uint8_t { INFO, WARNING, ERROR };
     KELVO_JOB_SLOTS(X) KELVO_IMAGE_SLOTS(X) KELVO_DESCRIPTION_SLOTS(X) KELVO_PLATFORM_SLOTS(X)
 
 // Raised whenever the record's layout changes, so that a stale module is refused.
-#define KELVO_BINDING_VERSION 5u
+#define KELVO_BINDING_VERSION 6u
 
 struct KelvoModuleInfo {
     const char* id;                   // "net.kelvo.render"

@@ -157,4 +157,11 @@ private:
     std::map<Key, Data, Less, Allocator<std::pair<const Key, Data>>> _entries;
 };
 
+// The framework's default dictionary: what a reader falls back to when it is handed no
+// dictionary. It is shared and read-only; empty unless the host filled it, and null when
+// the host offers none.
+inline std::shared_ptr<const DataDictionary> DefaultDataDictionary() {
+    return g_kelvo.host.DefaultDataDictionary ? g_kelvo.host.DefaultDataDictionary() : nullptr;
+}
+
 }  // namespace kelvo

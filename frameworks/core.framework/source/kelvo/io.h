@@ -19,7 +19,8 @@ public:
     virtual int64_t Length() const = 0;
 };
 
-// Opens a url for reading. Fails with the I/O error "Cannot open @." naming the url.
+// Opens a url for reading. Fails with the I/O error "Cannot open @: @." naming the url and
+// the reason (no such file, a directory, permission denied, ...).
 inline Result<StrongRef<InputStream>> OpenInputStream(const Url& url) {
     return g_kelvo.host.OpenInputStream(url);
 }

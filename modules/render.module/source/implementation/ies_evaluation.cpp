@@ -2,8 +2,11 @@
 // the angle grid) and the Monte-Carlo estimate of its total power.
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 #include "ies_impl.h"
+#include "kelvo/allocator.h"
+#include "kelvo/jobs.h"
 #include "kelvo/random.h"
 
 namespace kelvo {
@@ -147,31 +150,49 @@ double IesImpl::ComputeLightIntensity(const Vec3& d) const {
     return r > 0.0 ? r : 0.0;
 }
 
-double IesImpl::ComputePower() const {
-    // Directions uniform over the sphere by rejection from the cube [-1, 1]^3.
-    Random random(kPowerSeed);
-    double buffer[3 * 256];
-    size_t used = std::size(buffer);
-    auto next = [&] {
-        if (used == std::size(buffer)) {
-            random.Fill01(buffer, std::size(buffer));
-            used = 0;
+Result<double> IesImpl::ComputePower(int workers) const {
+    // A profile without light sums to 0 whatever the directions.
+    if (_anglesVertical.empty() || _anglesHorizontal.empty() || !(_dataMax > 0.0)) return kFourPi;
+    return CatchOutOfMemory([&]() -> Result<double> {
+        // Directions uniform over the sphere by rejection from the cube [-1, 1]^3, drawn in
+        // sequence (the rejections consume the generator in order).
+        Random random(kPowerSeed);
+        double buffer[3 * 256];
+        size_t used = std::size(buffer);
+        auto next = [&] {
+            if (used == std::size(buffer)) {
+                random.Fill01(buffer, std::size(buffer));
+                used = 0;
+            }
+            return buffer[used++] * 2.0 - 1.0;
+        };
+        std::vector<Vec3, Allocator<Vec3>> directions(kPowerSamples);
+        for (Vec3& d : directions) {
+            do {
+                d.x = next();
+                d.y = next();
+                d.z = next();
+            } while (SquaredLength(d) > 1.0);
+            d = Normalize(d);
         }
-        return buffer[used++] * 2.0 - 1.0;
-    };
-    double sum = 0.0;
-    for (int i = 0; i < kPowerSamples; ++i) {
-        Vec3 d;
-        do {
-            d.x = next();
-            d.y = next();
-            d.z = next();
-        } while (SquaredLength(d) > 1.0);
-        sum += ComputeLightIntensity(Normalize(d));
-    }
-    double power = sum * (kFourPi / kPowerSamples);
-    // A dark or empty profile gets the power of a uniform light, so divisions stay finite.
-    return power < 1e-7 ? kFourPi : power;
+        // The evaluations, the bulk of the cost, in batches over the host's workers.
+        std::vector<double, Allocator<double>> values(kPowerSamples);
+        constexpr int64_t kBatch = 1024;
+        KELVO_TRY(ParallelFor(0, kPowerSamples / kBatch,
+                              [&](int64_t b) {
+                                  for (int64_t i = b * kBatch; i < (b + 1) * kBatch; ++i)
+                                      values[size_t(i)] =
+                                          ComputeLightIntensity(directions[size_t(i)]);
+                              },
+                              {.chunkSize = 1, .threads = workers}));
+        // Summed in index order, as a single thread would: the value does not depend on how
+        // many workers evaluated it.
+        double sum = 0.0;
+        for (double v : values) sum += v;
+        double power = sum * (kFourPi / kPowerSamples);
+        // A dark profile gets the power of a uniform light, so divisions stay finite.
+        return power < 1e-7 ? kFourPi : power;
+    });
 }
 
 }  // namespace kelvo

@@ -146,7 +146,7 @@ Result<void> IesImpl::UpdateDerived(bool recomputeMax) {
     }
     KELVO_TRY(_properties.Set(int64_t(IESPROPERTY_MAXCANDELA), _dataMax));
     KELVO_TRY(UpdateSearchCaches());
-    _dataPower = ComputePower();
+    KELVO_ASSIGN_OR_RETURN(_dataPower, ComputePower());
     _checksum = ComputeChecksum();
     return OK();
 }

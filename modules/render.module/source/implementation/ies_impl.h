@@ -70,6 +70,9 @@ public:
     // Init without the power estimate and the checksum (left as for an empty profile), so
     // that benchmarks can weigh the parse alone.
     Result<void> ParseOnly(const StrongRef<InputStream>& input);
+    // The power estimate. `workers` bounds the threads evaluating it (0: the host's pool,
+    // 1: the calling thread alone); the value is the same for any number.
+    Result<double> ComputePower(int workers = 0) const;
 
 private:
     Result<void> Parse(const StrongRef<InputStream>& input, bool derive);
@@ -77,8 +80,6 @@ private:
     // _dataMax from _data, then the power estimate, the checksum and the search caches.
     Result<void> UpdateDerived(bool recomputeMax);
     Result<void> UpdateSearchCaches();
-    double ComputePower() const;
-
     DataDictionary _properties;
     DoubleArray _anglesVertical;
     DoubleArray _anglesHorizontal;

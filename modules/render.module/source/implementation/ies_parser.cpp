@@ -1,6 +1,7 @@
 // The IES LM-63 parser: header keywords, the tilt block, the two data lines, the angles
 // and the candela values, scaled by the multipliers as they are read.
 #include <algorithm>
+#include <cmath>
 #include <string>
 
 #include "ies_impl.h"
@@ -146,6 +147,8 @@ Result<void> IesImpl::Parse(const StrongRef<InputStream>& input, bool derive) {
     for (double& value : _data) {
         KELVO_ASSIGN_OR_RETURN(double candela, lexer->ReadNumber());
         value = multiplier * ballast * ballastLamp * candela;
+        // A value beyond the largest double could not be written back as a number.
+        if (!std::isfinite(value)) return LineError(lexer->Line());
         _dataMax = std::max(_dataMax, value);
     }
     if (!derive) return _properties.Set(int64_t(IESPROPERTY_MAXCANDELA), _dataMax);

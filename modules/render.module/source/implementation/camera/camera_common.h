@@ -35,8 +35,15 @@ public:
 
 protected:
     // Reads the parameters both classes use. Without a dictionary every value is 0.
-    void InitCommon(const StrongRef<DataDictionary>& parameters, bool flipped) {
-        const DataDictionary* p = parameters.get();
+    // Without a dictionary the values come from the framework's default one (read, never
+    // stored: it is not the camera's to write); without that either, every value is 0.
+    // Returns the dictionary read.
+    std::shared_ptr<const DataDictionary> InitCommon(const StrongRef<DataDictionary>& parameters,
+                                                     bool flipped) {
+        std::shared_ptr<const DataDictionary> read =
+            parameters ? std::shared_ptr<const DataDictionary>(parameters)
+                       : DefaultDataDictionary();
+        const DataDictionary* p = read.get();
         _cameraToWorld = p ? p->Get<Matrix>(CAMERAPARAMETERS::MATRIX, Matrix{}) : Matrix{};
         _screenResolution = p ? p->Get<Vec2>(CAMERAPARAMETERS::SCREENRESOLUTION, Vec2{}) : Vec2{};
         const Vec2 offset = p ? p->Get<Vec2>(CAMERAPARAMETERS::SCREENOFFSET, Vec2{}) : Vec2{};
@@ -55,6 +62,7 @@ protected:
         _maxDepth = std::numeric_limits<double>::max();
         _flipped = flipped;
         _parameters = parameters;
+        return read;
     }
 
     // Stores the matrix and its inverse, and writes it into the stored dictionary. A

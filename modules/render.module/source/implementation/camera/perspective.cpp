@@ -17,9 +17,8 @@ inline Vec3 NormalizeOrZero(const Vec3& v) {
 class PerspectiveCameraImpl final : public CameraCommon {
 public:
     Result<void> Init(const StrongRef<DataDictionary>& parameters, bool flipped) override {
-        InitCommon(parameters, flipped);
-        _fieldOfView =
-            parameters ? parameters->Get<double>(CAMERAPARAMETERS::FIELDOFVIEW, 0.5) : 0.0;
+        auto read = InitCommon(parameters, flipped);
+        _fieldOfView = read ? read->Get<double>(CAMERAPARAMETERS::FIELDOFVIEW, 0.5) : 0.0;
         _depthSign = flipped ? -1.0 : 1.0;
         UpdateDerived();
         return OK();

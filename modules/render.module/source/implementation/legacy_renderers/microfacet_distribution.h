@@ -115,6 +115,8 @@ public:
     double ExactD(double c, double& samplingDensity) const {
         samplingDensity = 0.0;
         if (!(c >= 1e-16)) return 0.0;
+        // A fresh (or reset) distribution has no width yet: no lobe rather than 0 / 0.
+        if (KIND != DISTRIBUTIONKIND_PHONG && !(_alphaSquared > 0.0)) return 0.0;
         double d;
         if constexpr (KIND == DISTRIBUTIONKIND_BECKMANN) {
             double c2 = c * c;

@@ -1,0 +1,187 @@
+// Allocation failures swept over everything the registries hold: every class and component
+// is created, and its fallible operations run, with allocation n = 1, 2, ... failing until
+// the whole run succeeds. Each failure must be "Out of memory.", leave no allocation behind
+// once the object is released, and leave the object usable: running the operations again
+// without a failure succeeds.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <set>
+
+#include "host.h"
+#include "kelvo/assetmanagement.h"
+#include "kelvo/camera.h"
+#include "kelvo/ies.h"
+#include "kelvo/legacy_renderers/bsdf_legacy.h"
+#include "kelvo/legacy_renderers/bsdfdata.h"
+#include "kelvo/legacy_renderers/clothweavepattern.h"
+#include "kelvo/legacy_renderers/microfacetdistribution.h"
+#include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
+#include "kelvo/mediasession_output.h"
+#include "kelvo/memorystream.h"
+#include "kelvo/registry.h"
+#include "kelvo/sceneobject.h"
+#include "kelvo/texture.h"
+
+namespace kelvo {
+namespace {
+
+using Operations = std::function<Result<void>(const StrongRef<Object>&)>;
+
+template <typename I>
+StrongRef<I> As(const StrongRef<Object>& o) {
+    StrongRef<I> typed = Query<I>(o);
+    EXPECT_TRUE(typed) << I::InterfaceId().Text();
+    return typed;
+}
+
+const char kIes[] =
+    "IESNA:LM-63-2002\nTILT=NONE\n1 1000 1 5 3 1 2 0.3 0.3 0\n1 1 100\n"
+    "0 22.5 45 67.5 90\n0 45 90\n"
+    "100 90 70 40 10\n100 85 60 30 5\n100 80 50 20 0\n";
+
+StrongRef<ImageInterface> SmallImage() {
+    auto image = *CreateImage(8, 4);
+    auto layer = *CreateImageLayer(8, 4, kPixelRgba8, COLORPROFILE::SRGB);
+    EXPECT_TRUE(image->AddLayer(layer).Ok());
+    return image;
+}
+
+// The fallible operations of each interface, with inputs that exercise their allocations.
+const std::map<Id, Operations>& Workloads() {
+    static const std::map<Id, Operations> table = {
+        {CameraInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) {
+             auto params = std::make_shared<DataDictionary>();
+             KELVO_TRY(params->Set(CAMERAPARAMETERS::SCREENRESOLUTION, Vec2{64, 48}));
+             return As<CameraInterface>(o)->Init(params, false);
+         }},
+        {BSDFLegacyInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) {
+             DataDictionary record;
+             KELVO_TRY(record.Set(bsdfdata::kRoughness, 0.4));
+             KELVO_TRY(record.Set(bsdfdata::kClothPattern, std::string("denim")));
+             return As<BSDFLegacyInterface>(o)->Init(record);
+         }},
+        {MicrofacetDistributionInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) {
+             DataDictionary record;
+             KELVO_TRY(record.Set(bsdfdata::kRoughness, 0.3));
+             return As<MicrofacetDistributionInterface>(o)->Update(record);
+         }},
+        {MicrofacetDistributionCachesInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) {
+             auto caches = As<MicrofacetDistributionCachesInterface>(o);
+             caches->Free();
+             return caches->Alloc();
+         }},
+        {ClothWeavePatternInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) {
+             return As<ClothWeavePatternInterface>(o)->SetPattern("shantung", Vec2{2, 2});
+         }},
+        {IesInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             auto ies = As<IesInterface>(o);
+             KELVO_ASSIGN_OR_RETURN(auto stream, MemoryInputStream::Make(std::string(kIes)));
+             KELVO_TRY(ies->Init(stream));
+             KELVO_TRY(ies->ConvertToText());
+             KELVO_TRY(ies->GeneratePreviewImage(8));
+             return OK();
+         }},
+        {SceneObjectInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             auto object = As<SceneObjectInterface>(o);
+             for (const Id& a : object->GetAttributeIds())
+                 KELVO_TRY(object->SetAttribute(a, object->GetAttribute(a)));
+             if (auto camera = Query<CameraObjectInterface>(o)) {
+                 KELVO_TRY(camera->CreateCamera(Vec2{32, 24}, false));
+             }
+             return OK();
+         }},
+        {TextureInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             auto texture = As<TextureInterface>(o);
+             KELVO_TRY(texture->Init(SmallImage(), {}));
+             for (auto pyramid :
+                  {TEXTUREPYRAMID::MIPMAP, TEXTUREPYRAMID::RIPMAP, TEXTUREPYRAMID::SUMMEDAREA})
+                 KELVO_TRY(texture->Build(pyramid));
+             return OK();
+         }},
+        {TextureSamplerInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             auto sampler = As<TextureSamplerInterface>(o);
+             KELVO_ASSIGN_OR_RETURN(auto texture, CreateComponent<TextureInterface>());
+             KELVO_TRY(texture->Init(SmallImage(), {}));
+             KELVO_TRY(sampler->Init(texture));
+             return sampler->Prepare(TEXTUREMODE::MIPMAP);
+         }},
+        {AssetManagementInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             auto assets = As<AssetManagementInterface>(o);
+             KELVO_TRY(assets->Init(Url::FromFile("/tmp/kelvo-scene/scene.c4d")));
+             KELVO_TRY(assets->AddSearchPath(Url::FromFile("/tmp/kelvo-textures"), 0, false));
+             KELVO_TRY(assets->TranslatePath(*Url::FromText("relative:///tex/a.png"), 0));
+             return OK();
+         }},
+    };
+    return table;
+}
+
+// Interfaces whose classes have no fallible operation beyond creation (answers computed
+// from fixed tables, or the import steps the image tests sweep with real files).
+const std::set<Id>& CreationOnly() {
+    static const std::set<Id> ids = {
+        Id("net.kelvo.image.interface.fileformat"),
+        Id("net.kelvo.image.interface.fileformathandler"),
+        Id("net.kelvo.image.interface.mediaimport"),
+        Id("net.kelvo.image.interface.mediaexport"),
+        Id("net.kelvo.image.interface.imagelayer"),
+        Id("net.kelvo.render.interface.rendergeneral"),
+        Id("net.kelvo.render.interface.texturemanagement"),
+        Id("net.kelvo.interface.unittest"),
+        Id("net.kelvo.interface.speedtest"),
+    };
+    return ids;
+}
+
+TEST(FaultSweepTest, EveryRegisteredClassSurvivesEveryFailedAllocation) {
+    int swept = 0;
+    for (const EntryRecord* e : host::Entries()) {
+        if (!e->create || (e->kind != ENTRYKIND::CLASS && e->kind != ENTRYKIND::COMPONENT))
+            continue;
+        auto found = Workloads().find(e->kindId);
+        const Operations* ops = found == Workloads().end() ? nullptr : &found->second;
+        ASSERT_TRUE(ops || CreationOnly().count(e->kindId))
+            << e->GetId().Text() << " implements " << e->kindId.Text()
+            << ", which has no workload: add one, or list it as creation only";
+        ++swept;
+        for (int64_t n = 1;; ++n) {
+            ASSERT_LT(n, 100000) << e->GetId().Text();
+            const int64_t before = host::LiveAllocations();
+            bool done = false;
+            {
+                host::FailNthAllocation(n);
+                Result<StrongRef<Object>> object = e->create();
+                Result<void> run = object ? (ops ? (*ops)(*object) : OK()) : object.GetError();
+                host::FailNthAllocation(0);
+                done = run.Ok();
+                if (!done) {
+                    ASSERT_EQ(run.GetError().Message(), "Out of memory.")
+                        << e->GetId().Text() << " n=" << n;
+                    if (object && ops) {
+                        Result<void> retry = (*ops)(*object);
+                        EXPECT_TRUE(retry.Ok()) << e->GetId().Text() << " n=" << n << ": "
+                                                << retry.GetError().Message();
+                    }
+                }
+            }
+            ASSERT_EQ(host::LiveAllocations(), before) << e->GetId().Text() << " n=" << n;
+            if (done) break;
+        }
+    }
+    EXPECT_GT(swept, 30);
+}
+
+}  // namespace
+}  // namespace kelvo
