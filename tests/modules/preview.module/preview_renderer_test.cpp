@@ -12,8 +12,8 @@
 #include "kelvo/image.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
 #include "kelvo/registry.h"
+#include "preview_test_util.h"
 #include "renderer/preview_scene.h"
-#include "test_intersector.h"
 
 namespace kelvo::preview {
 namespace {
@@ -49,7 +49,7 @@ double Rms(const std::vector<float>& a, const std::vector<float>& b) {
 
 class PreviewRendererTest : public ::testing::Test {
 protected:
-    testing::TestEngine engine;
+    static void SetUpTestSuite() { testing::LoadEngineModule(); }
 };
 
 // A convex white Lambert sphere under a uniform environment reflects exactly what arrives;
@@ -101,7 +101,7 @@ TEST_F(PreviewRendererTest, CancelledIterationLeavesTheImageAlone) {
     ASSERT_TRUE(renderer.GetImage(after).Ok());
     EXPECT_EQ(before, after);
     EXPECT_EQ(renderer.GetStatistics().iterations, 1);
-    EXPECT_EQ(renderer.GetStatistics().intersector, testing::TestEngine::kId.Text());
+    EXPECT_EQ(renderer.GetStatistics().intersector, "net.kelvo.render.intersectionclass.embree");
 }
 
 TEST_F(PreviewRendererTest, BadSettingsAndUnknownModelFail) {

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "kelvo/legacy_renderers/bsdfdata.h"
+#include "preview_test_util.h"
 #include "renderer/preview_renderer.h"
-#include "test_intersector.h"
 
 namespace kelvo::preview {
 namespace {
@@ -43,7 +43,7 @@ StrongRef<DataDictionary> Rough(double roughness) {
 // The error against a 16 times longer render falls as 1 / sqrt(samples): 4 times the
 // samples halve it, within a factor 1.5.
 TEST(PreviewStatistics, ErrorFallsAsOneOverSqrtSamples) {
-    testing::TestEngine engine;
+    testing::LoadEngineModule();
     PreviewSettings s;
     s.scene = PREVIEWSCENE::SPHERE;
     s.width = s.height = 16;
@@ -69,7 +69,7 @@ TEST(PreviewStatistics, ErrorFallsAsOneOverSqrtSamples) {
 // The floor alone under a uniform white environment: each pixel is the directional albedo
 // of the model towards the camera (about 20..60 degrees from the normal).
 TEST(PreviewStatistics, ModelAlbedosUnderUniformLight) {
-    testing::TestEngine engine;
+    testing::LoadEngineModule();
     const char* models[] = {
         "lambertbrdf",  "orennayarbrdf", "irawanbrdf", "blurrysimplebrdf", "blurryspecularbrdf",
         "beckmannbrdf", "beckmannbtdf",  "ggxbrdf",    "ggxbtdf",          "phongbrdf",
