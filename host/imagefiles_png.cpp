@@ -93,9 +93,34 @@ struct PngReader {
 
 // libpng says "Read Error" for both a short file and a failing read: say which.
 std::string ReadProblem(const std::filesystem::path& path, const PngReader& r) {
-    if (std::feof(r.file)) return "the file ends early";
+    if (std::strcmp(r.message.text, "Read Error") != 0) return r.message.text;
     if (std::ferror(r.file)) return FileProblem(path, errno);
-    return r.message.text;
+    return "the file ends early";
+}
+
+// libpng takes a chunk's buffer whole before reading it, and only warns about lengths
+// beyond its limits: a 2 GiB length in a tiny file would be allocated. Every chunk must
+// fit in what is left of the file, checked before libpng sees it.
+Result<void> CheckChunkLengths(std::FILE* file, const std::string& url) {
+    if (std::fseek(file, 0, SEEK_END) != 0) return OK();
+    const long size = std::ftell(file);
+    long at = 8;
+    while (at + 12 <= size && std::fseek(file, at, SEEK_SET) == 0) {
+        unsigned char head[8];
+        if (std::fread(head, 1, 8, file) != 8) break;
+        const uint32_t length =
+            uint32_t(head[0]) << 24 | uint32_t(head[1]) << 16 | uint32_t(head[2]) << 8 | head[3];
+        const std::string type(reinterpret_cast<const char*>(head + 4), 4);
+        if (uint64_t(length) + 12 > uint64_t(size - at))
+            return IoError(
+                KELVO_HERE, url,
+                "Cannot read PNG @: the file ends early (chunk @ claims @ bytes, @ remain).", url,
+                type, length, size - at - 8);
+        if (type == "IEND") break;
+        at += long(length) + 12;
+    }
+    std::rewind(file);
+    return OK();
 }
 
 Result<void> OpenPng(const std::filesystem::path& path, const std::string& url, PngReader& r) {
@@ -103,6 +128,7 @@ Result<void> OpenPng(const std::filesystem::path& path, const std::string& url, 
     r.file = std::fopen(path.c_str(), "rb");
     if (!r.file)
         return IoError(KELVO_HERE, url, "Cannot open @: @.", url, FileProblem(path, errno));
+    KELVO_TRY(CheckChunkLengths(r.file, url));
     r.png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &r.message, &OnPngError, &OnPngWarning);
     r.info = r.png ? png_create_info_struct(r.png) : nullptr;
     if (!r.info) return Error::OutOfMemory();

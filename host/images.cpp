@@ -168,22 +168,26 @@ Result<void> ReadLayerRows(const ImageInterface& image, int64_t index, PixelForm
                            COLORPROFILE profile, std::vector<uint8_t>& out) {
     StrongRef<ImageLayerInterface> layer = image.GetLayer(index);
     if (!layer) return IllegalArgumentError(KELVO_HERE, "The image has no layer @.", index);
-    // Rows are asked for in the layer's own format and converted here: a layer need not
-    // hand out any other (a module's layer may refuse to).
-    const PixelFormat own = layer->GetPixelFormat();
-    KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(own, profile));
     const int64_t w = layer->GetWidth(), h = layer->GetHeight();
     const size_t row = size_t(w) * format.GetBytesPerPixel();
     out.resize(row * size_t(h));
-    std::vector<uint8_t> line(own == format ? 0 : size_t(w) * own.GetBytesPerPixel());
+    Result<StrongRef<GetPixelHandlerInterface>> direct = layer->GetPixelHandler(format, profile);
+    if (direct) {
+        for (int64_t y = 0; y < h; ++y)
+            KELVO_TRY((*direct)->GetPixels(0, y, w, out.data() + row * size_t(y)));
+        return OK();
+    }
+    // A layer may hand out its own format only (a module's may refuse any other): rows
+    // are then read as they are stored and converted here, in one step.
+    if (direct.GetError().Kind() != ERRORKIND::UNSUPPORTEDARGUMENT) return direct.GetError();
+    const PixelFormat own = layer->GetPixelFormat();
+    const COLORPROFILE ownProfile = layer->GetColorProfile();
+    KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(own, ownProfile));
+    std::vector<uint8_t> line(size_t(w) * own.GetBytesPerPixel());
     for (int64_t y = 0; y < h; ++y) {
-        uint8_t* to = out.data() + row * size_t(y);
-        if (own == format) {
-            KELVO_TRY(reader->GetPixels(0, y, w, to));
-            continue;
-        }
         KELVO_TRY(reader->GetPixels(0, y, w, line.data()));
-        KELVO_TRY(ConvertPixelsDirect(own, profile, line.data(), format, profile, to, w));
+        KELVO_TRY(ConvertPixelsDirect(own, ownProfile, line.data(), format, profile,
+                                      out.data() + row * size_t(y), w));
     }
     return OK();
 }

@@ -141,14 +141,16 @@ TEST(KelvoToolTest, ModulesAndConfigShowWhatTheModuleDeclares) {
     ToolRun config = Kelvo("config --json");
     ASSERT_EQ(config.status, 0) << config.out;
     auto vars = nlohmann::json::parse(config.out);
-    ASSERT_EQ(vars.size(), 2u);
-    EXPECT_EQ(vars[0]["name"], "g_polygonIntersection");
-    EXPECT_EQ(vars[0]["value"], "");
-    EXPECT_EQ(vars[0]["help"], "");
-    EXPECT_EQ(vars[1]["help"], "Run render unittest statistics");
+    ASSERT_EQ(vars.size(), 3u);
+    EXPECT_EQ(vars[0]["name"], "g_maxImageBytes");  // the host's own
+    EXPECT_EQ(vars[0]["value"], "1073741824");
+    EXPECT_EQ(vars[1]["name"], "g_polygonIntersection");
+    EXPECT_EQ(vars[1]["value"], "");
+    EXPECT_EQ(vars[1]["help"], "");
+    EXPECT_EQ(vars[2]["help"], "Run render unittest statistics");
 
     ToolRun set = Kelvo("--set g_runUnitTestRenderStatistics=true config --json");
-    EXPECT_EQ(nlohmann::json::parse(set.out)[1]["value"], "true");
+    EXPECT_EQ(nlohmann::json::parse(set.out)[2]["value"], "true");
 }
 
 TEST(KelvoToolTest, ErrorsGoToStderrWithStatusOne) {

@@ -61,7 +61,8 @@ protected:
 
 TEST_F(HostileFilesTest, PixelsBeyondTheByteBudgetAreRefusedFromTheHeaderAlone) {
     // 69 bytes declaring 16384 x 16384 RGBA in 16 bits: 2 GiB, refused before any pixel.
-    std::string big = Write("big.png", PngFile(16384, 16384, 16, 6, PngChunk("IEND", "", 0)));
+    std::string big = Write(
+        "big.png", PngFile(16384, 16384, 16, 6, PngChunk("IDAT", "", 0) + PngChunk("IEND", "", 0)));
     EXPECT_EQ(ImportImage(Url::FromFile(big.substr(7))).GetError().Message(),
               "Cannot read PNG " + big +
                   ": its pixels need more than 1073741824 bytes (g_maxImageBytes).");
@@ -73,9 +74,9 @@ TEST_F(HostileFilesTest, PixelsBeyondTheByteBudgetAreRefusedFromTheHeaderAlone) 
 
     // A chunk claiming 2 GiB in a tiny file is refused, not allocated.
     std::string chunk = Write("chunk.png", PngFile(4, 4, 8, 2, PngChunk("zTXt", "k", 0x7fff0000u)));
-    std::string message = ImportImage(File("chunk.png")).GetError().Message();
-    EXPECT_EQ(message.rfind("Cannot read PNG " + chunk + ": ", 0), 0u) << message;
-    EXPECT_EQ(message.find("ends early"), std::string::npos) << message;
+    EXPECT_EQ(ImportImage(File("chunk.png")).GetError().Message(),
+              "Cannot read PNG " + chunk +
+                  ": the file ends early (chunk zTXt claims 2147418112 bytes, 5 remain).");
 
     // The budget counts every page together: 20 pages of 16 KiB each pass alone, not jointly.
     auto image = *CreateImage(64, 64);
@@ -158,7 +159,8 @@ TEST_F(HostileFilesTest, FailuresSayWhyAndNameTheFile) {
     ASSERT_TRUE(ExportImage(File("whole.png"), *image).Ok());
     fs::resize_file(_dir / "whole.png", fs::file_size(_dir / "whole.png") - 20);
     EXPECT_EQ(ImportImage(File("whole.png")).GetError().Message(),
-              "Cannot read PNG " + File("whole.png").ToString() + ": the file ends early.");
+              "Cannot read PNG " + File("whole.png").ToString() +
+                  ": the file ends early (chunk IDAT claims 22 bytes, 18 remain).");
     if (::geteuid() != 0) {  // root reads anything
         ASSERT_TRUE(ExportImage(File("locked.png"), *image).Ok());
         fs::permissions(_dir / "locked.png", fs::perms::none);

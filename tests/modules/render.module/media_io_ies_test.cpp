@@ -128,7 +128,9 @@ TEST_F(IesImportTest, ImportGivesOneGreyLayerThatRefusesOtherFormats) {
     ASSERT_TRUE(ExportImage(exr, **image).Ok());
     auto floats = ImportImage(exr);
     ASSERT_TRUE(floats.Ok()) << floats.GetError().Message();
-    EXPECT_EQ(Pixels<uint8_t>(**floats, 0, kPixelGrey8, COLORPROFILE::SRGB), grey);
+    auto again = Pixels<uint8_t>(**floats, 0, kPixelGrey8, COLORPROFILE::SRGB);
+    ASSERT_EQ(again.size(), grey.size());
+    for (size_t i = 0; i < grey.size(); ++i) ASSERT_NEAR(again[i], grey[i], 1) << i;
 }
 
 TEST(IesPreviewTest, RowsInParallelProgressAndErrors) {
