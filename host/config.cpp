@@ -1,5 +1,4 @@
-// The configuration database and diagnostic output.
-#include <iostream>
+// The configuration database: variables modules declare and values set before or after.
 #include <mutex>
 
 #include "runtime_state.h"
@@ -37,25 +36,6 @@ Result<bool> ConfigGetBoolSlot(std::string_view name) {
     return it->second.boolValue;
 }
 
-std::mutex g_sinkMutex;
-DiagnosticSink& Sink() {
-    static DiagnosticSink sink = [](DIAGLEVEL level, std::string_view text) {
-        std::cerr << (level == DIAGLEVEL::WARNING ? "kelvo: warning: "
-                      : level == DIAGLEVEL::ERROR ? "kelvo: error: "
-                                                  : "kelvo: ")
-                  << text << '\n';
-    };
-    return sink;
-}
-
-void DiagnosticSlot(DIAGLEVEL level, std::string_view text) {
-    DiagnosticSink sink;
-    {
-        std::lock_guard lock(g_sinkMutex);
-        sink = Sink();
-    }
-    if (sink) sink(level, text);
-}
 }  // namespace
 
 void DeclareConfig(const ConfigVariable& v) {
@@ -116,33 +96,10 @@ Result<void> ConfigSet(std::string_view name, std::string_view value) {
     return OK();
 }
 
-DiagnosticSink SetDiagnosticSink(DiagnosticSink sink) {
-    std::lock_guard lock(g_sinkMutex);
-    return std::exchange(Sink(), std::move(sink));
-}
-
-struct CaptureState {
-    std::mutex mutex;
-    std::vector<std::string> lines;
-};
-
-CapturedDiagnostics::CapturedDiagnostics() : _state(std::make_shared<CaptureState>()) {
-    _previous = SetDiagnosticSink([state = _state](DIAGLEVEL, std::string_view text) {
-        std::lock_guard lock(state->mutex);
-        state->lines.emplace_back(text);
-    });
-}
-CapturedDiagnostics::~CapturedDiagnostics() { SetDiagnosticSink(std::move(_previous)); }
-std::vector<std::string> CapturedDiagnostics::Lines() const {
-    std::lock_guard lock(_state->mutex);
-    return _state->lines;
-}
-
 namespace detail {
 void FillConfigSlots(KelvoHostSlots& slots) {
     slots.ConfigGetString = &ConfigGetStringSlot;
     slots.ConfigGetBool = &ConfigGetBoolSlot;
-    slots.Diagnostic = &DiagnosticSlot;
 }
 }  // namespace detail
 

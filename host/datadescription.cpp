@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host.h"
+#include "json_text.h"
 
 namespace kelvo::host {
 namespace {
@@ -15,47 +16,9 @@ namespace {
 using Json = nlohmann::ordered_json;
 constexpr int kDocumentVersion = 1;
 
-bool IsUtf8(std::string_view s) {
-    for (size_t i = 0; i < s.size();) {
-        auto c = static_cast<unsigned char>(s[i]);
-        size_t n;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        if (c >= 0xC2 && c <= 0xDF)
-            n = 1;
-        else if (c >= 0xE0 && c <= 0xEF)
-            n = 2;
-        else if (c >= 0xF0 && c <= 0xF4)
-            n = 3;
-        else
-            return false;
-        if (s.size() - i <= n) return false;
-        for (size_t k = 1; k <= n; ++k)
-            if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return false;
-        // Overlong forms, surrogates and code points above U+10FFFF are not UTF-8.
-        auto c1 = static_cast<unsigned char>(s[i + 1]);
-        if ((c == 0xE0 && c1 < 0xA0) || (c == 0xED && c1 >= 0xA0) || (c == 0xF0 && c1 < 0x90) ||
-            (c == 0xF4 && c1 >= 0x90))
-            return false;
-        i += n + 1;
-    }
-    return true;
-}
-
 Json TextToJson(const std::string& s) {
     if (IsUtf8(s)) return s;
-    std::string mapped;
-    for (unsigned char c : s) {
-        if (c < 0x80) {
-            mapped += char(c);
-        } else {
-            mapped += char(0xC0 | (c >> 6));
-            mapped += char(0x80 | (c & 0x3F));
-        }
-    }
-    return Json{{"latin1", mapped}};
+    return Json{{"latin1", Latin1ToUtf8(s)}};
 }
 
 bool TextFromJson(const Json& j, std::string& out) {
@@ -64,24 +27,14 @@ bool TextFromJson(const Json& j, std::string& out) {
         return true;
     }
     if (!j.is_object() || !j.contains("latin1") || !j["latin1"].is_string()) return false;
-    const std::string in = j["latin1"].get<std::string>();
-    out.clear();
-    for (size_t i = 0; i < in.size(); ++i) {
-        auto c = static_cast<unsigned char>(in[i]);
-        if (c < 0x80) {
-            out += char(c);
-        } else if ((c == 0xC2 || c == 0xC3) && i + 1 < in.size()) {
-            out += char(((c & 0x03) << 6) | (static_cast<unsigned char>(in[++i]) & 0x3F));
-        } else {
-            return false;
-        }
-    }
+    std::optional<std::string> bytes = Utf8ToLatin1(j["latin1"].get<std::string>());
+    if (!bytes) return false;
+    out = std::move(*bytes);
     return true;
 }
 
 Json NumberToJson(double v) {
-    if (std::isnan(v)) return "nan";
-    if (std::isinf(v)) return v > 0 ? "inf" : "-inf";
+    if (std::string_view name = NonFiniteName(v); !name.empty()) return std::string(name);
     return v;
 }
 
@@ -91,15 +44,9 @@ bool NumberFromJson(const Json& j, double& out) {
         return true;
     }
     if (!j.is_string()) return false;
-    const std::string s = j.get<std::string>();
-    if (s == "nan")
-        out = std::numeric_limits<double>::quiet_NaN();
-    else if (s == "inf")
-        out = HUGE_VAL;
-    else if (s == "-inf")
-        out = -HUGE_VAL;
-    else
-        return false;
+    std::optional<double> named = NonFiniteFromName(j.get<std::string>());
+    if (!named) return false;
+    out = *named;
     return true;
 }
 
@@ -298,6 +245,8 @@ Result<void> ArrayFromJson(std::string_view key, const Json& j, const DescribedM
 
 template <typename F>
 auto ForElementType(DESCRIBETYPE t, F&& f) {
+    // Each branch calls f with another type, which the clone check cannot see.
+    // NOLINTBEGIN(bugprone-branch-clone)
     switch (t) {
         case DESCRIBETYPE::INT32:
             return f(int32_t());
@@ -310,6 +259,7 @@ auto ForElementType(DESCRIBETYPE t, F&& f) {
         default:
             return f(double());
     }
+    // NOLINTEND(bugprone-branch-clone)
 }
 
 class Writer final : public DataDescriber {

@@ -44,6 +44,10 @@ inline Result<void> CheckPictureSize(const char* format, const std::string& url,
 }
 
 // Layer `index` of an image as rows of `format` in `profile`, top row first.
+// Converts count pixels between formats and profiles (the ConvertPixels slot).
+Result<void> ConvertPixelsDirect(PixelFormat fromFormat, COLORPROFILE fromProfile, const void* from,
+                                 PixelFormat toFormat, COLORPROFILE toProfile, void* to,
+                                 int64_t count);
 Result<void> ReadLayerRows(const ImageInterface& image, int64_t index, PixelFormat format,
                            COLORPROFILE profile, std::vector<uint8_t>& out);
 // A memory layer of the given format filled from `pixels` (rows, top first).

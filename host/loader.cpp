@@ -22,14 +22,18 @@ struct LoadedModule {
 namespace detail {
 void FillRegistrySlots(KelvoHostSlots&);
 void FillConfigSlots(KelvoHostSlots&);
+void FillDiagnosticSlots(KelvoHostSlots&);
 void FillAllocatorSlots(KelvoHostSlots&);
 void FillFileSlots(KelvoHostSlots&);
 void FillJobSlots(KelvoHostSlots&);
 void FillImageSlots(KelvoHostSlots&);
+void FillPixelConversionSlots(KelvoHostSlots&);
+void FillMediaSessionSlots(KelvoHostSlots&);
 void FillDescriptionSlots(KelvoHostSlots&);
 void RegisterHostFileFormats();
 void FillLexerSlots(KelvoHostSlots&);
 void FillRandomSlots(KelvoHostSlots&);
+void FillCpuSlots(KelvoHostSlots&);
 void RegisterFrameworkRegistries();
 }  // namespace detail
 
@@ -131,12 +135,16 @@ void FillHostSlots(KelvoHostSlots& slots) {
     detail::FillAllocatorSlots(slots);
     detail::FillRegistrySlots(slots);
     detail::FillConfigSlots(slots);
+    detail::FillDiagnosticSlots(slots);
     detail::FillFileSlots(slots);
     detail::FillJobSlots(slots);
     detail::FillImageSlots(slots);
+    detail::FillPixelConversionSlots(slots);
+    detail::FillMediaSessionSlots(slots);
     detail::FillDescriptionSlots(slots);
     detail::FillLexerSlots(slots);
     detail::FillRandomSlots(slots);
+    detail::FillCpuSlots(slots);
 }
 
 void Initialize() {
@@ -226,6 +234,7 @@ const KelvoModuleInfo& ModuleInfo(ModuleHandle module) { return module->binding-
 std::vector<ModuleHandle> LoadedModules() {
     std::lock_guard lock(g_modulesMutex);
     std::vector<ModuleHandle> out;
+    out.reserve(g_modules.size());
     for (auto& m : g_modules) out.push_back(m.get());
     return out;
 }

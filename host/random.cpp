@@ -1,11 +1,10 @@
-// The framework's pseudo-random generator and the processor feature query.
+// The framework's pseudo-random generator.
 //
 // xoshiro256** seeded through SplitMix64: integer arithmetic only, so a seed gives the
 // same sequence on every platform and compiler.
 #include "kelvo/random.h"
 
 #include "host.h"
-#include "kelvo/cpu.h"
 
 namespace kelvo::host {
 namespace {
@@ -45,14 +44,6 @@ void RandomFill01Slot(RandomState& state, double* out, size_t count) {
     for (size_t i = 0; i < count; ++i) out[i] = static_cast<double>(Next(state) >> 11) * 0x1.0p-53;
 }
 
-uint32_t CpuFeaturesSlot() {
-    uint32_t features = 0;
-#if defined(__x86_64__) || defined(__i386__)
-    if (__builtin_cpu_supports("sse4.2")) features |= CPUFEATURE_CRC32;
-#endif
-    return features;
-}
-
 }  // namespace
 
 namespace detail {
@@ -60,7 +51,6 @@ void FillRandomSlots(KelvoHostSlots& slots) {
     slots.RandomSeed = &RandomSeedSlot;
     slots.RandomNext = &RandomNextSlot;
     slots.RandomFill01 = &RandomFill01Slot;
-    slots.CpuFeatures = &CpuFeaturesSlot;
 }
 }  // namespace detail
 

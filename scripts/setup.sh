@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs (only those missing) and configures and
 # builds one build tree.
-#   scripts/setup.sh [default|debug|asan|tsan|clang]   (build tree: build, build-debug, ...)
+#   scripts/setup.sh [default|debug|asan|tsan|clang|fuzz]   (build tree: build, build-debug, ...)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(
-  cmake ninja-build g++ clang libclang-rt-14-dev llvm-14 ccache binutils
+  cmake ninja-build g++ clang libclang-rt-14-dev llvm-14 ccache binutils clang-format clang-tidy
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
   libpng-dev libtiff-dev libopenexr-dev
+  libembree-dev
 )
 missing=()
 for p in "${packages[@]}"; do
@@ -25,17 +26,11 @@ fi
 
 preset="${1:-default}"
 case "$preset" in
-  default) dir=build; args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
-  debug)   dir=build-debug; args=(-DCMAKE_BUILD_TYPE=Debug) ;;
-  asan)    dir=build-asan; args=(-DCMAKE_BUILD_TYPE=Asan -DKELVO_BUILD_BENCHMARKS=OFF) ;;
-  tsan)    dir=build-tsan; args=(-DCMAKE_BUILD_TYPE=Tsan -DKELVO_BUILD_BENCHMARKS=OFF) ;;
-  clang)   dir=build-clang; args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++) ;;
-  fuzz)    dir=build-fuzz; args=(-DCMAKE_BUILD_TYPE=Asan -DCMAKE_CXX_COMPILER=clang++
-                                 -DKELVO_BUILD_FUZZERS=ON -DKELVO_BUILD_BENCHMARKS=OFF
-                                 -DKELVO_BUILD_TESTS=OFF) ;;
+  default|debug|asan|tsan|clang|fuzz) ;;
   *) echo "setup: unknown build '$preset'" >&2; exit 2 ;;
 esac
 export CCACHE_DIR="${CCACHE_DIR:-$HOME/.cache/ccache}"
 
-cmake -S . -B "$dir" -G Ninja "${args[@]}" > /dev/null
-cmake --build "$dir"
+# The build table (folders, build types, options) lives in CMakePresets.json.
+cmake --preset "$preset" > /dev/null
+cmake --build --preset "$preset"

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "cli_common.h"
 #include "kelvo/image.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/url.h"
@@ -130,13 +131,14 @@ Result<void> WritePicture(const std::filesystem::path& path, const RgbPicture& p
         KELVO_TRY(
             writer->SetPixels(0, y, picture.width, &picture.rgb[size_t(y) * picture.width * 3]));
     KELVO_TRY(image->AddLayer(layer));
-    return ExportImage(Url::FromFile(path.string()), *image, Id("net.kelvo.fileformat.imagepng"));
+    return WriteOutput(path, [&](const std::filesystem::path& at) {
+        return ExportImage(Url::FromFile(at.string()), *image, Id("net.kelvo.fileformat.imagepng"));
+    });
 }
 
 }  // namespace kelvo::cli
 
-#include <fstream>
-
+#include "commands.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/registry.h"
@@ -214,11 +216,7 @@ Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& fol
     }
     caches->Free();
     KELVO_TRY(WritePicture(folder / "bsdf-sheet.png", sheet));
-    std::ofstream out(folder / "bsdf-sheet.txt", std::ios::binary);
-    out << legend;
-    if (!out)
-        return IoError(KELVO_HERE, (folder / "bsdf-sheet.txt").string(), "Cannot write '@'.",
-                       (folder / "bsdf-sheet.txt").string());
+    KELVO_TRY(WriteTextFile(folder / "bsdf-sheet.txt", legend));
     return std::vector<std::string>{"bsdf-sheet.png", "bsdf-sheet.txt"};
 }
 

@@ -30,10 +30,3 @@ RgbPicture DrawLobe(BSDFLegacyInterface& model, const Vec3& wo, int size);
 Result<void> WritePicture(const std::filesystem::path& path, const RgbPicture& picture);
 
 }  // namespace kelvo::cli
-
-namespace kelvo::cli {
-// The demo's sheet of all fifteen legacy models (5 rows x 3 columns of DrawLobe tiles,
-// wo at 45 degrees), written to folder/"bsdf-sheet.png" with its legend in
-// folder/"bsdf-sheet.txt". Returns the file names written.
-Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& folder);
-}  // namespace kelvo::cli

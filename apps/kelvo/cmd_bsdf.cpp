@@ -3,61 +3,55 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <variant>
 
 #include "bsdf_plot.h"
-#include "context.h"
-#include "json.h"
+#include "cli_common.h"
+#include "commands.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
+#include "kelvo/legacy_renderers/microfacetdistribution.h"
+#include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/registry.h"
-#include "legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::cli {
 namespace {
 using nlohmann::json;
 
-using Distribution =
-    std::variant<legacy::BeckmannDistribution, legacy::GGXDistribution, legacy::PhongDistribution,
-                 legacy::WardDistribution, legacy::AnisotropicDistribution>;
+using Distribution = StrongRef<MicrofacetDistributionInterface>;
 
+// A fresh distribution of a kind, created by id through the registry.
 Result<Distribution> MakeDistribution(const std::string& kind) {
-    if (kind == "beckmann") return Distribution(legacy::BeckmannDistribution{});
-    if (kind == "ggx") return Distribution(legacy::GGXDistribution{});
-    if (kind == "phong") return Distribution(legacy::PhongDistribution{});
-    if (kind == "ward") return Distribution(legacy::WardDistribution{});
-    if (kind == "anisotropic") return Distribution(legacy::AnisotropicDistribution{});
-    return IllegalArgumentError(
-        KELVO_HERE, "Unknown distribution '@' (beckmann, ggx, phong, ward, anisotropic).", kind);
+    Result<Id> id = Id::FromText("net.kelvo.render.microfacetdistributionclass." + kind);
+    if (!id || !FindClass(*id, MicrofacetDistributionInterface::InterfaceId()))
+        return IllegalArgumentError(
+            KELVO_HERE, "Unknown distribution '@' (beckmann, ggx, phong, ward, anisotropic).",
+            kind);
+    return CreateClass<MicrofacetDistributionInterface>(*id);
 }
 
 // Everything a run keeps: its named objects and the one caches object.
 class BsdfSession {
 public:
-    Result<std::string> Handle(const json& request);
+    // The answer's members after the echoed "op" and "name".
+    Result<void> Handle(const json& request, JsonWriter& w);
     Result<StrongRef<BSDFLegacyInterface>> Model(const json& request);
 
 private:
     Result<MicrofacetDistributionCachesInterface*> Caches();
     Result<DataDictionary> ReadRecord(const json& request);
-    Result<Distribution*> FindDistribution(const json& request, Distribution& temporary);
-    Result<std::string> ModelOperation(const std::string& op, const json& request);
-    Result<std::string> DistributionOperation(const std::string& op, const json& request);
+    Result<Distribution> FindDistribution(const json& request);
+    Result<void> ModelOperation(const std::string& op, const json& request, JsonWriter& w);
+    Result<void> DistributionOperation(const std::string& op, const json& request, JsonWriter& w);
+    Result<void> CacheEntries(const json& request, JsonWriter& w);
 
     StrongRef<MicrofacetDistributionCachesInterface> _caches;
     std::map<std::string, StrongRef<BSDFLegacyInterface>> _models;
     std::map<std::string, Distribution> _distributions;
 };
 
-Result<std::string> Text(const json& request, const char* key) {
-    if (!request.contains(key) || !request[key].is_string())
-        return IllegalArgumentError(KELVO_HERE, "@ must be a string.", key);
-    return request[key].get<std::string>();
-}
-
 Result<std::array<float, kSampleRecordFloats>> ReadSample(const json& request) {
     std::array<float, kSampleRecordFloats> record{};
-    const json& v = request.contains("sample") ? request["sample"] : json();
+    const json& v = Member(request, "sample");
     if (!v.is_array() || v.size() > kSampleRecordFloats)
         return IllegalArgumentError(KELVO_HERE, "sample must be an array of at most 9 numbers.");
     for (size_t i = 0; i < v.size(); ++i) {
@@ -65,11 +59,6 @@ Result<std::array<float, kSampleRecordFloats>> ReadSample(const json& request) {
         record[i] = float(x);
     }
     return record;
-}
-
-Result<Vec3> Vector(const json& request, const char* key) {
-    if (!request.contains(key)) return IllegalArgumentError(KELVO_HERE, "@ is missing.", key);
-    return ReadVec3(request[key], key);
 }
 
 Result<MicrofacetDistributionCachesInterface*> BsdfSession::Caches() {
@@ -86,22 +75,23 @@ Result<MicrofacetDistributionCachesInterface*> BsdfSession::Caches() {
 // "tableKind" and "level" give the blurry lobe its table and rows.
 Result<DataDictionary> BsdfSession::ReadRecord(const json& request) {
     DataDictionary record;
-    bool caches = request.value("caches", false);
+    KELVO_ASSIGN_OR_RETURN(bool caches, BoolMember(request, "caches", false));
     if (caches) {
         KELVO_ASSIGN_OR_RETURN(auto* c, Caches());
         KELVO_TRY(bsdfdata::SetDistributionTables(record, c));
     }
     if (request.contains("tableKind")) {
         KELVO_ASSIGN_OR_RETURN(auto* c, Caches());
-        int kind = request.value("tableKind", -1);
-        int level = request.value("level", 0);
-        if (!c->GetCache(kind))
+        KELVO_ASSIGN_OR_RETURN(int64_t kind,
+                               IntegerMember(request, "tableKind", -1, INT32_MIN, INT32_MAX));
+        KELVO_ASSIGN_OR_RETURN(int64_t level, IntegerMember(request, "level", 0));
+        if (!c->GetCache(int32_t(kind)))
             return IllegalArgumentError(KELVO_HERE, "Distribution kind @ has no table.", kind);
         if (level < 0 || level > 400)
             return IllegalArgumentError(KELVO_HERE, "level must be 0..400, not @.", level);
-        KELVO_TRY(bsdfdata::SetTable(record, bsdfdata::kBlurryTable, c->GetCache(kind)));
-        KELVO_TRY(record.Set(bsdfdata::kBlurryDensityRow, int64_t(2000) * level));
-        KELVO_TRY(record.Set(bsdfdata::kBlurrySamplingRow, int64_t(1000) * level));
+        KELVO_TRY(bsdfdata::SetTable(record, bsdfdata::kBlurryTable, c->GetCache(int32_t(kind))));
+        KELVO_TRY(record.Set(bsdfdata::kBlurryDensityRow, 2000 * level));
+        KELVO_TRY(record.Set(bsdfdata::kBlurrySamplingRow, 1000 * level));
     }
     if (!request.contains("data")) return record;
     const json& data = request["data"];
@@ -119,21 +109,21 @@ Result<DataDictionary> BsdfSession::ReadRecord(const json& request) {
                 KELVO_TRY(record.Set(info->key, v));
                 break;
             }
-            case bsdfdata::KEYTYPE::INT:
-                if (!value.is_number_integer())
-                    return IllegalArgumentError(KELVO_HERE, "@ must be an integer.", name);
-                KELVO_TRY(record.Set(info->key, value.get<int64_t>()));
+            case bsdfdata::KEYTYPE::INT: {
+                KELVO_ASSIGN_OR_RETURN(int64_t v, ReadInteger(value, name));
+                KELVO_TRY(record.Set(info->key, v));
                 break;
-            case bsdfdata::KEYTYPE::BOOL:
-                if (!value.is_boolean())
-                    return IllegalArgumentError(KELVO_HERE, "@ must be true or false.", name);
-                KELVO_TRY(record.Set(info->key, value.get<bool>()));
+            }
+            case bsdfdata::KEYTYPE::BOOL: {
+                KELVO_ASSIGN_OR_RETURN(bool v, ReadBool(value, name));
+                KELVO_TRY(record.Set(info->key, v));
                 break;
-            case bsdfdata::KEYTYPE::STRING:
-                if (!value.is_string())
-                    return IllegalArgumentError(KELVO_HERE, "@ must be a string.", name);
-                KELVO_TRY(record.Set(info->key, value.get<std::string>()));
+            }
+            case bsdfdata::KEYTYPE::STRING: {
+                KELVO_ASSIGN_OR_RETURN(std::string v, ReadString(value, name));
+                KELVO_TRY(record.Set(info->key, v));
                 break;
+            }
             case bsdfdata::KEYTYPE::VEC2: {
                 KELVO_ASSIGN_OR_RETURN(Vec2 v, ReadVec2(value, name));
                 KELVO_TRY(record.Set(info->key, v));
@@ -150,7 +140,7 @@ Result<DataDictionary> BsdfSession::ReadRecord(const json& request) {
 // "model" and initialised from the request's record.
 Result<StrongRef<BSDFLegacyInterface>> BsdfSession::Model(const json& request) {
     if (request.contains("name") && !request.contains("model")) {
-        KELVO_ASSIGN_OR_RETURN(std::string name, Text(request, "name"));
+        KELVO_ASSIGN_OR_RETURN(std::string name, StringMember(request, "name"));
         auto it = _models.find(name);
         if (it == _models.end())
             return IllegalArgumentError(KELVO_HERE, "No model named '@'.", name);
@@ -161,7 +151,7 @@ Result<StrongRef<BSDFLegacyInterface>> BsdfSession::Model(const json& request) {
         }
         return it->second;
     }
-    KELVO_ASSIGN_OR_RETURN(std::string suffix, Text(request, "model"));
+    KELVO_ASSIGN_OR_RETURN(std::string suffix, StringMember(request, "model"));
     KELVO_ASSIGN_OR_RETURN(Id id, Id::FromText("net.kelvo.render.bsdflegacyclass." + suffix));
     KELVO_ASSIGN_OR_RETURN(StrongRef<BSDFLegacyInterface> model,
                            CreateClass<BSDFLegacyInterface>(id));
@@ -170,71 +160,69 @@ Result<StrongRef<BSDFLegacyInterface>> BsdfSession::Model(const json& request) {
     return model;
 }
 
-Result<Distribution*> BsdfSession::FindDistribution(const json& request, Distribution& temporary) {
-    Distribution* d = &temporary;
+// A new distribution of "distribution" updated from the request, or the named one
+// (updated when the request has data).
+Result<Distribution> BsdfSession::FindDistribution(const json& request) {
+    Distribution d;
     if (request.contains("distribution")) {
-        KELVO_ASSIGN_OR_RETURN(std::string kind, Text(request, "distribution"));
-        KELVO_ASSIGN_OR_RETURN(temporary, MakeDistribution(kind));
+        KELVO_ASSIGN_OR_RETURN(std::string kind, StringMember(request, "distribution"));
+        KELVO_ASSIGN_OR_RETURN(d, MakeDistribution(kind));
     } else {
-        KELVO_ASSIGN_OR_RETURN(std::string name, Text(request, "name"));
+        KELVO_ASSIGN_OR_RETURN(std::string name, StringMember(request, "name"));
         auto it = _distributions.find(name);
         if (it == _distributions.end())
             return IllegalArgumentError(KELVO_HERE, "No distribution named '@'.", name);
-        d = &it->second;
+        d = it->second;
         if (!request.contains("data") && !request.contains("caches")) return d;
     }
     KELVO_ASSIGN_OR_RETURN(DataDictionary record, ReadRecord(request));
-    Result<void> updated = std::visit([&](auto& dist) { return dist.Update(record); }, *d);
-    KELVO_TRY(updated);
+    KELVO_TRY(d->Update(record));
     return d;
 }
 
-Result<std::string> BsdfSession::ModelOperation(const std::string& op, const json& request) {
+Result<void> BsdfSession::ModelOperation(const std::string& op, const json& request,
+                                         JsonWriter& w) {
     KELVO_ASSIGN_OR_RETURN(StrongRef<BSDFLegacyInterface> m, Model(request));
-    JsonWriter w;
-    w.Object();
     if (op == "new" || op == "update") {
-        KELVO_ASSIGN_OR_RETURN(std::string name, Text(request, "name"));
+        KELVO_ASSIGN_OR_RETURN(std::string name, StringMember(request, "name"));
         if (op == "new") _models[name] = m;
-        w.Key("name").String(name);
     } else if (op == "reset") {
         m->Reset();
     } else if (op == "ComputeBSDF") {
-        KELVO_ASSIGN_OR_RETURN(Vec3 wo, Vector(request, "wo"));
-        KELVO_ASSIGN_OR_RETURN(Vec3 wi, Vector(request, "wi"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 wo, Vec3Member(request, "wo"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 wi, Vec3Member(request, "wi"));
         Vec3 wl = wi;
         if (request.contains("wl")) {
-            KELVO_ASSIGN_OR_RETURN(wl, Vector(request, "wl"));
+            KELVO_ASSIGN_OR_RETURN(wl, Vec3Member(request, "wl"));
         }
         double density = 0.0;
         Col3 v = m->ComputeBSDF(wo, wi, wl, density);
         w.Key("value").Vec(Vec3{v.r, v.g, v.b}).Key("density").Number(density);
     } else if (op == "SampleF") {
-        KELVO_ASSIGN_OR_RETURN(Vec3 wo, Vector(request, "wo"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 wo, Vec3Member(request, "wo"));
         KELVO_ASSIGN_OR_RETURN(auto sample, ReadSample(request));
         Vec3 wi;
         double density = 0.0;
         Col3 v = m->SampleF(wo, sample.data(), wi, density);
         w.Key("value").Vec(Vec3{v.r, v.g, v.b}).Key("wi").Vec(wi).Key("density").Number(density);
     } else if (op == "PdfIndirect") {
-        KELVO_ASSIGN_OR_RETURN(Vec3 wo, Vector(request, "wo"));
-        KELVO_ASSIGN_OR_RETURN(Vec3 wi, Vector(request, "wi"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 wo, Vec3Member(request, "wo"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 wi, Vec3Member(request, "wi"));
         w.Key("density").Number(m->PdfIndirect(wo, wi));
     } else if (op == "ComputeBSDFFrame") {
-        KELVO_ASSIGN_OR_RETURN(Vec3 n, Vector(request, "normal"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 n, Vec3Member(request, "normal"));
         Vec3 u, v;
         if (request.contains("u")) {
-            KELVO_ASSIGN_OR_RETURN(u, Vector(request, "u"));
+            KELVO_ASSIGN_OR_RETURN(u, Vec3Member(request, "u"));
         }
         if (request.contains("v")) {
-            KELVO_ASSIGN_OR_RETURN(v, Vector(request, "v"));
+            KELVO_ASSIGN_OR_RETURN(v, Vec3Member(request, "v"));
         }
-        BsdfFrame f = m->ComputeBSDFFrame(n, u, v, request.value("useTangents", false));
+        KELVO_ASSIGN_OR_RETURN(bool useTangents, BoolMember(request, "useTangents", false));
+        BsdfFrame f = m->ComputeBSDFFrame(n, u, v, useTangents);
         w.Key("normal").Vec(f.normal).Key("u").Vec(f.tangentU).Key("v").Vec(f.tangentV);
     } else if (op == "ComputeMIPAngle") {
-        if (!request.contains("angle"))
-            return IllegalArgumentError(KELVO_HERE, "angle is missing.");
-        KELVO_ASSIGN_OR_RETURN(double a, ReadNumber(request["angle"], "angle"));
+        KELVO_ASSIGN_OR_RETURN(double a, NumberMember(request, "angle"));
         w.Key("angle").Number(m->ComputeMIPAngle(a));
     } else if (op == "ComputeAngle") {
         KELVO_ASSIGN_OR_RETURN(auto sample, ReadSample(request));
@@ -243,87 +231,87 @@ Result<std::string> BsdfSession::ModelOperation(const std::string& op, const jso
         Col3 v = m->ComputeF_UVW();
         w.Key("value").Vec(Vec3{v.r, v.g, v.b});
     }
-    return w.End().Text();
+    return OK();
 }
 
-Result<std::string> BsdfSession::DistributionOperation(const std::string& op, const json& request) {
-    JsonWriter w;
-    w.Object();
+Result<void> BsdfSession::DistributionOperation(const std::string& op, const json& request,
+                                                JsonWriter& w) {
     if (op == "newDistribution") {
-        KELVO_ASSIGN_OR_RETURN(std::string name, Text(request, "name"));
-        Distribution temporary;
-        json made = request;
-        KELVO_ASSIGN_OR_RETURN(Distribution * d, FindDistribution(made, temporary));
-        _distributions[name] = *d;
-        return w.Key("name").String(name).End().Text();
+        KELVO_ASSIGN_OR_RETURN(std::string name, StringMember(request, "name"));
+        KELVO_ASSIGN_OR_RETURN(Distribution d, FindDistribution(request));
+        _distributions[name] = d;
+        return OK();
     }
-    Distribution temporary;
-    KELVO_ASSIGN_OR_RETURN(Distribution * d, FindDistribution(request, temporary));
+    KELVO_ASSIGN_OR_RETURN(Distribution d, FindDistribution(request));
     if (op == "D") {
-        KELVO_ASSIGN_OR_RETURN(Vec3 h, Vector(request, "h"));
-        bool useTable = request.value("useTable", true);
+        KELVO_ASSIGN_OR_RETURN(Vec3 h, Vec3Member(request, "h"));
+        KELVO_ASSIGN_OR_RETURN(bool useTable, BoolMember(request, "useTable", true));
         double density = 0.0;
-        double v = std::visit([&](auto& dist) { return dist.D(h, useTable, density); }, *d);
+        double v = d->D(h, useTable, density);
         w.Key("D").Number(v).Key("density").Number(density);
     } else if (op == "G") {
-        KELVO_ASSIGN_OR_RETURN(Vec3 a, Vector(request, "first"));
-        KELVO_ASSIGN_OR_RETURN(Vec3 b, Vector(request, "second"));
-        KELVO_ASSIGN_OR_RETURN(Vec3 h, Vector(request, "h"));
-        w.Key("G").Number(std::visit([&](auto& dist) { return dist.G(a, b, h); }, *d));
+        KELVO_ASSIGN_OR_RETURN(Vec3 a, Vec3Member(request, "first"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 b, Vec3Member(request, "second"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 h, Vec3Member(request, "h"));
+        w.Key("G").Number(d->G(a, b, h));
     } else {  // Sample
         KELVO_ASSIGN_OR_RETURN(auto sample, ReadSample(request));
         double dv = 0.0, density = 0.0;
-        Vec3 h =
-            std::visit([&](auto& dist) { return dist.Sample(sample.data(), dv, density); }, *d);
+        Vec3 h = d->Sample(sample.data(), dv, density);
         w.Key("h").Vec(h).Key("D").Number(dv).Key("density").Number(density);
     }
-    return w.End().Text();
+    return OK();
 }
 
-Result<std::string> BsdfSession::Handle(const json& request) {
+// Entries of a distribution table as stored: "kind", first "index" and "count".
+Result<void> BsdfSession::CacheEntries(const json& request, JsonWriter& w) {
+    KELVO_ASSIGN_OR_RETURN(auto* c, Caches());
+    KELVO_ASSIGN_OR_RETURN(int64_t kind, IntegerMember(request, "kind", -1, INT32_MIN, INT32_MAX));
+    float* table = c->GetCache(int32_t(kind));
+    if (!table) return IllegalArgumentError(KELVO_HERE, "Distribution kind @ has no table.", kind);
+    KELVO_ASSIGN_OR_RETURN(int64_t index, IntegerMember(request, "index", 0));
+    KELVO_ASSIGN_OR_RETURN(int64_t count, IntegerMember(request, "count", 1));
+    constexpr int64_t kSize = int64_t(kSamplerCacheFloats);
+    if (index < 0 || count < 0 || index > kSize || count > kSize - index) {
+        // The last entry asked for, without overflowing for absurd requests.
+        int64_t last = count > 0 && index > INT64_MAX - (count - 1) ? INT64_MAX : index + count - 1;
+        return IllegalArgumentError(KELVO_HERE, "Entries @..@ are outside the table.", index, last);
+    }
+    w.Key("values").Array();
+    for (int64_t i = 0; i < count; ++i) w.Number(table[index + i]);
+    w.End();
+    return OK();
+}
+
+Result<void> BsdfSession::Handle(const json& request, JsonWriter& w) {
     if (!request.is_object())
         return IllegalArgumentError(KELVO_HERE, "A request must be an object.");
-    KELVO_ASSIGN_OR_RETURN(std::string op, Text(request, "op"));
+    KELVO_ASSIGN_OR_RETURN(std::string op, StringMember(request, "op"));
     static const char* const kModelOps[] = {
         "new",         "update",           "reset",           "ComputeBSDF",  "SampleF",
         "PdfIndirect", "ComputeBSDFFrame", "ComputeMIPAngle", "ComputeAngle", "ComputeF_UVW"};
     for (const char* m : kModelOps) {
         if (op != m) continue;
         if (op == "new" && request.contains("distribution"))
-            return DistributionOperation("newDistribution", request);
-        if (op == "update" && request.contains("name") &&
-            _distributions.count(request.value("name", ""))) {
-            Distribution temporary;
-            KELVO_TRY(FindDistribution(request, temporary));
-            return "{\"name\":" + JsonString(request.value("name", "")) + "}";
+            return DistributionOperation("newDistribution", request, w);
+        const json& name = Member(request, "name");
+        if (op == "update" && name.is_string() &&
+            _distributions.count(name.get_ref<const std::string&>())) {
+            KELVO_TRY(FindDistribution(request));
+            return OK();
         }
-        return ModelOperation(op, request);
+        return ModelOperation(op, request, w);
     }
-    if (op == "D" || op == "G" || op == "Sample") return DistributionOperation(op, request);
-    if (op == "cache") {
-        KELVO_ASSIGN_OR_RETURN(auto* c, Caches());
-        int kind = request.value("kind", -1);
-        float* table = c->GetCache(kind);
-        if (!table)
-            return IllegalArgumentError(KELVO_HERE, "Distribution kind @ has no table.", kind);
-        int64_t index = request.value("index", int64_t(0)),
-                count = request.value("count", int64_t(1));
-        if (index < 0 || count < 0 || index + count > int64_t(kSamplerCacheFloats))
-            return IllegalArgumentError(KELVO_HERE, "Entries @..@ are outside the table.", index,
-                                        index + count - 1);
-        JsonWriter w;
-        w.Object().Key("values").Array();
-        for (int64_t i = 0; i < count; ++i) w.Number(table[index + i]);
-        return w.End().End().Text();
-    }
+    if (op == "D" || op == "G" || op == "Sample") return DistributionOperation(op, request, w);
+    if (op == "cache") return CacheEntries(request, w);
     if (op == "models") {
-        JsonWriter w;
-        w.Object().Key("models").Array();
+        w.Key("models").Array();
         for (const EntryRecord* e : RegistryMembers(kBsdfLegacyClassesRegistry))
             w.String(e->GetId().Text());
         w.End().Key("keys").Array();
         for (const auto& k : bsdfdata::kKeys) w.String(k.key.Text());
-        return w.End().End().Text();
+        w.End();
+        return OK();
     }
     return IllegalArgumentError(KELVO_HERE, "Unknown operation '@'.", op);
 }
@@ -355,17 +343,16 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
     plot->add_option("--size", options->size, "Panel size in pixels (16..2048)");
     plot->add_option("-o,--out", options->out, "PNG file to write (default <model>-lobe.png)");
     cmd->callback([&context, &status, plot, options] {
-        if (auto r = context.LoadModules(); !r) {
-            status = Fail(r.GetError());
-            return;
-        }
-        BsdfSession session;
-        if (!plot->parsed()) {
-            RunJsonLines(std::cin, std::cout,
-                         [&](const json& request) { return session.Handle(request); });
-            return;
-        }
-        Result<void> done = [&]() -> Result<void> {
+        RunCommand(context, status, [&]() -> Result<void> {
+            BsdfSession session;
+            if (!plot->parsed()) {
+                // Failed requests answer in line; the run itself succeeds.
+                KELVO_TRY(RunJsonLines(StandardInput(), std::cout,
+                                       [&](const json& request, JsonWriter& answer) {
+                                           return session.Handle(request, answer);
+                                       }));
+                return OK();
+            }
             json data = json::parse(options->data, nullptr, false);
             if (data.is_discarded() || !data.is_object())
                 return IllegalArgumentError(KELVO_HERE, "--data must be a JSON object.");
@@ -381,8 +368,7 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
             KELVO_TRY(WritePicture(out, DrawLobe(*model, wo, options->size)));
             std::cout << "kelvo bsdf plot: wrote " << out << '\n';
             return OK();
-        }();
-        if (!done) status = Fail(done.GetError());
+        });
     });
 }
 

@@ -1,11 +1,11 @@
 // kelvo camera: create a camera class by id and print the rays of pixels, or drive
 // cameras operation by operation from JSON lines on stdin.
-#include <cstdlib>
 #include <iostream>
 #include <map>
 
-#include "context.h"
-#include "json.h"
+#include "camera_json.h"
+#include "cli_common.h"
+#include "commands.h"
 #include "kelvo/camera.h"
 #include "kelvo/registry.h"
 
@@ -24,256 +24,45 @@ Result<StrongRef<CameraInterface>> NewCamera(std::string_view className) {
     return CreateClass<CameraInterface>(id);
 }
 
-// --- JSON of the camera's records ------------------------------------------------------
-
-void WriteRay(JsonWriter& w, const Ray& r) {
-    w.Object();
-    w.Key("origin").Vec(r.origin).Key("direction").Vec(r.direction);
-    w.Key("rendererData").Array();
-    for (double v : r.rendererData) w.Number(v);
-    w.End();
-    w.Key("xDifferentialOrigin").Vec(r.xDifferentialOrigin);
-    w.Key("yDifferentialOrigin").Vec(r.yDifferentialOrigin);
-    w.Key("xDifferentialDirection").Vec(r.xDifferentialDirection);
-    w.Key("yDifferentialDirection").Vec(r.yDifferentialDirection);
-    w.Key("time").Number(r.time).Key("ior").Number(r.ior);
-    w.Key("depth").Integer(r.depth).Key("flags").Integer(r.flags);
-    w.End();
-}
-
-void WriteHit(JsonWriter& w, const ShadingPoint& h) {
-    w.Object();
-    w.Key("position").Vec(h.position);
-    w.Key("footprintX").Vec(h.footprintX).Key("footprintY").Vec(h.footprintY);
-    w.Key("normal").Vec(h.normal).Key("geometricNormal").Vec(h.geometricNormal);
-    w.Key("uvw").Vec(h.uvw).Key("dpdu").Vec(h.dpdu).Key("dpdv").Vec(h.dpdv);
-    w.Key("polygonIndex").Integer(h.polygonIndex).Key("objectIndex").Integer(h.objectIndex);
-    w.Key("backFacing").Bool(h.backFacing);
-    w.End();
-}
-
-void WriteData(JsonWriter& w, const Data& d) {
-    std::visit(
-        [&w](const auto& v) {
-            using T = std::decay_t<decltype(v)>;
-            if constexpr (std::is_same_v<T, bool>)
-                w.Bool(v);
-            else if constexpr (std::is_same_v<T, int64_t>)
-                w.Integer(v);
-            else if constexpr (std::is_same_v<T, double>)
-                w.Number(v);
-            else if constexpr (std::is_same_v<T, std::string>)
-                w.String(v);
-            else if constexpr (std::is_same_v<T, Id>)
-                w.String(v.Text());
-            else if constexpr (std::is_same_v<T, Vec2> || std::is_same_v<T, Vec3>)
-                w.Vec(v);
-            else if constexpr (std::is_same_v<T, Col3>)
-                w.Vec(Vec3{v.r, v.g, v.b});
-            else if constexpr (std::is_same_v<T, Matrix>)
-                w.Mat(v);
-            else
-                w.Null();
-        },
-        d.Raw());
-}
-
-void WriteParameters(JsonWriter& w, const StrongRef<DataDictionary>& p) {
-    if (!p) {
-        w.Null();
-        return;
-    }
-    w.Object();
-    for (const auto& [key, value] : *p) {
-        if (const Id* id = std::get_if<Id>(&key))
-            w.Key(id->Text());
-        else
-            w.Key(std::to_string(std::get<int64_t>(key)));
-        WriteData(w, value);
-    }
-    w.End();
-}
-
-// --- Reading requests ----------------------------------------------------------------------
-
-// A parameter value by its JSON form: an object is a matrix, an array of 2 or 3 numbers
-// a pair or a triple, "inf"/"-inf"/"nan" and numbers a double.
-Result<Data> ReadParameter(const nlohmann::json& v, const std::string& key) {
-    if (v.is_boolean()) return Data(v.get<bool>());
-    if (v.is_object()) {
-        KELVO_ASSIGN_OR_RETURN(Matrix m, ReadMatrix(v, key));
-        return Data(m);
-    }
-    if (v.is_array() && v.size() == 2) {
-        KELVO_ASSIGN_OR_RETURN(Vec2 p, ReadVec2(v, key));
-        return Data(p);
-    }
-    if (v.is_array() && v.size() == 3) {
-        KELVO_ASSIGN_OR_RETURN(Vec3 p, ReadVec3(v, key));
-        return Data(p);
-    }
-    if (v.is_string() && v != "inf" && v != "-inf" && v != "nan") return Data(v.get<std::string>());
-    KELVO_ASSIGN_OR_RETURN(double d, ReadNumber(v, key));
-    return Data(d);
-}
-
-Result<StrongRef<DataDictionary>> ReadParameters(const nlohmann::json& v) {
-    if (v.is_null()) return StrongRef<DataDictionary>();
-    if (!v.is_object())
-        return IllegalArgumentError(KELVO_HERE,
-                                    "parameters must be an object keyed by parameter ids.");
-    auto p = std::make_shared<DataDictionary>();
-    for (const auto& [key, value] : v.items()) {
-        KELVO_ASSIGN_OR_RETURN(Id id, Id::FromText(key));
-        KELVO_ASSIGN_OR_RETURN(Data d, ReadParameter(value, key));
-        KELVO_TRY(p->Set(id, std::move(d)));
-    }
-    return p;
-}
-
-const nlohmann::json& Member(const nlohmann::json& request, const char* key) {
-    static const nlohmann::json missing;
-    auto it = request.find(key);
-    return it == request.end() ? missing : *it;
-}
-
-Result<int64_t> ReadInteger(const nlohmann::json& v, std::string_view what) {
-    if (!v.is_number_integer())
-        return IllegalArgumentError(KELVO_HERE, "@ must be an integer.", what);
-    return v.get<int64_t>();
-}
-
-// Members that are missing keep their defaults, so an answer's ray can be sent back.
-Result<Ray> ReadRay(const nlohmann::json& v) {
-    Ray r;
-    if (v.is_null()) return r;
-    if (!v.is_object()) return IllegalArgumentError(KELVO_HERE, "ray must be an object.");
-    for (const auto& [key, value] : v.items()) {
-        const std::string what = "ray." + key;
-        if (key == "origin") {
-            KELVO_ASSIGN_OR_RETURN(r.origin, ReadVec3(value, what));
-        } else if (key == "direction") {
-            KELVO_ASSIGN_OR_RETURN(r.direction, ReadVec3(value, what));
-        } else if (key == "xDifferentialOrigin") {
-            KELVO_ASSIGN_OR_RETURN(r.xDifferentialOrigin, ReadVec3(value, what));
-        } else if (key == "yDifferentialOrigin") {
-            KELVO_ASSIGN_OR_RETURN(r.yDifferentialOrigin, ReadVec3(value, what));
-        } else if (key == "xDifferentialDirection") {
-            KELVO_ASSIGN_OR_RETURN(r.xDifferentialDirection, ReadVec3(value, what));
-        } else if (key == "yDifferentialDirection") {
-            KELVO_ASSIGN_OR_RETURN(r.yDifferentialDirection, ReadVec3(value, what));
-        } else if (key == "time") {
-            KELVO_ASSIGN_OR_RETURN(r.time, ReadNumber(value, what));
-        } else if (key == "ior") {
-            KELVO_ASSIGN_OR_RETURN(r.ior, ReadNumber(value, what));
-        } else if (key == "depth") {
-            KELVO_ASSIGN_OR_RETURN(int64_t d, ReadInteger(value, what));
-            r.depth = int32_t(d);
-        } else if (key == "flags") {
-            KELVO_ASSIGN_OR_RETURN(int64_t f, ReadInteger(value, what));
-            r.flags = uint32_t(f);
-        } else if (key == "rendererData") {
-            if (!value.is_array() || value.size() != 4)
-                return IllegalArgumentError(KELVO_HERE, "@ must be an array of 4 numbers.", what);
-            for (size_t i = 0; i < 4; ++i) {
-                KELVO_ASSIGN_OR_RETURN(r.rendererData[i], ReadNumber(value[i], what));
-            }
-        } else {
-            return IllegalArgumentError(KELVO_HERE, "ray has no member '@'.", key);
-        }
-    }
-    return r;
-}
-
-Result<ShadingPoint> ReadHit(const nlohmann::json& v) {
-    ShadingPoint h;
-    if (!v.is_object())
-        return IllegalArgumentError(KELVO_HERE, "hit must be an object with position and normal.");
-    Vec3 ShadingPoint::*vectors[] = {&ShadingPoint::position,
-                                     &ShadingPoint::footprintX,
-                                     &ShadingPoint::footprintY,
-                                     &ShadingPoint::normal,
-                                     &ShadingPoint::geometricNormal,
-                                     &ShadingPoint::uvw,
-                                     &ShadingPoint::dpdu,
-                                     &ShadingPoint::dpdv};
-    const char* names[] = {"position",        "footprintX", "footprintY", "normal",
-                           "geometricNormal", "uvw",        "dpdu",       "dpdv"};
-    for (const auto& [key, value] : v.items()) {
-        const std::string what = "hit." + key;
-        bool known = false;
-        for (size_t i = 0; i < std::size(names); ++i) {
-            if (key != names[i]) continue;
-            KELVO_ASSIGN_OR_RETURN(h.*vectors[i], ReadVec3(value, what));
-            known = true;
-        }
-        if (known) continue;
-        if (key == "polygonIndex") {
-            KELVO_ASSIGN_OR_RETURN(h.polygonIndex, ReadInteger(value, what));
-        } else if (key == "objectIndex") {
-            KELVO_ASSIGN_OR_RETURN(int64_t i, ReadInteger(value, what));
-            h.objectIndex = int32_t(i);
-        } else if (key == "backFacing") {
-            if (!value.is_boolean())
-                return IllegalArgumentError(KELVO_HERE, "@ must be true or false.", what);
-            h.backFacing = value.get<bool>();
-        } else {
-            return IllegalArgumentError(KELVO_HERE, "hit has no member '@'.", key);
-        }
-    }
-    return h;
-}
-
 // Cameras of one JSON-lines run, by the names the script gives them.
 class CameraSession {
 public:
-    Result<std::string> Handle(const nlohmann::json& request) {
+    // The answer's members after the echoed "op" and "camera".
+    Result<void> Handle(const nlohmann::json& request, JsonWriter& w) {
         if (!request.is_object())
             return IllegalArgumentError(KELVO_HERE, "A request must be an object.");
-        const nlohmann::json& nameJson = Member(request, "camera");
-        const nlohmann::json& opJson = Member(request, "op");
-        if (!nameJson.is_string())
-            return IllegalArgumentError(KELVO_HERE, "camera must be a text.");
-        if (!opJson.is_string()) return IllegalArgumentError(KELVO_HERE, "op must be a text.");
-        const std::string name = nameJson.get<std::string>();
-        const std::string op = opJson.get<std::string>();
-
-        JsonWriter w;
-        w.Object().Key("camera").String(name).Key("op").String(op);
+        KELVO_ASSIGN_OR_RETURN(const std::string name, StringMember(request, "camera"));
+        KELVO_ASSIGN_OR_RETURN(const std::string op, StringMember(request, "op"));
         if (op == "Init") {
             KELVO_TRY(Init(name, request));
             w.Key("ok").Bool(true);
-            return w.End().Text();
+            return OK();
         }
         auto found = _cameras.find(name);
         if (found == _cameras.end())
             return IllegalArgumentError(
                 KELVO_HERE, "No camera named '@': create it with Init and a class.", name);
-        CameraInterface& camera = *found->second;
-        KELVO_TRY(Run(camera, op, request, w));
-        return w.End().Text();
+        return Run(*found->second, op, request, w);
     }
 
 private:
     Result<void> Init(const std::string& name, const nlohmann::json& request) {
         const nlohmann::json& classJson = Member(request, "class");
-        const nlohmann::json& flippedJson = Member(request, "flipped");
-        if (!flippedJson.is_null() && !flippedJson.is_boolean())
-            return IllegalArgumentError(KELVO_HERE, "flipped must be true or false.");
+        KELVO_ASSIGN_OR_RETURN(bool flipped, BoolMember(request, "flipped", false));
         KELVO_ASSIGN_OR_RETURN(StrongRef<DataDictionary> parameters,
                                ReadParameters(Member(request, "parameters")));
         StrongRef<CameraInterface> camera;
         if (classJson.is_string()) {
             KELVO_ASSIGN_OR_RETURN(camera, NewCamera(classJson.get<std::string>()));
         } else if (!classJson.is_null()) {
-            return IllegalArgumentError(KELVO_HERE, "class must be a text.");
+            return IllegalArgumentError(KELVO_HERE, "class must be a string.");
         } else if (auto it = _cameras.find(name); it != _cameras.end()) {
             camera = it->second;  // Init again
         } else {
             return IllegalArgumentError(
                 KELVO_HERE, "No camera named '@': create it with Init and a class.", name);
         }
-        KELVO_TRY(camera->Init(parameters, flippedJson.is_boolean() && flippedJson.get<bool>()));
+        KELVO_TRY(camera->Init(parameters, flipped));
         _cameras[name] = camera;
         return OK();
     }
@@ -335,33 +124,6 @@ private:
 };
 
 // --- Command-line mode -----------------------------------------------------------------------
-
-// "x,y" or "x,y,z" as given to an option.
-template <size_t N>
-Result<std::array<double, N>> ParseNumbers(const std::string& text, std::string_view option) {
-    std::array<double, N> out{};
-    const char* p = text.c_str();
-    for (size_t i = 0; i < N; ++i) {
-        char* end = nullptr;
-        out[i] = std::strtod(p, &end);
-        const bool last = i + 1 == N;
-        if (end == p || (last ? *end != '\0' : *end != ',')) {
-            return IllegalArgumentError(
-                KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.", option, N, text);
-        }
-        p = end + 1;
-    }
-    return out;
-}
-
-Result<Vec3> ParseVec3(const std::string& text, std::string_view option) {
-    KELVO_ASSIGN_OR_RETURN(auto a, ParseNumbers<3>(text, option));
-    return Vec3{a[0], a[1], a[2]};
-}
-Result<Vec2> ParseVec2(const std::string& text, std::string_view option) {
-    KELVO_ASSIGN_OR_RETURN(auto a, ParseNumbers<2>(text, option));
-    return Vec2{a[0], a[1]};
-}
 
 struct CameraOptions {
     std::string cameraClass = "perspective";
@@ -456,7 +218,6 @@ Result<std::string> RaysJson(const CameraOptions& o) {
 
 }  // namespace
 
-// Used by the demo.
 Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::string& matrixJson,
                                    double fieldOfView, const std::vector<std::string>& pixels) {
     CameraOptions o;
@@ -497,23 +258,22 @@ void AddCameraCommand(CLI::App& app, Context& context, int& status) {
         "Read one camera operation per line on stdin and answer one line each (see README)");
     cmd->callback([&context, &status, o, cmd] {
         o->hasFieldOfView = cmd->count("--fov") > 0;
-        if (auto r = context.LoadModules(); !r) {
-            status = Fail(r.GetError());
-            return;
-        }
-        if (o->jsonLines) {
-            CameraSession session;
-            RunJsonLines(std::cin, std::cout, [&session](const nlohmann::json& request) {
-                return session.Handle(request);
-            });
-            return;
-        }
-        auto json = RaysJson(*o);
-        if (!json) {
-            status = Fail(json.GetError());
-            return;
-        }
-        std::cout << *json << '\n';
+        RunCommand(context, status, [&]() -> Result<void> {
+            if (o->jsonLines) {
+                // Failed requests answer in line; the run itself succeeds.
+                CameraSession session;
+                KELVO_TRY(
+                    RunJsonLines(StandardInput(), std::cout,
+                                 [&session](const nlohmann::json& request, JsonWriter& answer) {
+                                     return session.Handle(request, answer);
+                                 },
+                                 {.nameKey = "camera"}));
+                return OK();
+            }
+            KELVO_ASSIGN_OR_RETURN(std::string json, RaysJson(*o));
+            std::cout << json << '\n';
+            return OK();
+        });
     });
 }
 

@@ -1,33 +1,19 @@
 // kelvo demo: runs what the tool can show on built-in sample data and writes the
 // pictures and reports into a folder.
-#include <fstream>
 #include <iostream>
 #include <vector>
 
 #include "bsdf_plot.h"
-#include "context.h"
-#include "json.h"
+#include "cli_common.h"
+#include "commands.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
 #include "kelvo/sceneobject.h"
 
 namespace kelvo::cli {
 
-std::string ModulesReportJson();
-void WriteConfigReport(std::ostream& out);
-void WriteModulesReport(std::ostream& out);
-Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::string& matrixJson,
-                                   double fieldOfView, const std::vector<std::string>& pixels);
-
 namespace {
 namespace fs = std::filesystem;
-
-Result<void> WriteFile(const fs::path& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-    if (!out) return IoError(KELVO_HERE, path.string(), "Cannot write '@'.", path.string());
-    return OK();
-}
 
 // A linear-light colour ramp written through every host image format and read back, so
 // the report shows what each file holds.
@@ -47,8 +33,10 @@ Result<void> WritePictures(const fs::path& folder, std::string& report) {
     for (int64_t y = 0; y < h; ++y) KELVO_TRY(writer->SetPixels(0, y, w, &ramp[size_t(y * w * 3)]));
     KELVO_TRY(image->AddLayer(layer));
     for (const char* name : {"ramp.exr", "ramp.tif", "ramp.png"}) {
+        KELVO_TRY(WriteOutput(folder / name, [&](const fs::path& at) {
+            return ExportImage(Url::FromFile(at.string()), *image);
+        }));
         Url url = Url::FromFile((folder / name).string());
-        KELVO_TRY(ExportImage(url, *image));
         KELVO_ASSIGN_OR_RETURN(auto back, ImportImage(url));
         auto l = back->GetLayer(0);
         report += FormatMessage("@: @, @ x @, @, @\n", name,
@@ -96,23 +84,22 @@ Result<std::string> CamerasJson() {
 }
 
 Result<void> RunDemo(Context& context, const fs::path& folder) {
-    KELVO_TRY(context.LoadModules());
     std::error_code ec;
     fs::create_directories(folder, ec);
     if (ec)
         return IoError(KELVO_HERE, folder.string(), "Cannot create '@': @", folder.string(),
                        ec.message());
     std::ostringstream modules, config;
-    WriteModulesReport(modules);
-    WriteConfigReport(config);
-    KELVO_TRY(WriteFile(folder / "modules.txt", modules.str()));
-    KELVO_TRY(WriteFile(folder / "modules.json", ModulesReportJson() + "\n"));
-    KELVO_TRY(WriteFile(folder / "config.json", config.str()));
+    PrintModules(modules);
+    PrintConfig(config, true);
+    KELVO_TRY(WriteTextFile(folder / "modules.txt", modules.str()));
+    KELVO_TRY(WriteTextFile(folder / "modules.json", ModulesJson() + "\n"));
+    KELVO_TRY(WriteTextFile(folder / "config.json", config.str()));
     std::string pictures;
     KELVO_TRY(WritePictures(folder, pictures));
-    KELVO_TRY(WriteFile(folder / "pictures.txt", pictures));
+    KELVO_TRY(WriteTextFile(folder / "pictures.txt", pictures));
     KELVO_ASSIGN_OR_RETURN(std::string cameras, CamerasJson());
-    KELVO_TRY(WriteFile(folder / "cameras.json", cameras + "\n"));
+    KELVO_TRY(WriteTextFile(folder / "cameras.json", cameras + "\n"));
     std::cout << "kelvo demo: wrote modules.txt, modules.json, config.json, ramp.exr, ramp.tif, "
                  "ramp.png, pictures.txt, cameras.json to "
               << folder.string() << '\n';
@@ -137,7 +124,7 @@ void AddDemoCommand(CLI::App& app, Context& context, int& status) {
         "Run the module on built-in sample data and write pictures and reports to a folder");
     auto* out = cmd->add_option("-o,--out", "Folder to write into")->default_val("kelvo-demo");
     cmd->callback([&context, &status, out] {
-        if (auto r = RunDemo(context, out->as<std::string>()); !r) status = Fail(r.GetError());
+        RunCommand(context, status, [&] { return RunDemo(context, out->as<std::string>()); });
     });
 }
 

@@ -2,11 +2,10 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <fstream>
 #include <iostream>
 
-#include "context.h"
-#include "json.h"
+#include "cli_common.h"
+#include "commands.h"
 #include "kelvo/ies.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
@@ -28,8 +27,7 @@ struct Loaded {
 };
 
 // Parses a file; the profile is returned after a failed parse too, with what it stored.
-Result<Loaded> LoadProfile(Context& context, const std::string& file) {
-    KELVO_TRY(context.LoadModules());
+Result<Loaded> LoadProfile(const std::string& file) {
     KELVO_ASSIGN_OR_RETURN(StrongRef<IesInterface> ies, CreateComponent<IesInterface>());
     KELVO_ASSIGN_OR_RETURN(StrongRef<InputStream> stream, OpenInputStream(Url::FromFile(file)));
     Result<void> parsed = ies->Init(stream);
@@ -128,32 +126,14 @@ Vec3 FromAngles(double thetaDeg, double phiDeg) {
     return {std::sin(t) * std::sin(p), std::sin(t) * std::cos(p), -std::cos(t)};
 }
 
-Result<std::vector<double>> SplitNumbers(const std::string& text, size_t count,
-                                         std::string_view what) {
-    std::vector<double> out;
-    std::stringstream s(text);
-    std::string part;
-    while (std::getline(s, part, ',')) {
-        char* end = nullptr;
-        double v = std::strtod(part.c_str(), &end);
-        if (part.empty() || *end != '\0') break;
-        out.push_back(v);
-    }
-    if (out.size() != count)
-        return IllegalArgumentError(KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.",
-                                    what, count, text);
-    return out;
-}
-
 // One request of `ies eval`: [x, y, z], {"direction": [x, y, z]} or {"theta": t, "phi": p}.
 Result<Vec3> ReadDirection(const nlohmann::json& request) {
     if (request.is_array()) return ReadVec3(request, "direction");
     if (request.is_object() && request.contains("direction"))
         return ReadVec3(request["direction"], "direction");
     if (request.is_object() && request.contains("theta")) {
-        KELVO_ASSIGN_OR_RETURN(double theta, ReadNumber(request["theta"], "theta"));
-        KELVO_ASSIGN_OR_RETURN(double phi,
-                               ReadNumber(request.value("phi", nlohmann::json(0.0)), "phi"));
+        KELVO_ASSIGN_OR_RETURN(double theta, NumberMember(request, "theta"));
+        KELVO_ASSIGN_OR_RETURN(double phi, NumberMember(request, "phi", 0.0));
         return FromAngles(theta, phi);
     }
     return IllegalArgumentError(
@@ -161,10 +141,8 @@ Result<Vec3> ReadDirection(const nlohmann::json& request) {
         "A request is [x, y, z], {\"direction\": [x, y, z]} or {\"theta\": t, \"phi\": p}.");
 }
 
-std::string EvalJson(const IesInterface& ies, const Vec3& d) {
-    JsonWriter w;
-    w.Object().Key("direction").Vec(d).Key("intensity").Number(ies.ComputeLightIntensity(d)).End();
-    return w.Text();
+void WriteEval(JsonWriter& w, const IesInterface& ies, const Vec3& d) {
+    w.Key("direction").Vec(d).Key("intensity").Number(ies.ComputeLightIntensity(d));
 }
 
 struct EvalOptions {
@@ -173,45 +151,49 @@ struct EvalOptions {
     bool json = false;
 };
 
-Result<void> RunEval(Context& context, const EvalOptions& o, int& status) {
-    KELVO_ASSIGN_OR_RETURN(Loaded loaded, LoadProfile(context, o.file));
+Result<int> RunEval(const EvalOptions& o) {
+    KELVO_ASSIGN_OR_RETURN(Loaded loaded, LoadProfile(o.file));
     KELVO_TRY(loaded.parsed);
     std::vector<Vec3> directions;
     for (const std::string& d : o.dirs) {
-        KELVO_ASSIGN_OR_RETURN(auto v, SplitNumbers(d, 3, "--dir"));
-        directions.push_back({v[0], v[1], v[2]});
+        KELVO_ASSIGN_OR_RETURN(Vec3 v, ParseVec3(d, "--dir"));
+        directions.push_back(v);
     }
     for (const std::string& a : o.angles) {
-        KELVO_ASSIGN_OR_RETURN(auto v, SplitNumbers(a, 2, "--angles"));
-        directions.push_back(FromAngles(v[0], v[1]));
+        KELVO_ASSIGN_OR_RETURN(Vec2 v, ParseVec2(a, "--angles"));
+        directions.push_back(FromAngles(v.x, v.y));
     }
     if (directions.empty()) {
-        // JSON lines on stdin, one answer per request.
-        int failed = RunJsonLines(std::cin, std::cout,
-                                  [&](const nlohmann::json& request) -> Result<std::string> {
-                                      KELVO_ASSIGN_OR_RETURN(Vec3 d, ReadDirection(request));
-                                      return EvalJson(*loaded.ies, d);
-                                  });
-        status = failed > 0 ? 1 : 0;
-        return OK();
+        // JSON lines on stdin, one answer per request; any failed request fails the run.
+        KELVO_ASSIGN_OR_RETURN(
+            int failed,
+            RunJsonLines(StandardInput(), std::cout,
+                         [&](const nlohmann::json& request, JsonWriter& answer) -> Result<void> {
+                             KELVO_ASSIGN_OR_RETURN(Vec3 d, ReadDirection(request));
+                             WriteEval(answer, *loaded.ies, d);
+                             return OK();
+                         },
+                         {.nameKey = nullptr}));
+        return failed > 0 ? 1 : 0;
     }
     for (const Vec3& d : directions) {
-        if (o.json)
-            std::cout << EvalJson(*loaded.ies, d) << '\n';
-        else
+        if (o.json) {
+            JsonWriter w;
+            WriteEval(w.Object(), *loaded.ies, d);
+            std::cout << w.End().Text() << '\n';
+        } else
             std::cout << JsonNumber(d.x) << ' ' << JsonNumber(d.y) << ' ' << JsonNumber(d.z) << "  "
                       << JsonNumber(loaded.ies->ComputeLightIntensity(d)) << '\n';
     }
-    return OK();
+    return 0;
 }
 
-Result<void> RunConvert(Context& context, const std::string& file, const std::string& output) {
-    KELVO_ASSIGN_OR_RETURN(Loaded loaded, LoadProfile(context, file));
+// The profile is read whole before the output is written: converting over itself is safe.
+Result<void> RunConvert(const std::string& file, const std::string& output) {
+    KELVO_ASSIGN_OR_RETURN(Loaded loaded, LoadProfile(file));
     KELVO_TRY(loaded.parsed);
     KELVO_ASSIGN_OR_RETURN(std::string text, loaded.ies->ConvertToText());
-    std::ofstream out(output, std::ios::binary);
-    out << text;
-    if (!out.flush()) return IoError(KELVO_HERE, output, "Cannot write '@'.", output);
+    KELVO_TRY(WriteTextFile(output, text));
     std::cout << "kelvo ies convert: wrote " << output << '\n';
     return OK();
 }
@@ -268,7 +250,9 @@ Result<void> WriteIesPreview(Context& context, const std::string& file, const st
         KELVO_TRY(writer->SetPixels(0, y, size, row.data()));
     }
     KELVO_TRY(out->AddLayer(target));
-    return ExportImage(Url::FromFile(output), *out);
+    return WriteOutput(output, [&](const std::filesystem::path& at) {
+        return ExportImage(Url::FromFile(at.string()), *out);
+    });
 }
 
 void AddIesCommand(CLI::App& app, Context& context, int& status) {
@@ -288,19 +272,17 @@ void AddIesCommand(CLI::App& app, Context& context, int& status) {
                    "_dataPower, _checksum, powerRatio); after a failed parse, the error and the "
                    "properties stored so far");
     info->callback([&context, &status, infoFile, infoJson] {
-        auto loaded = LoadProfile(context, *infoFile);
-        if (!loaded) {
-            status = Fail(loaded.GetError());
-            return;
-        }
-        if (*infoJson) {
-            std::cout << InfoJson(*loaded->ies, loaded->parsed) << '\n';
-            status = loaded->parsed ? 0 : 1;
-        } else if (!loaded->parsed) {
-            status = Fail(loaded->parsed.GetError());
-        } else {
-            PrintInfo(*infoFile, *loaded->ies, std::cout);
-        }
+        RunCommand(context, status, [&]() -> Result<int> {
+            KELVO_ASSIGN_OR_RETURN(Loaded loaded, LoadProfile(*infoFile));
+            if (*infoJson) {
+                // A failed parse still shows what was stored, with the error.
+                std::cout << InfoJson(*loaded.ies, loaded.parsed) << '\n';
+                return loaded.parsed ? 0 : 1;
+            }
+            KELVO_TRY(loaded.parsed);
+            PrintInfo(*infoFile, *loaded.ies, std::cout);
+            return 0;
+        });
     });
 
     auto* eval = ies->add_subcommand(
@@ -320,7 +302,7 @@ void AddIesCommand(CLI::App& app, Context& context, int& status) {
     eval->add_flag("--json", evalOptions->json,
                    "Answer {\"direction\": [...], \"intensity\": v} per line");
     eval->callback([&context, &status, evalOptions] {
-        if (auto r = RunEval(context, *evalOptions, status); !r) status = Fail(r.GetError());
+        RunCommand(context, status, [&] { return RunEval(*evalOptions); });
     });
 
     auto* convert = ies->add_subcommand(
@@ -330,8 +312,7 @@ void AddIesCommand(CLI::App& app, Context& context, int& status) {
     convert->add_option("FILE", *convertFile, "The .ies file")->required();
     convert->add_option("-o,--out", *convertOut, "The file to write")->required();
     convert->callback([&context, &status, convertFile, convertOut] {
-        if (auto r = RunConvert(context, *convertFile, *convertOut); !r)
-            status = Fail(r.GetError());
+        RunCommand(context, status, [&] { return RunConvert(*convertFile, *convertOut); });
     });
 
     auto* preview = ies->add_subcommand(
@@ -346,11 +327,11 @@ void AddIesCommand(CLI::App& app, Context& context, int& status) {
         ->required();
     preview->add_option("--size", *previewSize, "Width and height in pixels")->default_val(512);
     preview->callback([&context, &status, previewFile, previewOut, previewSize] {
-        if (auto r = WriteIesPreview(context, *previewFile, *previewOut, *previewSize); !r) {
-            status = Fail(r.GetError());
-            return;
-        }
-        std::cout << "kelvo ies preview: wrote " << *previewOut << '\n';
+        RunCommand(context, status, [&]() -> Result<void> {
+            KELVO_TRY(WriteIesPreview(context, *previewFile, *previewOut, *previewSize));
+            std::cout << "kelvo ies preview: wrote " << *previewOut << '\n';
+            return OK();
+        });
     });
 }
 

@@ -2,8 +2,8 @@
 // format a module registers opens here as the host's own do.
 #include <iostream>
 
-#include "context.h"
-#include "json.h"
+#include "cli_common.h"
+#include "commands.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
 
@@ -15,14 +15,13 @@ std::string FormatName(const Id& format) {
     return f ? std::string((*f)->GetName()) : std::string();
 }
 
-Result<StrongRef<ImageInterface>> Open(Context& context, const std::string& file) {
-    KELVO_TRY(context.LoadModules());
+Result<StrongRef<ImageInterface>> Open(const std::string& file) {
     KELVO_ASSIGN_OR_RETURN(Url url, Url::FromText(file));
     return ImportImage(url);
 }
 
-Result<void> Info(Context& context, const std::string& file, bool json) {
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(context, file));
+Result<void> Info(const std::string& file, bool json) {
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(file));
     Id format = image->GetProperties().Get<Id>(kImagePropertyFileFormat);
     if (json) {
         JsonWriter w;
@@ -53,9 +52,11 @@ Result<void> Info(Context& context, const std::string& file, bool json) {
     return OK();
 }
 
-Result<void> Convert(Context& context, const std::string& in, const std::string& out,
-                     const std::string& format, bool half) {
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(context, in));
+// The whole picture is read before the output is written, so converting a file over
+// itself is safe.
+Result<void> Convert(const std::string& in, const std::string& out, const std::string& format,
+                     bool half) {
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(in));
     KELVO_ASSIGN_OR_RETURN(Url target, Url::FromText(out));
     Id formatId;
     if (!format.empty()) {
@@ -63,7 +64,11 @@ Result<void> Convert(Context& context, const std::string& in, const std::string&
     }
     DataDictionary options;
     KELVO_TRY(options.Set(kExportOptionHalf, half));
-    return ExportImage(target, *image, formatId, options);
+    std::filesystem::path path = host::LocalPath(target);
+    if (path.empty()) return ExportImage(target, *image, formatId, options);  // not a file
+    return WriteOutput(path, [&](const std::filesystem::path& at) {
+        return ExportImage(Url::FromFile(at.string()), *image, formatId, options);
+    });
 }
 
 }  // namespace
@@ -78,7 +83,7 @@ void AddImageCommand(CLI::App& app, Context& context, int& status) {
     auto json = std::make_shared<bool>(false);
     info->add_flag("--json", *json, "Answer as one JSON object");
     info->callback([&context, &status, file, json] {
-        if (auto r = Info(context, file->as<std::string>(), *json); !r) status = Fail(r.GetError());
+        RunCommand(context, status, [&] { return Info(file->as<std::string>(), *json); });
     });
 
     auto* convert = cmd->add_subcommand(
@@ -93,8 +98,9 @@ void AddImageCommand(CLI::App& app, Context& context, int& status) {
     convert->add_flag("--half", *half, "OpenEXR: store 16-bit half floats");
     convert->callback([&context, &status, in, out, format, half] {
         std::string f = format->count() ? format->as<std::string>() : std::string();
-        if (auto r = Convert(context, in->as<std::string>(), out->as<std::string>(), f, *half); !r)
-            status = Fail(r.GetError());
+        RunCommand(context, status, [&] {
+            return Convert(in->as<std::string>(), out->as<std::string>(), f, *half);
+        });
     });
 }
 

@@ -1,8 +1,8 @@
 // kelvo modules / kelvo config: what the loaded modules offer.
 #include <iostream>
 
-#include "context.h"
-#include "json.h"
+#include "cli_common.h"
+#include "commands.h"
 
 namespace kelvo::cli {
 namespace {
@@ -25,6 +25,8 @@ const char* KindName(ENTRYKIND kind) {
             return "none";
     }
 }
+
+}  // namespace
 
 std::string ModulesJson() {
     JsonWriter w;
@@ -112,8 +114,6 @@ void PrintConfig(std::ostream& out, bool json) {
     }
 }
 
-}  // namespace
-
 void AddModulesCommand(CLI::App& app, Context& context, int& status) {
     auto* cmd = app.add_subcommand(
         "modules",
@@ -122,14 +122,13 @@ void AddModulesCommand(CLI::App& app, Context& context, int& status) {
     auto json = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, "Write one JSON document instead of text");
     cmd->callback([&context, &status, json] {
-        if (auto r = context.LoadModules(); !r) {
-            status = Fail(r.GetError());
-            return;
-        }
-        if (*json)
-            std::cout << ModulesJson() << '\n';
-        else
-            PrintModules(std::cout);
+        RunCommand(context, status, [&]() -> Result<void> {
+            if (*json)
+                std::cout << ModulesJson() << '\n';
+            else
+                PrintModules(std::cout);
+            return OK();
+        });
     });
 }
 
@@ -141,17 +140,11 @@ void AddConfigCommand(CLI::App& app, Context& context, int& status) {
     auto json = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, "Write a JSON array instead of text");
     cmd->callback([&context, &status, json] {
-        if (auto r = context.LoadModules(); !r) {
-            status = Fail(r.GetError());
-            return;
-        }
-        PrintConfig(std::cout, *json);
+        RunCommand(context, status, [&]() -> Result<void> {
+            PrintConfig(std::cout, *json);
+            return OK();
+        });
     });
 }
-
-// Used by the demo to write its reports.
-std::string ModulesReportJson() { return ModulesJson(); }
-void WriteConfigReport(std::ostream& out) { PrintConfig(out, true); }
-void WriteModulesReport(std::ostream& out) { PrintModules(out); }
 
 }  // namespace kelvo::cli

@@ -2,8 +2,8 @@
 #include <iostream>
 #include <memory>
 
-#include "context.h"
-#include "json.h"
+#include "cli_common.h"
+#include "commands.h"
 
 namespace kelvo::cli {
 
@@ -15,31 +15,29 @@ void AddSelfTestCommand(CLI::App& app, Context& context, int& status) {
     auto json = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, "One JSON object per test");
     cmd->callback([&context, &status, json] {
-        if (auto r = context.LoadModules(); !r) {
-            status = Fail(r.GetError());
-            return;
-        }
-        int failed = 0;
-        for (const host::SelfTestOutcome& o : host::RunSelfTests()) {
-            if (!o.passed) ++failed;
-            if (*json) {
-                JsonWriter w;
-                w.Object()
-                    .Key("id")
-                    .String(o.id.Text())
-                    .Key("kind")
-                    .String(o.speed ? "speed" : "unit");
-                w.Key("passed").Bool(o.passed).Key("report").String(o.report);
-                if (!o.passed) w.Key("error").String(o.error);
-                std::cout << w.End().Text() << '\n';
-                continue;
+        RunCommand(context, status, [&]() -> Result<int> {
+            int failed = 0;
+            for (const host::SelfTestOutcome& o : host::RunSelfTests()) {
+                if (!o.passed) ++failed;
+                if (*json) {
+                    JsonWriter w;
+                    w.Object()
+                        .Key("id")
+                        .String(o.id.Text())
+                        .Key("kind")
+                        .String(o.speed ? "speed" : "unit");
+                    w.Key("passed").Bool(o.passed).Key("report").String(o.report);
+                    if (!o.passed) w.Key("error").String(o.error);
+                    std::cout << w.End().Text() << '\n';
+                    continue;
+                }
+                std::cout << (o.passed ? "PASS " : "FAIL ") << o.id.Text()
+                          << (o.speed ? " (speed test)" : "") << '\n';
+                std::cout << o.report;
+                if (!o.passed) std::cout << "  " << o.error << '\n';
             }
-            std::cout << (o.passed ? "PASS " : "FAIL ") << o.id.Text()
-                      << (o.speed ? " (speed test)" : "") << '\n';
-            std::cout << o.report;
-            if (!o.passed) std::cout << "  " << o.error << '\n';
-        }
-        if (failed) status = 1;
+            return failed ? 1 : 0;
+        });
     });
 }
 

@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <iostream>
-
 namespace kelvo::cli {
 namespace fs = std::filesystem;
 
@@ -57,11 +55,6 @@ Result<void> Context::LoadModules() {
         KELVO_TRY(host::ConfigSet(s.substr(0, eq), s.substr(eq + 1)));
     }
     return OK();
-}
-
-int Fail(const Error& error) {
-    std::cerr << "kelvo: " << error.Message() << '\n';
-    return 1;
 }
 
 }  // namespace kelvo::cli

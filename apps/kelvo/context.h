@@ -31,23 +31,4 @@ private:
     std::vector<host::ModuleHandle> _modules;
 };
 
-// Prints "kelvo: <message>" on stderr and returns the exit status 1.
-int Fail(const Error& error);
-
-// Each subcommand adds itself and its options; the callback runs the command and leaves
-// its exit status in `status`.
-void AddModulesCommand(CLI::App& app, Context& context, int& status);
-void AddConfigCommand(CLI::App& app, Context& context, int& status);
-void AddDemoCommand(CLI::App& app, Context& context, int& status);
-void AddImageCommand(CLI::App& app, Context& context, int& status);
-void AddCameraCommand(CLI::App& app, Context& context, int& status);
-
-void AddBsdfCommand(CLI::App& app, Context& context, int& status);
-void AddSelfTestCommand(CLI::App& app, Context& context, int& status);
-void AddIesCommand(CLI::App& app, Context& context, int& status);
-// Writes the preview of an IES file, opened through the image import, as a size x size
-// picture (the format follows the output's suffix).
-Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output,
-                             int64_t size);
-
 }  // namespace kelvo::cli

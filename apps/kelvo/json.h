@@ -1,14 +1,8 @@
-// JSON output and JSON-lines input shared by every subcommand.
-//
-// Numbers carry 17 significant digits (they read back to the same double); non-finite
-// numbers are the strings "inf", "-inf" and "nan"; text is written byte by byte, bytes
-// that are not valid UTF-8 mapping to the code points U+0080..U+00FF.
+// JSON output of every subcommand, by the host's JSON text conventions (json_text.h):
+// numbers carry 17 significant digits and non-finite ones are "inf", "-inf" and "nan";
+// text that is not valid UTF-8 is written as Latin-1.
 #pragma once
 
-#include <functional>
-#include <istream>
-#include <nlohmann/json.hpp>
-#include <ostream>
 #include <string>
 #include <string_view>
 
@@ -47,17 +41,5 @@ private:
     bool _first = true;
     bool _afterKey = false;
 };
-
-// Reads numbers as written by JsonNumber: JSON numbers or "inf", "-inf", "nan".
-Result<double> ReadNumber(const nlohmann::json& v, std::string_view what);
-Result<Vec2> ReadVec2(const nlohmann::json& v, std::string_view what);
-Result<Vec3> ReadVec3(const nlohmann::json& v, std::string_view what);
-Result<Matrix> ReadMatrix(const nlohmann::json& v, std::string_view what);
-
-// Reads one request per line and writes one answer per line, flushing as it goes. A
-// line that is not JSON, or a request that fails, answers {"error": "<message>"}.
-// Blank lines are skipped. Returns the number of failed requests.
-using JsonLineHandler = std::function<Result<std::string>(const nlohmann::json& request)>;
-int RunJsonLines(std::istream& in, std::ostream& out, const JsonLineHandler& handler);
 
 }  // namespace kelvo::cli

@@ -1,7 +1,6 @@
 // kelvo: inspect, evaluate and render with the render module from a terminal.
-#include <iostream>
-
-#include "context.h"
+#include "cli_common.h"
+#include "commands.h"
 
 int main(int argc, char** argv) {
     using namespace kelvo::cli;
@@ -19,7 +18,6 @@ int main(int argc, char** argv) {
     AddDemoCommand(app, context, status);
     AddImageCommand(app, context, status);
     AddCameraCommand(app, context, status);
-
     AddBsdfCommand(app, context, status);
     AddSelfTestCommand(app, context, status);
     AddIesCommand(app, context, status);
@@ -31,8 +29,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForAllHelp& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
-        std::cerr << "kelvo: " << e.what() << '\n';
-        return 1;
+        return Fail(UnexpectedError(KELVO_HERE, "@", e.what()));
     }
     return status;
 }

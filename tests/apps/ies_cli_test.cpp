@@ -84,6 +84,22 @@ TEST(KelvoIesTest, ConvertWritesTextThatReadsBackToTheSameValues) {
     for (const char* key :
          {"_anglesVertical", "_anglesHorizontal", "_data", "_dataMax", "_dataPower"})
         EXPECT_EQ(before[key], after[key]) << key;
+
+    // Over itself, on a disk that fills up midway (a file-size limit, its signal ignored so
+    // that the write fails): the old file stays as it was, and nothing is left beside it.
+    fs::copy_file(Data("guv__ushio_b1.ies"), out, fs::copy_options::overwrite_existing);
+    const std::string original = kelvo::testing_ies::ReadFile(out);
+    ToolRun full = Shell("trap '' XFSZ; ulimit -f 4; " +
+                         Tool("ies convert " + out.string() + " -o " + out.string() + " 2>&1"));
+    EXPECT_EQ(full, Failed("Cannot write '" + out.string() + "': File too large."));
+    EXPECT_EQ(kelvo::testing_ies::ReadFile(out), original);
+    for (const auto& e : fs::directory_iterator(out.parent_path()))
+        EXPECT_EQ(e.path().filename().string().find(".kelvo_ies_convert_"), std::string::npos);
+    ToolRun again = Kelvo("ies convert " + out.string() + " -o " + out.string());
+    ASSERT_EQ(again.status, 0) << again.out;
+    EXPECT_EQ(
+        nlohmann::json::parse(Kelvo("ies info --json " + out.string()).out)["_data"],
+        nlohmann::json::parse(Kelvo("ies info --json " + Data("guv__ushio_b1.ies")).out)["_data"]);
     fs::remove(out);
 }
 

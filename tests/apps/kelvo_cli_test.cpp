@@ -4,12 +4,13 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <system_error>
 #include <vector>
 
 #include "../image_test_util.h"
 #include "../modules/render.module/ies_test_util.h"
+#include "cli_common.h"
 #include "host.h"
-#include "json.h"
 #include "kelvo/mediasession_output.h"
 
 namespace kelvo::cli {
@@ -40,6 +41,9 @@ TEST(JsonTest, TextKeepsUtf8AndMapsOtherBytesToLatin1) {
     EXPECT_EQ(JsonString("caf\xe9"), "\"caf\xc3\xa9\"");      // Latin-1 byte 0xE9 -> U+00E9
     EXPECT_EQ(JsonString("\xff\xc3"), "\"\xc3\xbf\xc3\x83\"");
     EXPECT_EQ(JsonString("\xed\xa0\x80"), "\"\xc3\xad\xc2\xa0\xc2\x80\"");  // no surrogates
+    // One rule for the whole text, as data descriptions have it: any stray byte makes all
+    // of it Latin-1.
+    EXPECT_EQ(JsonString("\xc3\xa9\xe9"), "\"\xc3\x83\xc2\xa9\xc3\xa9\"");
     JsonWriter w;
     w.Object().Key("m").Mat(Matrix{}).Key("v").Vec(Vec2{1, 2}).End();
     EXPECT_EQ(w.Text(),
@@ -47,17 +51,84 @@ TEST(JsonTest, TextKeepsUtf8AndMapsOtherBytesToLatin1) {
               "\"zAxis\":[0.0,0.0,1]},\"v\":[1,2]}");
 }
 
-TEST(JsonTest, JsonLinesAnswerEveryLineAndGoOnAfterErrors) {
-    std::istringstream in("{\"x\":1}\nnot json\n\n{\"x\":2}\r\n{\"fail\":true}\n");
+TEST(JsonLinesTest, EveryRequestIsAnsweredInOrderWithItsOpAndName) {
+    std::istringstream in(
+        "{\"op\":\"twice\",\"name\":\"a\",\"x\":1}\nnot json\n\n{\"op\":\"twice\",\"x\":2}\r\n"
+        "{\"op\":\"fail\",\"name\":\"b\",\"x\":3}\n[1]\n{\"op\":7,\"name\":[]}");
     std::ostringstream out;
-    int failed = RunJsonLines(in, out, [](const nlohmann::json& r) -> Result<std::string> {
-        if (r.contains("fail")) return IllegalArgumentError(KELVO_HERE, "Bad \"request\".");
-        return JsonNumber(r["x"].get<double>() * 2);
+    auto failed = RunJsonLines(in, out, [](const nlohmann::json& r, JsonWriter& w) -> Result<void> {
+        KELVO_ASSIGN_OR_RETURN(double x, NumberMember(r, "x"));
+        w.Key("y").Number(2 * x);  // dropped when the request then fails
+        if (Member(r, "op") == "fail") return IllegalArgumentError(KELVO_HERE, "Bad \"request\".");
+        return OK();
     });
-    EXPECT_EQ(failed, 2);
-    EXPECT_EQ(out.str(),
-              "2\n{\"error\":\"Illegal argument: The line is not valid JSON.\"}\n4\n"
-              "{\"error\":\"Illegal argument: Bad \\\"request\\\".\"}\n");
+    EXPECT_EQ(*failed, 4);
+    EXPECT_EQ(
+        out.str(),
+        "{\"op\":\"twice\",\"name\":\"a\",\"y\":2}\n"
+        "{\"error\":\"Illegal argument: The line is not valid JSON.\"}\n"
+        "{\"op\":\"twice\",\"y\":4}\n"
+        "{\"op\":\"fail\",\"name\":\"b\",\"error\":\"Illegal argument: Bad \\\"request\\\".\"}\n"
+        "{\"error\":\"Illegal argument: x is missing.\"}\n"
+        "{\"error\":\"Illegal argument: x is missing.\"}\n");
+}
+
+TEST(JsonLinesTest, LongLinesAndReadOrWriteErrorsEndTheRun) {
+    auto echo = [](const nlohmann::json&, JsonWriter&) { return OK(); };
+    std::istringstream longLine("{\"op\":\"a\"}\n" + std::string(65, ' ') + "\n{\"op\":\"b\"}\n");
+    std::ostringstream out;
+    EXPECT_EQ(RunJsonLines(longLine, out, echo, {.maxLineBytes = 64}).GetError().Message(),
+              "Illegal argument: Line 2 is longer than 64 bytes.");
+    EXPECT_EQ(out.str(), "{\"op\":\"a\"}\n");
+
+    // A stream that fails after its first line, as a read(2) error would.
+    struct FailingBuffer : std::streambuf {
+        std::string line = "{\"op\":\"a\"}\n";
+        int_type underflow() override {
+            if (eback() == line.data()) throw std::system_error(EIO, std::generic_category());
+            setg(line.data(), line.data(), line.data() + line.size());
+            return traits_type::to_int_type(line[0]);
+        }
+    } buffer;
+    std::istream failing(&buffer);
+    out.str("");
+    EXPECT_EQ(RunJsonLines(failing, out, echo).GetError().Message(),
+              "Cannot read the requests: Input/output error");
+    EXPECT_EQ(out.str(), "{\"op\":\"a\"}\n");
+
+    std::istringstream one("{\"op\":\"a\"}\n");
+    std::ostringstream full;
+    full.setstate(std::ios::badbit);
+    EXPECT_EQ(RunJsonLines(one, full, echo).GetError().Message(),
+              "Cannot write to standard output.");
+}
+
+TEST(RequestReadersTest, OneWordingAndNoIntegerIsRoundedOrWrapped) {
+    auto r = nlohmann::json::parse(
+        R"({"big":18446744073709551615,"frac":2.5,"exp":1e3,"neg":-3,"flag":1,"text":"x"})");
+    EXPECT_EQ(IntegerMember(r, "big", 0).GetError().Message(),
+              "Illegal argument: big must be an integer from -9223372036854775808 to "
+              "9223372036854775807.");
+    EXPECT_EQ(IntegerMember(r, "frac", 0).GetError().Message(),
+              "Illegal argument: frac must be an integer.");
+    EXPECT_EQ(IntegerMember(r, "exp", 0).GetError().Message(),
+              "Illegal argument: exp must be an integer.");
+    EXPECT_EQ(IntegerMember(r, "neg", 0, 0, 400).GetError().Message(),
+              "Illegal argument: neg must be an integer from 0 to 400.");
+    EXPECT_EQ(*IntegerMember(r, "absent", 7), 7);
+    EXPECT_EQ(BoolMember(r, "flag", false).GetError().Message(),
+              "Illegal argument: flag must be true or false.");
+    EXPECT_EQ(NumberMember(r, "text").GetError().Message(),
+              "Illegal argument: text must be a number.");
+    EXPECT_EQ(StringMember(r, "absent").GetError().Message(),
+              "Illegal argument: absent must be a string.");
+    for (const char* bad : {"1,2", "1,2,3,4", "1,,3", "1,2,", "1,2,x", ""})
+        EXPECT_EQ(ParseVec3(bad, "--dir").GetError().Message(),
+                  std::string("Illegal argument: --dir expects 3 numbers separated by commas, "
+                              "not '") +
+                      bad + "'.")
+            << bad;
+    EXPECT_EQ(*ParseVec3("1,-2.5,inf", "--dir"), (Vec3{1, -2.5, HUGE_VAL}));
 }
 
 TEST(KelvoToolTest, ModulesAndConfigShowWhatTheModuleDeclares) {
@@ -88,6 +159,13 @@ TEST(KelvoToolTest, ErrorsGoToStderrWithStatusOne) {
               Failed("Illegal argument: --set expects NAME=VALUE, not 'novalue'."));
     EXPECT_EQ(Kelvo("nosuchcommand").status, 1);
     EXPECT_EQ(Kelvo("--help").status, 0);
+    // A full disk on stdout and a folder as stdin.
+    EXPECT_EQ(Shell(Tool("modules") + " 2>&1 >/dev/full"),
+              Failed("Cannot write to standard output."));
+    EXPECT_EQ(
+        Shell("echo '{\"op\":\"models\"}' | " + std::string(KELVO_TOOL) + " bsdf 2>&1 >/dev/full"),
+        Failed("Cannot write to standard output."));
+    EXPECT_EQ(Shell(Tool("bsdf") + " </ 2>&1"), Failed("Cannot read the requests: Is a directory"));
 }
 
 TEST(KelvoToolTest, DemoWritesItsReportsAndPreviewsTheSampleProfile) {
@@ -284,22 +362,29 @@ TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
 {"op":"PdfIndirect","model":"lambertbrdf","wo":[0,0,1],"wi":[0,0,-1]}
 {"op":"cache","kind":4}
 {"op":"ComputeBSDF","model":"lambertbrdf","wo":[0,0,1]}
+{"op":"D","name":"d","h":[0,0,1],"useTable":"yes"}
 )");
     EXPECT_EQ(run.status, 0);
     std::istringstream lines(run.out);
     std::vector<std::string> answers;
     for (std::string line; std::getline(lines, line);) answers.push_back(line);
-    ASSERT_EQ(answers.size(), 7u) << run.out;
-    EXPECT_EQ(answers[0], R"({"name":"d"})");
+    ASSERT_EQ(answers.size(), 8u) << run.out;
+    EXPECT_EQ(answers[0], R"({"op":"new","name":"d"})");
     // c = 0.8 is coarse cell 800 of level 200: filled by the D request before it.
     auto d = nlohmann::json::parse(answers[1]);
     auto entry = nlohmann::json::parse(answers[2]);
     EXPECT_GT(entry["values"][0].get<double>(), 0.0);
     EXPECT_NEAR(d["D"].get<double>(), entry["values"][0].get<double>(), 1e-6);
-    EXPECT_EQ(answers[3], R"({"value":[0.0,0.0,0.0],"density":0.0})");
-    EXPECT_EQ(answers[4], R"({"density":0.31830988618379069})");
-    EXPECT_EQ(answers[5], R"({"error":"Illegal argument: Distribution kind 4 has no table."})");
-    EXPECT_EQ(answers[6], R"({"error":"Illegal argument: wi is missing."})");
+    EXPECT_EQ(d["op"], "D");
+    EXPECT_EQ(d["name"], "d");
+    EXPECT_EQ(answers[3], R"({"op":"ComputeBSDF","value":[0.0,0.0,0.0],"density":0.0})");
+    EXPECT_EQ(answers[4], R"({"op":"PdfIndirect","density":0.31830988618379069})");
+    EXPECT_EQ(answers[5],
+              R"({"op":"cache","error":"Illegal argument: Distribution kind 4 has no table."})");
+    EXPECT_EQ(answers[6], R"({"op":"ComputeBSDF","error":"Illegal argument: wi is missing."})");
+    EXPECT_EQ(
+        answers[7],
+        R"({"op":"D","name":"d","error":"Illegal argument: useTable must be true or false."})");
 }
 
 TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {

@@ -269,6 +269,26 @@ TEST_F(JobsTest, LazyInitRunsOnceUnderAStampede) {
     }
 }
 
+// An out-of-memory failure is kept only when asked to; other failures always are.
+TEST_F(JobsTest, LazyInitRetriesOutOfMemoryOnlyWhenAsked) {
+    for (LAZYINIT mode : {LAZYINIT::KEEPFAILURES, LAZYINIT::RETRYOUTOFMEMORY}) {
+        LazyInitThreaded<int> lazy(mode);
+        int makes = 0;
+        auto make = [&]() -> Result<int> {
+            if (++makes == 1) return OutOfMemoryError();
+            if (makes == 2) return IoError(KELVO_HERE, "x", "Cannot read x.");
+            return 7;
+        };
+        EXPECT_EQ(lazy.Get(make).GetError().Kind(), ERRORKIND::OUTOFMEMORY);
+        const bool retries = mode == LAZYINIT::RETRYOUTOFMEMORY;
+        EXPECT_EQ(lazy.IsInitialized(), !retries);
+        auto second = lazy.Get(make);
+        EXPECT_EQ(second.GetError().Kind(), retries ? ERRORKIND::IO : ERRORKIND::OUTOFMEMORY);
+        EXPECT_FALSE(lazy.Get(make).Ok());
+        EXPECT_EQ(makes, retries ? 2 : 1);
+    }
+}
+
 TEST_F(JobsTest, ConditionVariableWaitsAndTimesOut) {
     auto cv = *CreateConditionVariable();
     EXPECT_FALSE(cv->WaitFor(0.001));

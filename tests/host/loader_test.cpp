@@ -35,6 +35,15 @@ std::vector<std::string> ExportedSymbols(const std::string& path) {
     return out;
 }
 
+// A slot the filler forgets would crash the first module that calls it, far from here.
+TEST(LoaderTest, HostFillsEverySlotOfTheRecord) {
+    KelvoHostSlots slots{};
+    host::FillHostSlots(slots);
+#define KELVO_CHECK_SLOT(ret, name, params) EXPECT_NE(slots.name, nullptr) << #name;
+    KELVO_ALL_SLOTS(KELVO_CHECK_SLOT)
+#undef KELVO_CHECK_SLOT
+}
+
 std::string Fixture(const char* name) {
     return std::string(KELVO_FIXTURE_DIR) + "/" + name + ".so";
 }

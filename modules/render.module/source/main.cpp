@@ -63,6 +63,8 @@ KELVO_CONFIG_BOOL(s_runUnitTestStatistics, "g_runUnitTestRenderStatistics", fals
     KELVO_ENTRY(var, ENTRYKIND::REGISTRY, id, Id(), Id(), nullptr, nullptr)
 KELVO_REGISTRY(s_regCameras, "net.kelvo.render.registry.cameraclasses");
 KELVO_REGISTRY(s_regBsdfLegacy, "net.kelvo.render.registry.bsdflegacyclasses");
+KELVO_REGISTRY(s_regMicrofacetDistributions,
+               "net.kelvo.render.registry.microfacetdistributionclasses");
 KELVO_REGISTRY(s_regSceneObjects, "net.kelvo.render.sceneobjectclasses");
 KELVO_REGISTRY(s_regIntersection, "net.kelvo.render.registry.intersectionclasses");
 KELVO_REGISTRY(s_regPreviewProviders, "net.kelvo.nodes.registry.previewimageproviders");

@@ -67,20 +67,29 @@ struct ToolRun {
 // What a failed run prints on stderr, with its exit status.
 inline ToolRun Failed(const std::string& message) { return {1, "kelvo: " + message + "\n"}; }
 
-// Runs the tool from another working directory with the given stdin, capturing stdout and stderr.
-inline ToolRun Kelvo(const std::string& args, const std::string& stdinText = "") {
-    std::filesystem::path in =
-        std::filesystem::temp_directory_path() / ("kelvo_stdin_" + std::to_string(::getpid()));
-    std::ofstream(in) << stdinText;
-    std::string cmd =
-        "cd / && " + std::string(KELVO_TOOL) + " " + args + " < " + in.string() + " 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
+// Runs a shell command, capturing its stdout, with its exit status.
+inline ToolRun Shell(const std::string& command) {
+    FILE* p = popen(command.c_str(), "r");
     std::string out;
     char buf[4096];
     while (size_t n = fread(buf, 1, sizeof buf, p)) out.append(buf, n);
     int status = pclose(p);
-    std::filesystem::remove(in);
     return {WEXITSTATUS(status), out};
+}
+
+// The tool, started from another working directory, as the start of a shell command.
+inline std::string Tool(const std::string& args) {
+    return "cd / && " + std::string(KELVO_TOOL) + " " + args;
+}
+
+// Runs the tool with the given stdin, capturing stdout and stderr.
+inline ToolRun Kelvo(const std::string& args, const std::string& stdinText = "") {
+    std::filesystem::path in =
+        std::filesystem::temp_directory_path() / ("kelvo_stdin_" + std::to_string(::getpid()));
+    std::ofstream(in) << stdinText;
+    ToolRun run = Shell(Tool(args) + " < " + in.string() + " 2>&1");
+    std::filesystem::remove(in);
+    return run;
 }
 
 // Width and height from a PNG's IHDR chunk.

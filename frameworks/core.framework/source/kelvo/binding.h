@@ -13,10 +13,10 @@
 #include <string>
 #include <string_view>
 
-#include "kelvo/descriptionslots.h"
+#include "kelvo/description_slots.h"
 #include "kelvo/id.h"
-#include "kelvo/imageslots.h"
-#include "kelvo/jobslots.h"
+#include "kelvo/image_slots.h"
+#include "kelvo/job_slots.h"
 #include "kelvo/platform_slots.h"
 
 namespace kelvo {

@@ -210,13 +210,20 @@ Result<void> ParallelFor(int64_t from, int64_t to, WORK&& work, ParallelForOptio
 
 // --- One-time threaded lazy initialisation -------------------------------------------------
 
+enum class LAZYINIT : uint8_t {
+    KEEPFAILURES,      // every outcome is final
+    RETRYOUTOFMEMORY,  // an out-of-memory failure is not kept: a later call makes it again
+};
+
 // A value made once, on first demand. The first caller runs the making as one job on its
 // own thread; callers that arrive meanwhile wait for that job. The outcome, value or
-// error, is kept: later calls return it without making anything again.
+// error, is kept: later calls return it without making anything again. With
+// LAZYINIT::RETRYOUTOFMEMORY an out-of-memory failure goes to the caller and the callers
+// waiting for that job, and the next call starts afresh (memory may have been freed).
 template <typename T>
 class LazyInitThreaded {
 public:
-    LazyInitThreaded() = default;
+    explicit LazyInitThreaded(LAZYINIT mode = LAZYINIT::KEEPFAILURES) : _mode(mode) {}
     LazyInitThreaded(const LazyInitThreaded&) = delete;
     LazyInitThreaded& operator=(const LazyInitThreaded&) = delete;
 
@@ -234,15 +241,21 @@ public:
                 job = _job;
             } else {
                 auto made = CreateJob(name, [this, &make](JobInterface&) -> Result<void> {
+                    Error error;
                     Result<void> ok = CatchOutOfMemory([&]() -> Result<void> {
                         Result<T> value = make();
                         if (value)
                             _value.emplace(std::move(value).Value());
                         else
-                            _error = value.GetError();
+                            error = value.GetError();
                         return OK();
                     });
-                    if (!ok) _error = ok.GetError();
+                    if (!ok) error = ok.GetError();
+                    // A passing shortage is handed to this round's callers only.
+                    if (error && error.Kind() == ERRORKIND::OUTOFMEMORY &&
+                        _mode == LAZYINIT::RETRYOUTOFMEMORY)
+                        return error;
+                    _error = std::move(error);
                     _done.store(true, std::memory_order_release);
                     return OK();
                 });
@@ -251,15 +264,17 @@ public:
                 mine = true;
             }
         }
+        Result<void> round;
         if (mine) {
-            (void)job->Run();
+            round = job->Run();
             std::lock_guard lock(_lock);
             _job.reset();  // its work refers to this call's `make`
         } else {
             // The maker has the job but may not have started it yet; that gap is short.
             while (job->GetState() == JOBSTATE::CREATED) std::this_thread::yield();
-            (void)job->Wait();
+            round = job->Wait();
         }
+        if (!round) return round.GetError();
         return Stored();
     }
 
@@ -270,6 +285,7 @@ private:
         if (_error) return _error;
         return &*_value;
     }
+    LAZYINIT _mode;
     std::atomic<bool> _done{false};
     Spinlock _lock;
     StrongRef<JobInterface> _job;

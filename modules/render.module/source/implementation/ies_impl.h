@@ -1,5 +1,6 @@
 // IesImpl: one IES LM-63 light profile (see kelvo/ies.h). Module-internal header, shared
-// by the parser, the evaluator and the image import.
+// by the object (ies_impl.cpp), the parser (ies_parser.cpp), the evaluator
+// (ies_evaluation.cpp), the preview and the image import.
 #pragma once
 
 #include <span>
@@ -8,6 +9,12 @@
 
 #include "kelvo/allocator.h"
 #include "kelvo/ies.h"
+
+// Errors of the profile name the object's source, whichever of its files raises them, so
+// that a caller sees one location for every IES failure.
+#define KELVO_IES_HERE                                                                         \
+    (::kelvo::SourceLocation::Make("modules/render.module/source/implementation/ies_impl.cpp", \
+                                   __LINE__))
 
 namespace kelvo {
 
@@ -37,6 +44,8 @@ public:
     // An empty profile already has the power of a uniform light, so that divisions by
     // the power stay finite before Init.
     static constexpr double kFourPi = 12.566370614359172;
+    // Angles per axis a file or raw access may give.
+    static constexpr int64_t kMaxAngles = 1024;
 
     Result<void> Init(const StrongRef<InputStream>& input) override;
     int Compare(const IesInterface& other) const override;

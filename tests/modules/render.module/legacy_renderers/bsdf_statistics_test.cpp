@@ -2,12 +2,12 @@
 // quadrature and chi-square tests of the samplers (fixed seeds).
 #include <gtest/gtest.h>
 
-#include "bsdf_test_support.h"
+#include "bsdf_test_util.h"
 #include "legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::legacy {
 namespace {
-using namespace kelvo::testing_support;
+using namespace kelvo::testing_bsdf;
 
 // Every chi-square test of this suite, for the Sidak correction.
 constexpr int kChiSquareTests = 12;

@@ -2,13 +2,13 @@
 // energy and sampling.
 #include <gtest/gtest.h>
 
-#include "bsdf_test_support.h"
+#include "bsdf_test_util.h"
 #include "kelvo/legacy_renderers/clothweavepattern.h"
 #include "legacy_renderers/cloth_model.h"
 
 namespace kelvo::legacy {
 namespace {
-using namespace kelvo::testing_support;
+using namespace kelvo::testing_bsdf;
 
 const cloth::Scattering kScattering{0.01, 4.0, 0.5, 0.5};
 

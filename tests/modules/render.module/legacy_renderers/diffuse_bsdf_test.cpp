@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
-#include "bsdf_test_support.h"
+#include "bsdf_test_util.h"
 #include "kelvo/data.h"
 
 namespace kelvo {
 namespace {
-using namespace kelvo::testing_support;
+using namespace kelvo::testing_bsdf;
 
 constexpr double kInvPi = 0.3183098861837907;
 

@@ -4,12 +4,12 @@
 
 #include <thread>
 
-#include "bsdf_test_support.h"
+#include "bsdf_test_util.h"
 #include "legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::legacy {
 namespace {
-using namespace kelvo::testing_support;
+using namespace kelvo::testing_bsdf;
 
 template <typename Dist>
 std::vector<double> Evaluate(MicrofacetDistributionCachesInterface& caches, uint64_t seed,

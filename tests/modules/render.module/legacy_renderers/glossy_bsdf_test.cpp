@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "bsdf_test_support.h"
+#include "bsdf_test_util.h"
 #include "host.h"
 #include "kelvo/selftest.h"
 #include "legacy_renderers/bsdf_selftest.h"
@@ -8,7 +8,7 @@
 
 namespace kelvo::legacy {
 namespace {
-using namespace kelvo::testing_support;
+using namespace kelvo::testing_bsdf;
 
 DataDictionary Glossy(double roughness, double iorIn = 1.5) {
     DataDictionary d = Record(roughness);

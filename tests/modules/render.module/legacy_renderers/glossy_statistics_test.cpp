@@ -3,12 +3,12 @@
 // highlight width.
 #include <gtest/gtest.h>
 
-#include "bsdf_test_support.h"
+#include "bsdf_test_util.h"
 #include "legacy_renderers/cloth_model.h"
 
 namespace kelvo::legacy {
 namespace {
-using namespace kelvo::testing_support;
+using namespace kelvo::testing_bsdf;
 
 constexpr int kChiSquareTests = 7;
 

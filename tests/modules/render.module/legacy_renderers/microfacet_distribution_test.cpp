@@ -4,12 +4,12 @@
 
 #include <cstring>
 
-#include "bsdf_test_support.h"
+#include "bsdf_test_util.h"
 #include "host.h"
 
 namespace kelvo::legacy {
 namespace {
-using namespace kelvo::testing_support;
+using namespace kelvo::testing_bsdf;
 
 Vec3 HalfVector(double c, double phi = 0.3) {
     double s = std::sqrt(std::max(0.0, 1.0 - c * c));

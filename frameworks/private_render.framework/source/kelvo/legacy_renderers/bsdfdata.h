@@ -112,8 +112,9 @@ inline constexpr KeyInfo kKeys[] = {
     {kWeftSpecular, KEYTYPE::DOUBLE},
 };
 
-// The table stored under key, or null.
+// The table stored under key, or null. The record holds the address as an integer.
 inline float* GetTable(const DataDictionary& data, const Id& key) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
     return reinterpret_cast<float*>(static_cast<intptr_t>(data.Get<int64_t>(key, 0)));
 }
 inline Result<void> SetTable(DataDictionary& data, const Id& key, const float* table) {

@@ -14,7 +14,7 @@ inline float Blend(float a, float b, double t) { return a + (b - a) * static_cas
 
 // A cosine-power lobe around the mirror direction (wi . wo), with an optional table of its
 // density (row `_densityRow`) and of its sampled cosines (row `_samplingRow`).
-class BlurrySimpleBrdf final : public BsdfLegacyBase {
+class BlurrySimpleBrdfImpl final : public BsdfLegacyBase {
 public:
     Result<void> Update(const DataDictionary& data) override {
         _exponent = data.Get<double>(bsdfdata::kBlurryExponent, 0.0);
@@ -115,7 +115,7 @@ private:
 };
 
 // A highlight lobe with a cosine power or an angular fall-off curve.
-class BlurrySpecularBrdf final : public BsdfLegacyBase {
+class BlurrySpecularBrdfImpl final : public BsdfLegacyBase {
 public:
     Result<void> Update(const DataDictionary& data) override {
         _exponent = data.Get<double>(bsdfdata::kBlurryExponent, 0.0);
@@ -225,10 +225,10 @@ private:
 
 KELVO_REGISTER_CLASS(s_blurrySpecular, "net.kelvo.render.bsdflegacyclass.blurryspecularbrdf",
                      kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(),
-                     BlurrySpecularBrdf);
+                     BlurrySpecularBrdfImpl);
 KELVO_REGISTER_CLASS(s_blurrySimple, "net.kelvo.render.bsdflegacyclass.blurrysimplebrdf",
                      kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(),
-                     BlurrySimpleBrdf);
+                     BlurrySimpleBrdfImpl);
 
 }  // namespace
 }  // namespace kelvo::legacy

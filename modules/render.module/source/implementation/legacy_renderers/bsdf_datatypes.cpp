@@ -3,7 +3,7 @@
 #include "kelvo/entry.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
 
-namespace kelvo {
+namespace kelvo::legacy {
 namespace {
 
 const DataType s_cachedSampleType{Id("net.kelvo.render.bsdfcachedsample"), DATATYPEFLAGS_POD,
@@ -12,4 +12,4 @@ KELVO_ENTRY(s_cachedSample, ENTRYKIND::DATATYPE, "net.kelvo.render.bsdfcachedsam
             Id("net.kelvo.registry.datatypes"), Id(), &s_cachedSampleType, nullptr);
 
 }  // namespace
-}  // namespace kelvo
+}  // namespace kelvo::legacy

@@ -9,7 +9,7 @@
 namespace kelvo::legacy {
 namespace {
 
-class LambertBrdf final : public BsdfLegacyBase {
+class LambertBrdfImpl final : public BsdfLegacyBase {
 public:
     Result<void> Update(const DataDictionary& /*data*/) override { return OK(); }
     void Reset() override {}
@@ -34,7 +34,7 @@ public:
     }
 };
 
-class OrenNayarBrdf final : public BsdfLegacyBase {
+class OrenNayarBrdfImpl final : public BsdfLegacyBase {
     double _sigmaSquared = 0.0;
     double _coefA = 1.0;
     double _coefB = 0.0;
@@ -126,9 +126,11 @@ private:
 };
 
 KELVO_REGISTER_CLASS(s_lambert, "net.kelvo.render.bsdflegacyclass.lambertbrdf",
-                     kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(), LambertBrdf);
+                     kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(),
+                     LambertBrdfImpl);
 KELVO_REGISTER_CLASS(s_orenNayar, "net.kelvo.render.bsdflegacyclass.orennayarbrdf",
-                     kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(), OrenNayarBrdf);
+                     kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(),
+                     OrenNayarBrdfImpl);
 
 }  // namespace
 }  // namespace kelvo::legacy

@@ -12,7 +12,7 @@
 namespace kelvo::legacy {
 namespace {
 
-class IrawanBrdf final : public BsdfLegacyBase {
+class IrawanBrdfImpl final : public BsdfLegacyBase {
 public:
     // Reads the pattern (none: only the warp's diffuse term), the repeats, the texture
     // coordinate of the shading point and the grey yarn weights.
@@ -86,7 +86,8 @@ private:
 };
 
 KELVO_REGISTER_CLASS(s_irawan, "net.kelvo.render.bsdflegacyclass.irawanbrdf",
-                     kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(), IrawanBrdf);
+                     kBsdfLegacyClassesRegistry, BSDFLegacyInterface::InterfaceId(),
+                     IrawanBrdfImpl);
 
 }  // namespace
 }  // namespace kelvo::legacy

@@ -79,7 +79,7 @@ protected:
 };
 
 template <typename Dist>
-class MicrofacetBrdf final : public MicrofacetBase<Dist> {
+class MicrofacetBrdfImpl final : public MicrofacetBase<Dist> {
     using Base = MicrofacetBase<Dist>;
 
 public:
@@ -118,7 +118,7 @@ public:
 };
 
 template <typename Dist>
-class MicrofacetBtdf final : public MicrofacetBase<Dist> {
+class MicrofacetBtdfImpl final : public MicrofacetBase<Dist> {
     using Base = MicrofacetBase<Dist>;
 
 public:
@@ -185,16 +185,16 @@ constexpr Id kKind = BSDFLegacyInterface::InterfaceId();
 #define KELVO_MICROFACET(var, suffix, Type)                               \
     KELVO_REGISTER_CLASS(var, "net.kelvo.render.bsdflegacyclass." suffix, \
                          kBsdfLegacyClassesRegistry, kKind, Type)
-KELVO_MICROFACET(s_anisotropicBtdf, "anisotropicbtdf", MicrofacetBtdf<AnisotropicDistribution>);
-KELVO_MICROFACET(s_anisotropicBrdf, "anisotropicbrdf", MicrofacetBrdf<AnisotropicDistribution>);
-KELVO_MICROFACET(s_wardBtdf, "wardbtdf", MicrofacetBtdf<WardDistribution>);
-KELVO_MICROFACET(s_wardBrdf, "wardbrdf", MicrofacetBrdf<WardDistribution>);
-KELVO_MICROFACET(s_phongBtdf, "phongbtdf", MicrofacetBtdf<PhongDistribution>);
-KELVO_MICROFACET(s_phongBrdf, "phongbrdf", MicrofacetBrdf<PhongDistribution>);
-KELVO_MICROFACET(s_ggxBtdf, "ggxbtdf", MicrofacetBtdf<GGXDistribution>);
-KELVO_MICROFACET(s_ggxBrdf, "ggxbrdf", MicrofacetBrdf<GGXDistribution>);
-KELVO_MICROFACET(s_beckmannBtdf, "beckmannbtdf", MicrofacetBtdf<BeckmannDistribution>);
-KELVO_MICROFACET(s_beckmannBrdf, "beckmannbrdf", MicrofacetBrdf<BeckmannDistribution>);
+KELVO_MICROFACET(s_anisotropicBtdf, "anisotropicbtdf", MicrofacetBtdfImpl<AnisotropicDistribution>);
+KELVO_MICROFACET(s_anisotropicBrdf, "anisotropicbrdf", MicrofacetBrdfImpl<AnisotropicDistribution>);
+KELVO_MICROFACET(s_wardBtdf, "wardbtdf", MicrofacetBtdfImpl<WardDistribution>);
+KELVO_MICROFACET(s_wardBrdf, "wardbrdf", MicrofacetBrdfImpl<WardDistribution>);
+KELVO_MICROFACET(s_phongBtdf, "phongbtdf", MicrofacetBtdfImpl<PhongDistribution>);
+KELVO_MICROFACET(s_phongBrdf, "phongbrdf", MicrofacetBrdfImpl<PhongDistribution>);
+KELVO_MICROFACET(s_ggxBtdf, "ggxbtdf", MicrofacetBtdfImpl<GGXDistribution>);
+KELVO_MICROFACET(s_ggxBrdf, "ggxbrdf", MicrofacetBrdfImpl<GGXDistribution>);
+KELVO_MICROFACET(s_beckmannBtdf, "beckmannbtdf", MicrofacetBtdfImpl<BeckmannDistribution>);
+KELVO_MICROFACET(s_beckmannBrdf, "beckmannbrdf", MicrofacetBrdfImpl<BeckmannDistribution>);
 #undef KELVO_MICROFACET
 
 }  // namespace

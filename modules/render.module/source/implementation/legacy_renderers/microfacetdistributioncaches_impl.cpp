@@ -3,7 +3,7 @@
 #include "kelvo/entry.h"
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 
-namespace kelvo {
+namespace kelvo::legacy {
 namespace {
 
 class MicrofacetDistributionCachesImpl final
@@ -59,4 +59,4 @@ KELVO_REGISTER_COMPONENT(s_distributionCaches, "MicrofacetDistributionCachesImpl
                          MicrofacetDistributionCachesInterface, MicrofacetDistributionCachesImpl);
 
 }  // namespace
-}  // namespace kelvo
+}  // namespace kelvo::legacy

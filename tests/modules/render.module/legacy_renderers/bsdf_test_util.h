@@ -21,7 +21,7 @@
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/registry.h"
 
-namespace kelvo::testing_support {
+namespace kelvo::testing_bsdf {
 
 inline constexpr double kPi = 3.14159265358979323846;
 
@@ -271,4 +271,4 @@ inline std::string SampleFChiSquare(BSDFLegacyInterface& m, const Vec3& wo, int 
         [&](const Vec3& wi) { return diffuse && wi.z <= 0 ? 0.0 : m.PdfIndirect(wo, wi); });
 }
 
-}  // namespace kelvo::testing_support
+}  // namespace kelvo::testing_bsdf

@@ -1,0 +1,365 @@
+#include "cli_common.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <system_error>
+
+#include "json_text.h"
+
+namespace kelvo::cli {
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+int Fail(const Error& error) {
+    std::cerr << "kelvo: " << error.Message() << '\n';
+    return 1;
+}
+
+namespace {
+Error StdoutError() { return IoError(KELVO_HERE, "", "Cannot write to standard output."); }
+
+// Exceptions of the libraries the tool uses become errors: the out-of-memory error for a
+// failed allocation, the exception's own text otherwise.
+template <typename F>
+auto Guarded(F&& f) -> decltype(f()) {
+    try {
+        return f();
+    } catch (const std::bad_alloc&) {
+        return Error::OutOfMemory();
+    } catch (const std::exception& e) {
+        return UnexpectedError(KELVO_HERE, "@", e.what());
+    }
+}
+}  // namespace
+
+namespace detail {
+int RunCommandBody(Context& context, const std::function<Result<int>()>& body) {
+    Result<int> done = [&]() -> Result<int> {
+        KELVO_TRY(context.LoadModules());
+        return Guarded(body);
+    }();
+    // Output a full disk swallowed only shows when the buffer is written.
+    if (!std::cout.flush() && done) done = StdoutError();
+    if (!done) return Fail(done.GetError());
+    return *done;
+}
+}  // namespace detail
+
+// --- Reading JSON requests -------------------------------------------------------------------
+
+const json& Member(const json& request, std::string_view key) {
+    static const json missing;
+    if (!request.is_object()) return missing;
+    auto it = request.find(key);
+    return it == request.end() ? missing : *it;
+}
+
+Result<double> ReadNumber(const json& v, std::string_view what) {
+    if (v.is_number()) return v.get<double>();
+    if (v.is_string())
+        if (auto named = host::NonFiniteFromName(v.get_ref<const std::string&>())) return *named;
+    return IllegalArgumentError(KELVO_HERE, "@ must be a number.", what);
+}
+
+Result<int64_t> ReadInteger(const json& v, std::string_view what, int64_t lo, int64_t hi) {
+    bool inRange = false;
+    int64_t value = 0;
+    if (v.is_number_unsigned()) {
+        uint64_t u = v.get<uint64_t>();
+        inRange = u <= uint64_t(std::numeric_limits<int64_t>::max());
+        value = inRange ? int64_t(u) : 0;
+    } else if (v.is_number_integer()) {
+        value = v.get<int64_t>();
+        inRange = true;
+    } else {
+        // Numbers with a fraction or an exponent (2.0, 1e3) too: nothing is rounded.
+        return IllegalArgumentError(KELVO_HERE, "@ must be an integer.", what);
+    }
+    if (!inRange || value < lo || value > hi)
+        return IllegalArgumentError(KELVO_HERE, "@ must be an integer from @ to @.", what, lo, hi);
+    return value;
+}
+
+Result<bool> ReadBool(const json& v, std::string_view what) {
+    if (!v.is_boolean()) return IllegalArgumentError(KELVO_HERE, "@ must be true or false.", what);
+    return v.get<bool>();
+}
+
+Result<std::string> ReadString(const json& v, std::string_view what) {
+    if (!v.is_string()) return IllegalArgumentError(KELVO_HERE, "@ must be a string.", what);
+    return v.get<std::string>();
+}
+
+Result<Vec2> ReadVec2(const json& v, std::string_view what) {
+    if (!v.is_array() || v.size() != 2)
+        return IllegalArgumentError(KELVO_HERE, "@ must be an array of 2 numbers.", what);
+    KELVO_ASSIGN_OR_RETURN(double x, ReadNumber(v[0], what));
+    KELVO_ASSIGN_OR_RETURN(double y, ReadNumber(v[1], what));
+    return Vec2{x, y};
+}
+
+Result<Vec3> ReadVec3(const json& v, std::string_view what) {
+    if (!v.is_array() || v.size() != 3)
+        return IllegalArgumentError(KELVO_HERE, "@ must be an array of 3 numbers.", what);
+    Vec3 out;
+    double* c[] = {&out.x, &out.y, &out.z};
+    for (size_t i = 0; i < 3; ++i) {
+        KELVO_ASSIGN_OR_RETURN(*c[i], ReadNumber(v[i], what));
+    }
+    return out;
+}
+
+Result<Matrix> ReadMatrix(const json& v, std::string_view what) {
+    if (!v.is_object())
+        return IllegalArgumentError(
+            KELVO_HERE, "@ must be an object with offset, xAxis, yAxis and zAxis.", what);
+    Matrix m;
+    struct Axis {
+        const char* key;
+        Vec3* at;
+    } axes[] = {
+        {"offset", &m.offset}, {"xAxis", &m.xAxis}, {"yAxis", &m.yAxis}, {"zAxis", &m.zAxis}};
+    for (const auto& axis : axes) {
+        if (!v.contains(axis.key)) continue;  // missing members keep the identity's
+        KELVO_ASSIGN_OR_RETURN(*axis.at, ReadVec3(v[axis.key], std::string(what) + "." + axis.key));
+    }
+    return m;
+}
+
+Result<double> NumberMember(const json& request, std::string_view key) {
+    const json& v = Member(request, key);
+    if (v.is_null()) return IllegalArgumentError(KELVO_HERE, "@ is missing.", key);
+    return ReadNumber(v, key);
+}
+
+Result<double> NumberMember(const json& request, std::string_view key, double fallback) {
+    const json& v = Member(request, key);
+    return v.is_null() ? Result<double>(fallback) : ReadNumber(v, key);
+}
+
+Result<int64_t> IntegerMember(const json& request, std::string_view key, int64_t fallback,
+                              int64_t lo, int64_t hi) {
+    const json& v = Member(request, key);
+    return v.is_null() ? Result<int64_t>(fallback) : ReadInteger(v, key, lo, hi);
+}
+
+Result<bool> BoolMember(const json& request, std::string_view key, bool fallback) {
+    const json& v = Member(request, key);
+    return v.is_null() ? Result<bool>(fallback) : ReadBool(v, key);
+}
+
+Result<std::string> StringMember(const json& request, std::string_view key) {
+    return ReadString(Member(request, key), key);
+}
+
+Result<Vec3> Vec3Member(const json& request, std::string_view key) {
+    const json& v = Member(request, key);
+    if (v.is_null()) return IllegalArgumentError(KELVO_HERE, "@ is missing.", key);
+    return ReadVec3(v, key);
+}
+
+// --- Option values ---------------------------------------------------------------------------
+
+Result<std::vector<double>> ParseNumberList(std::string_view text, size_t count,
+                                            std::string_view option) {
+    std::vector<double> out;
+    const std::string copy(text);  // strtod needs the terminating zero
+    const char* p = copy.c_str();
+    bool ok = !copy.empty();
+    while (ok) {
+        char* end = nullptr;
+        double v = std::strtod(p, &end);
+        ok = end != p && (*end == ',' || *end == '\0');
+        if (!ok) break;
+        out.push_back(v);
+        if (*end == '\0') break;
+        p = end + 1;
+    }
+    if (!ok || out.size() != count)
+        return IllegalArgumentError(KELVO_HERE, "@ expects @ numbers separated by commas, not '@'.",
+                                    option, count, text);
+    return out;
+}
+
+Result<Vec2> ParseVec2(std::string_view text, std::string_view option) {
+    KELVO_ASSIGN_OR_RETURN(auto v, ParseNumberList(text, 2, option));
+    return Vec2{v[0], v[1]};
+}
+
+Result<Vec3> ParseVec3(std::string_view text, std::string_view option) {
+    KELVO_ASSIGN_OR_RETURN(auto v, ParseNumberList(text, 3, option));
+    return Vec3{v[0], v[1], v[2]};
+}
+
+// --- JSON lines ------------------------------------------------------------------------------
+
+namespace {
+// The next line of `in` without its newline: false at the end of the input. Reads the
+// stream buffer directly, so that a read error is an error and not an end.
+Result<bool> ReadLine(std::istream& in, std::string& line, size_t maxBytes, int64_t number) {
+    line.clear();
+    std::streambuf* buffer = in.rdbuf();
+    try {
+        for (;;) {
+            int c = buffer->sbumpc();
+            if (c == std::char_traits<char>::eof()) return !line.empty();
+            if (c == '\n') return true;
+            if (line.size() >= maxBytes)
+                return IllegalArgumentError(KELVO_HERE, "Line @ is longer than @ bytes.", number,
+                                            maxBytes);
+            line.push_back(char(c));
+        }
+    } catch (const std::exception& e) {
+        return IoError(KELVO_HERE, "", "Cannot read the requests: @", e.what());
+    }
+}
+
+// "op" and the name, echoed at the start of every answer when they are strings.
+void Echo(const json& request, const JsonLinesOptions& options, JsonWriter& w) {
+    if (const json& op = Member(request, "op"); op.is_string())
+        w.Key("op").String(op.get_ref<const std::string&>());
+    if (!options.nameKey) return;
+    if (const json& name = Member(request, options.nameKey); name.is_string())
+        w.Key(options.nameKey).String(name.get_ref<const std::string&>());
+}
+}  // namespace
+
+Result<int> RunJsonLines(std::istream& in, std::ostream& out, const JsonLineHandler& handler,
+                         const JsonLinesOptions& options) {
+    int failed = 0;
+    std::string line;
+    for (int64_t number = 1;; ++number) {
+        KELVO_ASSIGN_OR_RETURN(bool got, ReadLine(in, line, options.maxLineBytes, number));
+        if (!got) break;
+        if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+        JsonWriter head;
+        head.Object();
+        json request = json::parse(line, nullptr, false);
+        Result<void> done = OK();
+        std::string text;
+        if (request.is_discarded()) {
+            done = IllegalArgumentError(KELVO_HERE, "The line is not valid JSON.");
+        } else {
+            Echo(request, options, head);
+            JsonWriter answer = head;
+            done = Guarded([&] { return handler(request, answer); });
+            if (done) text = answer.End().Text();
+        }
+        if (!done) {
+            ++failed;
+            text = head.Key("error").String(done.GetError().Message()).End().Text();
+        }
+        out << text << '\n';
+        if (!out.flush()) return StdoutError();
+    }
+    return failed;
+}
+
+namespace {
+// Standard input read with read(2): an error is thrown to the reader instead of looking
+// like the end of the input, as it would through stdio.
+class DescriptorInput final : public std::streambuf {
+public:
+    explicit DescriptorInput(int fd) : _fd(fd) {}
+
+protected:
+    int_type underflow() override {
+        if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
+        for (;;) {
+            ssize_t n = ::read(_fd, _buffer, sizeof _buffer);
+            if (n > 0) {
+                setg(_buffer, _buffer, _buffer + n);
+                return traits_type::to_int_type(*gptr());
+            }
+            if (n == 0) return traits_type::eof();
+            if (errno != EINTR) throw std::system_error(errno, std::generic_category());
+        }
+    }
+
+private:
+    int _fd;
+    char _buffer[1 << 16];
+};
+}  // namespace
+
+std::istream& StandardInput() {
+    static DescriptorInput buffer(STDIN_FILENO);
+    static std::istream in(&buffer);
+    return in;
+}
+
+// --- Writing files ---------------------------------------------------------------------------
+
+namespace {
+bool IsStandardOutput(const struct stat& st) {
+    struct stat out;
+    return ::fstat(STDOUT_FILENO, &out) == 0 && out.st_dev == st.st_dev && out.st_ino == st.st_ino;
+}
+
+// The error of a write to the temporary file, told about the target instead.
+Error AboutTarget(const Error& e, const std::string& temp, const std::string& target) {
+    auto replace = [&](std::string s) {
+        for (size_t at = s.find(temp); at != std::string::npos; at = s.find(temp, at))
+            s.replace(at, temp.size(), target), at += target.size();
+        return s;
+    };
+    if (e.Kind() == ERRORKIND::OUTOFMEMORY) return e;
+    return Error(e.Kind(), e.Location(), replace(e.Message()), replace(e.Url()));
+}
+}  // namespace
+
+Result<void> WriteOutput(const fs::path& target,
+                         const std::function<Result<void>(const fs::path&)>& write) {
+    struct stat st;
+    fs::path real = target;
+    const bool exists = ::stat(target.c_str(), &st) == 0;
+    if (exists) {
+        if (!S_ISREG(st.st_mode) || IsStandardOutput(st)) return write(target);
+        // Through a symbolic link: the temporary file goes beside the file itself.
+        std::error_code ec;
+        if (fs::path c = fs::canonical(target, ec); !ec) real = c;
+    }
+    static std::atomic<int> counter{0};
+    const fs::path temp =
+        real.parent_path() / ("." + real.stem().string() + ".kelvo-" + std::to_string(::getpid()) +
+                              "-" + std::to_string(counter++) + real.extension().string());
+    Result<void> done = write(temp);
+    std::error_code ec;
+    if (!done) {
+        fs::remove(temp, ec);
+        return AboutTarget(done.GetError(), temp.string(), target.string());
+    }
+    if (exists) fs::permissions(temp, fs::perms(st.st_mode & 07777), ec);
+    if (::rename(temp.c_str(), real.c_str()) != 0) {
+        int error = errno;
+        fs::remove(temp, ec);
+        return IoError(KELVO_HERE, target.string(), "Cannot write '@': @.", target.string(),
+                       std::strerror(error));
+    }
+    return OK();
+}
+
+Result<void> WriteTextFile(const fs::path& target, std::string_view text) {
+    return WriteOutput(target, [&](const fs::path& path) -> Result<void> {
+        FILE* f = std::fopen(path.c_str(), "wb");
+        if (!f)
+            return IoError(KELVO_HERE, path.string(), "Cannot write '@': @.", path.string(),
+                           std::strerror(errno));
+        bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+        ok = std::fflush(f) == 0 && ok;
+        int error = errno;
+        ok = std::fclose(f) == 0 && ok;
+        if (!ok)
+            return IoError(KELVO_HERE, path.string(), "Cannot write '@': @.", path.string(),
+                           std::strerror(error ? error : EIO));
+        return OK();
+    });
+}
+
+}  // namespace kelvo::cli

@@ -1,0 +1,463 @@
+// Texture pyramids: storage choice, row-parallel down-sampling and summed area tables.
+#include "texture_impl.h"
+
+#include <algorithm>
+
+#include "kelvo/diagnostics.h"
+#include "kelvo/entry.h"
+#include "kelvo/jobs.h"
+
+namespace kelvo {
+
+int CountMipLevels(int64_t width, int64_t height) {
+    int levels = 1;
+    while (width >= 2 || height >= 2) {
+        width = HalvedSize(width);
+        height = HalvedSize(height);
+        ++levels;
+    }
+    return levels;
+}
+
+int CountRipLevels(int64_t size) {
+    int levels = 1;
+    for (; size >= 2; size = HalvedSize(size)) ++levels;
+    return levels;
+}
+
+namespace {
+
+// Levels below this many texels are built on the calling thread: handing them to the pool
+// costs more than the work.
+constexpr int64_t kParallelTexels = 16384;
+
+ParallelForOptions RowOptions(int64_t texels) {
+    ParallelForOptions options;
+    if (texels < kParallelTexels) options.threads = 1;
+    return options;
+}
+
+// Averages of two and four components: integers by a truncating shift (so integer levels
+// are exactly reproducible), floats by multiplication.
+template <typename T>
+inline T Average2(T a, T b) {
+    if constexpr (std::is_floating_point_v<T>)
+        return (a + b) * T(0.5);
+    else
+        return T((uint32_t(a) + uint32_t(b)) >> 1);
+}
+template <typename T>
+inline T Average4(T a, T b, T c, T d) {
+    if constexpr (std::is_floating_point_v<T>)
+        return (a + b + c + d) * T(0.25);
+    else
+        return T((uint32_t(a) + uint32_t(b) + uint32_t(c) + uint32_t(d)) >> 2);
+}
+
+template <typename VEC>
+using Component = typename TexelTraits<VEC>::Component;
+
+template <typename VEC>
+const Component<VEC>* Row(const MipMapLevel<VEC>& level, int64_t y) {
+    return reinterpret_cast<const Component<VEC>*>(level.pixels.data() + y * level.width);
+}
+template <typename VEC>
+Component<VEC>* Row(MipMapLevel<VEC>& level, int64_t y) {
+    return reinterpret_cast<Component<VEC>*>(level.pixels.data() + y * level.width);
+}
+
+PixelFormat StorageFormat(TEXTURESTORAGE storage) {
+    constexpr PixelFormat formats[] = {kPixelRgb8,   kPixelRgba8,  kPixelRgb16,
+                                       kPixelRgba16, kPixelRgb32f, kPixelRgba32f};
+    return formats[int(storage)];
+}
+
+template <typename VEC>
+constexpr TEXTURESTORAGE StorageOf() {
+    constexpr int alpha = TexelTraits<VEC>::kChannels == 4 ? 1 : 0;
+    constexpr TEXTURECHANNEL c = TexelChannel<VEC>();
+    constexpr int depth = c == TEXTURECHANNEL::UINT8 ? 0 : c == TEXTURECHANNEL::UINT16 ? 1 : 2;
+    return TEXTURESTORAGE(depth * 2 + alpha);
+}
+
+template <typename VEC>
+Result<MipMapLevel<VEC>> AllocateLevel(int64_t width, int64_t height, int64_t spanX,
+                                       int64_t spanY) {
+    return CatchOutOfMemory([&]() -> Result<MipMapLevel<VEC>> {
+        MipMapLevel<VEC> level;
+        level.pixels.resize(size_t(width * height));
+        level.width = width;
+        level.height = height;
+        level.spanX = spanX;
+        level.spanY = spanY;
+        return level;
+    });
+}
+
+}  // namespace
+
+// --- Down-sampling ---------------------------------------------------------------------------
+
+template <typename COL, typename VEC>
+Result<void> MipMapData<COL, VEC>::ParalellizedSumLine(const MipMapLevel<VEC>& source,
+                                                       MipMapLevel<VEC>& destination,
+                                                       int64_t sourceRow, int64_t count,
+                                                       bool halveX, bool halveY) {
+    constexpr int N = TexelTraits<VEC>::kChannels;
+    const int64_t destinationRow = halveY ? sourceRow / 2 : sourceRow;
+    if (sourceRow < 0 || sourceRow >= source.height || destinationRow >= destination.height ||
+        count < 0 || count > destination.width)
+        return IllegalArgumentError(KELVO_HERE, "Row @ of @ texels lies outside the level.",
+                                    sourceRow, count);
+    const int64_t w = source.width;
+    const auto* a = Row(source, sourceRow);
+    // The row below, or the row itself at an odd bottom edge.
+    const auto* b = Row(source, std::min(sourceRow + 1, source.height - 1));
+    auto* out = Row(destination, destinationRow);
+    if (!halveX) {
+        for (int64_t i = 0; i < count * N; ++i) out[i] = Average2(a[i], b[i]);
+        return OK();
+    }
+    // Full pairs first, without clamping; an odd last texel pairs with itself.
+    const int64_t pairs = std::min(count, w / 2);
+    if (halveY) {
+        for (int64_t x = 0; x < pairs; ++x)
+            for (int c = 0; c < N; ++c)
+                out[x * N + c] = Average4(a[2 * x * N + c], a[(2 * x + 1) * N + c],
+                                          b[2 * x * N + c], b[(2 * x + 1) * N + c]);
+    } else {
+        for (int64_t x = 0; x < pairs; ++x)
+            for (int c = 0; c < N; ++c)
+                out[x * N + c] = Average2(a[2 * x * N + c], a[(2 * x + 1) * N + c]);
+    }
+    for (int64_t x = pairs; x < count; ++x) {
+        const int64_t x0 = std::min(2 * x, w - 1), x1 = std::min(2 * x + 1, w - 1);
+        for (int c = 0; c < N; ++c)
+            out[x * N + c] =
+                halveY ? Average4(a[x0 * N + c], a[x1 * N + c], b[x0 * N + c], b[x1 * N + c])
+                       : Average2(a[x0 * N + c], a[x1 * N + c]);
+    }
+    return OK();
+}
+
+template <typename COL, typename VEC>
+Result<MipMapLevel<VEC>> MipMapData<COL, VEC>::Halve(const MipMapLevel<VEC>& source, bool halveX,
+                                                     bool halveY) {
+    const int64_t width = halveX ? HalvedSize(source.width) : source.width;
+    const int64_t height = halveY ? HalvedSize(source.height) : source.height;
+    KELVO_ASSIGN_OR_RETURN(MipMapLevel<VEC> level,
+                           AllocateLevel<VEC>(width, height, source.spanX * (halveX ? 2 : 1),
+                                              source.spanY * (halveY ? 2 : 1)));
+    KELVO_TRY(ParallelFor(
+        0, height,
+        [&](int64_t row) {
+            return ParalellizedSumLine(source, level, halveY ? 2 * row : row, width, halveX,
+                                       halveY);
+        },
+        RowOptions(width * height)));
+    return level;
+}
+
+// --- Builds ------------------------------------------------------------------------------------
+
+template <typename COL, typename VEC>
+Result<void> MipMapData<COL, VEC>::BuildBase(const StrongRef<ImageLayerInterface>& layer,
+                                             COLORPROFILE profile) {
+    KELVO_ASSIGN_OR_RETURN(StrongRef<GetPixelHandlerInterface> reader,
+                           layer->GetPixelHandler(StorageFormat(StorageOf<VEC>()), profile));
+    KELVO_ASSIGN_OR_RETURN(MipMapLevel<VEC> base, AllocateLevel<VEC>(_width, _height, 1, 1));
+    KELVO_TRY(ParallelFor(
+        0, _height,
+        [&](int64_t y) { return reader->GetPixels(0, y, _width, base.pixels.data() + y * _width); },
+        RowOptions(_width * _height)));
+    _base = std::move(base);
+    return OK();
+}
+
+template <typename COL, typename VEC>
+Result<void> MipMapData<COL, VEC>::BuildMipMap() {
+    const int count = CountMipLevels(_width, _height);
+    Levels levels;
+    KELVO_TRY(CatchOutOfMemory([&]() -> Result<void> {
+        levels.reserve(size_t(count - 1));
+        return OK();
+    }));
+    // Each level reads the one before, so levels go one after another.
+    for (int i = 1; i < count; ++i) {
+        KELVO_ASSIGN_OR_RETURN(MipMapLevel<VEC> level,
+                               Halve(i == 1 ? _base : levels.back(), true, true));
+        levels.push_back(std::move(level));  // reserved: cannot throw
+    }
+    _mip = std::move(levels);
+    return OK();
+}
+
+template <typename COL, typename VEC>
+Result<void> MipMapData<COL, VEC>::BuildRipMap() {
+    const int nx = CountRipLevels(_width), ny = CountRipLevels(_height);
+    Levels levels;
+    KELVO_TRY(CatchOutOfMemory([&]() -> Result<void> {
+        levels.resize(size_t(nx) * size_t(ny));
+        return OK();
+    }));
+    // The first row halves in x from its left neighbour; every other level halves in y
+    // from the level above it.
+    for (int j = 0; j < ny; ++j)
+        for (int i = 0; i < nx; ++i) {
+            if (i == 0 && j == 0) continue;
+            const MipMapLevel<VEC>& from =
+                j == 0 ? (i == 1 ? _base : levels[size_t(i - 1)])
+                       : (i == 0 && j == 1 ? _base : levels[size_t(i + (j - 1) * nx)]);
+            KELVO_ASSIGN_OR_RETURN(levels[size_t(i + j * nx)], Halve(from, j == 0, j > 0));
+        }
+    _rip = std::move(levels);
+    _ripX = nx;
+    _ripY = ny;
+    return OK();
+}
+
+template <typename COL, typename VEC>
+Result<void> MipMapData<COL, VEC>::BuildSummedArea() {
+    if constexpr (!std::is_same_v<Component<VEC>, uint8_t>) {
+        return UnsupportedArgumentError(
+            KELVO_HERE, "Summed area tables do not support more than 8 bits depth.");
+    } else {
+        return _summedArea.Build(_base, SummedAreaNeedsWideEntries(_width, _height));
+    }
+}
+
+template <typename COL, typename VEC>
+TextureLevelView MipMapData<COL, VEC>::MipLevel(int level) const {
+    if (level == 0) return _base.View();
+    if (level < 0 || size_t(level) > _mip.size()) return {};
+    return _mip[size_t(level - 1)].View();
+}
+
+template <typename COL, typename VEC>
+TextureLevelView MipMapData<COL, VEC>::RipLevel(int levelX, int levelY) const {
+    if (levelX == 0 && levelY == 0) return _base.View();
+    if (levelX < 0 || levelY < 0 || levelX >= _ripX || levelY >= _ripY) return {};
+    return _rip[size_t(levelX + levelY * _ripX)].View();
+}
+
+template <typename COL, typename VEC>
+int64_t MipMapData<COL, VEC>::ByteSize(TEXTUREPYRAMID pyramid) const {
+    auto bytes = [](const Levels& levels) {
+        int64_t n = 0;
+        for (const auto& l : levels) n += int64_t(l.pixels.size() * sizeof(VEC));
+        return n;
+    };
+    const int64_t base = int64_t(_base.pixels.size() * sizeof(VEC));
+    switch (pyramid) {
+        case TEXTUREPYRAMID::BASELEVEL:
+            return base;
+        case TEXTUREPYRAMID::MIPMAP:
+            return base + bytes(_mip);
+        case TEXTUREPYRAMID::RIPMAP:
+            return base + bytes(_rip);
+        case TEXTUREPYRAMID::SUMMEDAREA:
+            return _summedArea.ByteSize();
+    }
+    return 0;
+}
+
+// --- Summed area tables ------------------------------------------------------------------------
+
+template <typename VEC>
+template <typename E>
+Result<void> SummedAreaData<VEC>::Fill(const MipMapLevel<VEC>& base, PixelArray<E>& sums) {
+    constexpr int N = TexelTraits<VEC>::kChannels;
+    const int64_t w = base.width, h = base.height, rowValues = w * N;
+    KELVO_TRY(CatchOutOfMemory([&]() -> Result<void> {
+        sums.resize(size_t(rowValues * h));
+        return OK();
+    }));
+    // Rows are independent for the sums along x; the sums down each column then run in
+    // strips of columns, so both passes spread over the pool.
+    KELVO_TRY(ParallelFor(
+        0, h,
+        [&](int64_t y) {
+            const uint8_t* in = Row(base, y);
+            E* out = sums.data() + y * rowValues;
+            E run[N] = {};
+            for (int64_t x = 0; x < w; ++x)
+                for (int c = 0; c < N; ++c) out[x * N + c] = run[c] += in[x * N + c];
+        },
+        RowOptions(w * h)));
+    constexpr int64_t kStrip = 1024;
+    KELVO_TRY(ParallelFor(
+        0, (rowValues + kStrip - 1) / kStrip,
+        [&](int64_t strip) {
+            const int64_t from = strip * kStrip, to = std::min(rowValues, from + kStrip);
+            for (int64_t y = 1; y < h; ++y) {
+                E* out = sums.data() + y * rowValues;
+                const E* above = out - rowValues;
+                for (int64_t i = from; i < to; ++i) out[i] += above[i];
+            }
+        },
+        RowOptions(w * h)));
+    return OK();
+}
+
+template <typename VEC>
+Result<void> SummedAreaData<VEC>::Build(const MipMapLevel<VEC>& base, bool wideEntries) {
+    PixelArray<uint32_t> narrow;
+    PixelArray<uint64_t> wide;
+    if (wideEntries)
+        KELVO_TRY(Fill(base, wide));
+    else
+        KELVO_TRY(Fill(base, narrow));
+    _sums32 = std::move(narrow);
+    _sums64 = std::move(wide);
+    _width = base.width;
+    _height = base.height;
+    return OK();
+}
+
+template <typename VEC>
+TextureLevelView SummedAreaData<VEC>::View() const {
+    TextureLevelView v{
+        nullptr, _width, _height, TexelTraits<VEC>::kChannels, TEXTURECHANNEL::UINT32, 1, 1};
+    if (!_sums32.empty()) {
+        v.pixels = _sums32.data();
+    } else if (!_sums64.empty()) {
+        v.pixels = _sums64.data();
+        v.type = TEXTURECHANNEL::UINT64;
+    } else {
+        return {};
+    }
+    return v;
+}
+
+template class SummedAreaData<Vec3u8>;
+template class SummedAreaData<Vec4u8>;
+template class MipMapData<Col3, Vec3u8>;
+template class MipMapData<Col4, Vec4u8>;
+template class MipMapData<Col3, Vec3u16>;
+template class MipMapData<Col4, Vec4u16>;
+template class MipMapData<Col3, Vec3f>;
+template class MipMapData<Col4, Vec4f>;
+
+// --- TextureImpl ---------------------------------------------------------------------------------
+
+namespace {
+Error Report(Error error) {
+    DiagnosticOutput("TextureImpl::Init Error: @", error.Message());
+    return error;
+}
+
+template <typename COL, typename VEC>
+Result<StrongRef<MipMapDataBase>> MakeData(int64_t width, int64_t height) {
+    KELVO_ASSIGN_OR_RETURN(auto data, (NewObject<MipMapData<COL, VEC>>(width, height)));
+    return StrongRef<MipMapDataBase>(std::move(data));
+}
+}  // namespace
+
+Result<void> TextureImpl::Init(const StrongRef<ImageInterface>& image,
+                               const TextureInitOptions& options) {
+    StrongRef<ImageLayerInterface> layer = image ? image->GetLayer(options.layer) : nullptr;
+    if (!layer || layer->GetWidth() < 1 || layer->GetHeight() < 1)
+        return Report(IllegalArgumentError(KELVO_HERE, "The image has no pixel data."));
+    // Bits per channel decide the depth: exactly 16 is UInt16, more is float, else 8-bit.
+    // Grey is kept as RGB and grey with alpha as RGBA (the layer converts).
+    const PixelFormat format = layer->GetPixelFormat();
+    const int channels = format.GetChannelCount();
+    if (channels < 1 || channels > 4)
+        return Report(IllegalArgumentError(KELVO_HERE, "Unknown pixel format."));
+    const int bits = format.GetBitsPerPixel() / channels;
+    const int depth = bits == 16 ? 1 : bits > 16 ? 2 : 0;
+    const bool alpha = channels == 2 || channels == 4;
+    const auto storage = TEXTURESTORAGE(depth * 2 + (alpha ? 1 : 0));
+    const int64_t w = layer->GetWidth(), h = layer->GetHeight();
+    Result<StrongRef<MipMapDataBase>> data = OutOfMemoryError();
+    switch (storage) {
+        case TEXTURESTORAGE::RGB8:
+            data = MakeData<Col3, Vec3u8>(w, h);
+            break;
+        case TEXTURESTORAGE::RGBA8:
+            data = MakeData<Col4, Vec4u8>(w, h);
+            break;
+        case TEXTURESTORAGE::RGB16:
+            data = MakeData<Col3, Vec3u16>(w, h);
+            break;
+        case TEXTURESTORAGE::RGBA16:
+            data = MakeData<Col4, Vec4u16>(w, h);
+            break;
+        case TEXTURESTORAGE::RGB32F:
+            data = MakeData<Col3, Vec3f>(w, h);
+            break;
+        case TEXTURESTORAGE::RGBA32F:
+            data = MakeData<Col4, Vec4f>(w, h);
+            break;
+    }
+    if (!data) return Report(data.GetError());
+    std::lock_guard lock(_buildLock);
+    _layer = layer;
+    _width = w;
+    _height = h;
+    _storage = storage;
+    _profile = layer->GetColorProfile();
+    _data = std::move(data).Value();
+    for (auto& b : _built) b.store(false, std::memory_order_release);
+    return OK();
+}
+
+Result<void> TextureImpl::Build(TEXTUREPYRAMID pyramid) {
+    if (IsBuilt(pyramid)) return OK();
+    std::lock_guard lock(_buildLock);
+    Result<void> built = BuildLocked(pyramid);
+    if (!built && built.GetError().Kind() != ERRORKIND::ILLEGALSTATE) Report(built.GetError());
+    return built;
+}
+
+Result<void> TextureImpl::BuildLocked(TEXTUREPYRAMID pyramid) {
+    if (!_data) return IllegalStateError(KELVO_HERE, "The texture is not initialised.");
+    if (IsBuilt(pyramid)) return OK();
+    // Known from the storage alone: no need to read the image first.
+    if (pyramid == TEXTUREPYRAMID::SUMMEDAREA && _storage != TEXTURESTORAGE::RGB8 &&
+        _storage != TEXTURESTORAGE::RGBA8)
+        return _data->BuildSummedArea();
+    if (pyramid != TEXTUREPYRAMID::BASELEVEL) KELVO_TRY(BuildLocked(TEXTUREPYRAMID::BASELEVEL));
+    switch (pyramid) {
+        case TEXTUREPYRAMID::BASELEVEL:
+            KELVO_TRY(_data->BuildBase(_layer, _profile));
+            break;
+        case TEXTUREPYRAMID::MIPMAP:
+            KELVO_TRY(_data->BuildMipMap());
+            break;
+        case TEXTUREPYRAMID::RIPMAP:
+            KELVO_TRY(_data->BuildRipMap());
+            break;
+        case TEXTUREPYRAMID::SUMMEDAREA:
+            KELVO_TRY(_data->BuildSummedArea());
+            break;
+    }
+    _builds[size_t(pyramid)].fetch_add(1);
+    _built[size_t(pyramid)].store(true, std::memory_order_release);
+    return OK();
+}
+
+int64_t TextureImpl::GetByteSize(TEXTUREPYRAMID pyramid) const {
+    return IsBuilt(pyramid) ? _data->ByteSize(pyramid) : 0;
+}
+
+TextureLevelView TextureImpl::GetMipLevel(int level) const {
+    if (level == 0 && IsBuilt(TEXTUREPYRAMID::BASELEVEL)) return _data->MipLevel(0);
+    return IsBuilt(TEXTUREPYRAMID::MIPMAP) ? _data->MipLevel(level) : TextureLevelView{};
+}
+
+TextureLevelView TextureImpl::GetRipLevel(int levelX, int levelY) const {
+    if (levelX == 0 && levelY == 0 && IsBuilt(TEXTUREPYRAMID::BASELEVEL))
+        return _data->RipLevel(0, 0);
+    return IsBuilt(TEXTUREPYRAMID::RIPMAP) ? _data->RipLevel(levelX, levelY) : TextureLevelView{};
+}
+
+TextureLevelView TextureImpl::GetSummedArea() const {
+    return IsBuilt(TEXTUREPYRAMID::SUMMEDAREA) ? _data->SummedArea() : TextureLevelView{};
+}
+
+namespace {
+KELVO_REGISTER_COMPONENT(s_texture, "TextureImpl", TextureInterface, TextureImpl);
+}  // namespace
+
+}  // namespace kelvo
