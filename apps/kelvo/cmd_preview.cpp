@@ -28,7 +28,6 @@ struct RenderOptions {
     int64_t spp = 16;
     uint64_t seed = 0;
     std::string output;
-    std::string environment;
     bool quiet = false;
     bool json = false;
 };
@@ -140,9 +139,6 @@ Result<void> RenderSwatch(const RenderOptions& o) {
         return IllegalArgumentError(KELVO_HERE, "--spp must be an integer from 1 to @.",
                                     int64_t(1) << 20);
     settings.seed = o.seed;
-    if (!o.environment.empty()) {
-        KELVO_ASSIGN_OR_RETURN(settings.environmentTexture, Url::FromText(o.environment));
-    }
 
     KELVO_ASSIGN_OR_RETURN(auto renderer,
                            CreateClass<PreviewRendererInterface>(kPreviewRendererClass));
@@ -204,8 +200,6 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status) {
     render->add_option("--spp", o->spp, "Samples per pixel (one per iteration)")
         ->capture_default_str();
     render->add_option("--seed", o->seed, "Random seed")->capture_default_str();
-    render->add_option("--environment", o->environment,
-                       "Latitude-longitude picture of the surroundings (default: uniform white)");
     render->add_option("-o,--output", o->output, "Image to write (.png, .exr, ...)")->required();
     render->add_flag("--quiet", o->quiet, "No progress display");
     render->add_flag("--json", o->json,

@@ -88,12 +88,7 @@ struct PreviewSettings {
     int samplesPerIteration = 1;      // per pixel
     int maxDepth = 8;                 // bounces after the camera hit
     Col3 environment{1.0, 1.0, 1.0};  // uniform radiance of the surroundings
-    // A latitude-longitude picture of the surroundings (through the texture cache), its
-    // linear values multiplied by `environment`; u follows the azimuth, v runs from the zenith
-    // (top row) to the nadir. Used instead of the uniform radiance when set.
-    StrongRef<TextureSamplerInterface> environmentSampler;
-    Url environmentTexture;
-    int threads = 0;  // 0: every host thread
+    int threads = 0;                  // 0: every host thread
     int tileSize = 16;
     int sphereSegments = 64;  // tessellation of the curved shapes
 };

@@ -153,18 +153,6 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
         _textureSrgb = texture && texture->GetColorProfile() == COLORPROFILE::SRGB;
     }
 
-    _environment = settings.environmentSampler;
-    if (!_environment && !settings.environmentTexture.IsEmpty()) {
-        KELVO_ASSIGN_OR_RETURN(auto cache, CreateComponent<TextureManagementInterface>());
-        KELVO_ASSIGN_OR_RETURN(_environment,
-                               cache->GetTexture(settings.environmentTexture, nullptr));
-    }
-    if (_environment) {
-        KELVO_TRY(_environment->Prepare(TEXTUREMODE::BILINEAR));
-        auto texture = _environment->GetTexture();
-        _environmentSrgb = texture && texture->GetColorProfile() == COLORPROFILE::SRGB;
-    }
-
     _profile = light.profile;
     if (!_profile && !light.ies.IsEmpty()) {
         KELVO_ASSIGN_OR_RETURN(auto input, OpenInputStream(light.ies));
@@ -209,17 +197,6 @@ void PreviewRendererImpl::ReturnBsdfs(BsdfSet set) {
     _pool.push_back(std::move(set));
 }
 
-Col3 PreviewRendererImpl::Environment(const Vec3& d) const {
-    if (!_environment) return _settings.environment;
-    const double u = 0.5 + std::atan2(d.x, -d.z) * (0.5 * kInvPi);
-    const double v = std::acos(std::clamp(d.y, -1.0, 1.0)) * kInvPi;
-    TextureSampleOptions options;
-    options.mode = TEXTUREMODE::BILINEAR;
-    options.srgbToLinear = _environmentSrgb;
-    auto c = _environment->ThreadedTextureSampleColor({u, v}, {}, options);
-    return c ? _settings.environment * Col3{c->r, c->g, c->b} : Col3{};
-}
-
 Col3 PreviewRendererImpl::SurfaceColour(const IntersectionResult64& hit, const Ray& ray,
                                         bool primary, double px, double py) const {
     if (!_texture) return _material.colour;
@@ -257,7 +234,8 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
     Col3 radiance, throughput{1.0, 1.0, 1.0};
     double lastPdf = 0.0;  // density of the BSDF sample that made `ray`; 0 for the camera
     Vec3 lastNormal;
-    const bool envOn = !IsBlack(_settings.environment);
+    const Col3 env = _settings.environment;
+    const bool envOn = !IsBlack(env);
     float record[kSampleRecordFloats];
 
     for (int depth = 0;; ++depth) {
@@ -271,7 +249,7 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
                     double lightPdf = std::max(0.0, Dot(lastNormal, ray.direction)) * kInvPi;
                     w = PowerWeight(lastPdf, lightPdf);
                 }
-                radiance = radiance + throughput * Environment(ray.direction) * w;
+                radiance = radiance + throughput * env * w;
             }
             break;
         }
@@ -312,10 +290,9 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
             const Col3 f = LegacyValue(model.ComputeBSDF(wo, wi, wi, unused));
             if (lightPdf > 0.0 && !IsBlack(f)) {
                 const double bsdfPdf = model.PdfIndirect(wo, wi);
-                const Vec3 dir = ToWorld(frame, wi);
-                if (visible(dir, std::numeric_limits<double>::infinity())) {
+                if (visible(ToWorld(frame, wi), std::numeric_limits<double>::infinity())) {
                     const double w = PowerWeight(lightPdf, bsdfPdf);
-                    radiance = radiance + throughput * colour * f * Environment(dir) *
+                    radiance = radiance + throughput * colour * f * env *
                                               (kInvPi * std::abs(wi.z) * w / lightPdf);
                 }
             }

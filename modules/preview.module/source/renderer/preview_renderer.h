@@ -51,8 +51,6 @@ public:
 private:
     Result<BsdfSet> TakeBsdfs();
     void ReturnBsdfs(BsdfSet set);
-    // The radiance arriving from the surroundings along a world direction.
-    Col3 Environment(const Vec3& direction) const;
     Col3 SurfaceColour(const IntersectionResult64& hit, const Ray& ray, bool primary, double px,
                        double py) const;
 
@@ -66,8 +64,6 @@ private:
     StrongRef<DataDictionary> _stageData;
     StrongRef<TextureSamplerInterface> _texture;
     StrongRef<IesInterface> _profile;
-    StrongRef<TextureSamplerInterface> _environment;
-    bool _environmentSrgb = false;
     std::vector<bool> _objectUsesMaterial;
     // The light's frame: the profile's -z axis (its nadir) points at the target.
     Vec3 _lightX, _lightY, _lightZ;
