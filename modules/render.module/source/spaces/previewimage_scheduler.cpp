@@ -1,3 +1,9 @@
+// GCC 12 at -O2 reports a use after free inside Error's reference count when errors are kept
+// in an array and moved; the count is only released when it reaches zero.
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 12
+#pragma GCC diagnostic ignored "-Wuse-after-free"
+#endif
+
 #include "spaces/previewimage_scheduler.h"
 
 #include <algorithm>
@@ -169,12 +175,12 @@ void PreviewImageScheduler::Dispatch() {
                     if (entry && *entry && preemptedCount < preempted.size())
                         preempted[preemptedCount++] = *entry;
                 });
-                _preemptions += preemptedCount;
             } else if (!failures.Full()) {
                 fill(_queueNormal, _runningNormal);
             }
         }
-        for (size_t i = 0; i < preemptedCount; ++i) preempted[i]->Interrupt(1);
+        for (size_t i = 0; i < preemptedCount; ++i)
+            if (preempted[i]->Interrupt(1)) _preemptions.fetch_add(1);
         const bool again = failures.Full();
         failures.Run();
         if (!again) return;
@@ -291,7 +297,7 @@ Result<PreviewImageSchedulerStatistics> PreviewImageScheduler::GetStatistics() {
     s.runningPriority = self->_runningPriority.Size();
     s.queuedNormal = self->_queueNormal.Size();
     s.queuedPriority = self->_queuePriority.Size();
-    s.preemptions = self->_preemptions;
+    s.preemptions = self->_preemptions.load();
     s.stopped = self->_stopped;
     return s;
 }

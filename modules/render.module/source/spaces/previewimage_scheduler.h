@@ -7,6 +7,7 @@
 // delivered: what must happen to tasks is collected under the lock and done after it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "kelvo/entry.h"
@@ -95,7 +96,7 @@ private:
     int _limit = 1;
     int _threads = 1;
     bool _stopped = false;
-    uint64_t _preemptions = 0;
+    std::atomic<uint64_t> _preemptions{0};
 };
 
 }  // namespace kelvo::nodes

@@ -102,7 +102,7 @@ Result<void> PreviewImageSchedulerEntry::Start(const StrongRef<JobQueueInterface
     return queued;
 }
 
-void PreviewImageSchedulerEntry::Interrupt(uint8_t flag) {
+bool PreviewImageSchedulerEntry::Interrupt(uint8_t flag) {
     if (flag == 0) {
         // Waits for a delivery in flight; after this nothing more reaches the requester.
         std::lock_guard delivery(_deliveryMutex);
@@ -114,9 +114,10 @@ void PreviewImageSchedulerEntry::Interrupt(uint8_t flag) {
         std::lock_guard slot(_slotLock);
         job = _job;
     }
-    if (!job) return;
+    if (!job) return false;
     job->Cancel();
     if (t_delivering != this) (void)job->Wait();
+    return true;
 }
 
 void PreviewImageSchedulerEntry::Fail(const Error& error) {

@@ -41,8 +41,8 @@ public:
     // Cancels the running job, if any, and waits for it to end (not when called from this
     // entry's own result callback, whose job is ending on the calling thread). flag 1: the
     // iteration is resumed later; flag 0: the entry is closed and delivers nothing more
-    // once this has returned.
-    void Interrupt(uint8_t flag);
+    // once this has returned. True when a job was running.
+    bool Interrupt(uint8_t flag);
     // Delivers error as the final result (unless closed), closes the entry and sets the
     // completion signal.
     void Fail(const Error& error);
