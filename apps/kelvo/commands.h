@@ -23,6 +23,7 @@ void AddCameraCommand(CLI::App& app, Context& context, int& status);
 void AddBsdfCommand(CLI::App& app, Context& context, int& status);
 void AddSelfTestCommand(CLI::App& app, Context& context, int& status);
 void AddIesCommand(CLI::App& app, Context& context, int& status);
+void AddIntersectCommand(CLI::App& app, Context& context, int& status);
 
 // kelvo modules --json, kelvo modules and kelvo config --json, as text.
 std::string ModulesJson();
