@@ -146,6 +146,13 @@ SceneData MakeScene(PREVIEWSCENE scene, int segments) {
             s.meshes.push_back(scene == PREVIEWSCENE::SPHERE ? MakeSphere(segments)
                                                              : MakeRoundedCube(segments, 0.25));
             s.meshes.back().usesMaterial = true;
+            if (scene == PREVIEWSCENE::CUBE) {
+                // Turned so that two faces and an edge face the camera.
+                const double c = std::cos(0.6), sn = std::sin(0.6);
+                auto turn = [&](Vec3& v) { v = {c * v.x + sn * v.z, v.y, -sn * v.x + c * v.z}; };
+                for (Vec3& p : s.meshes.back().positions) turn(p);
+                for (Vec3& n : s.meshes.back().normals) turn(n);
+            }
             s.meshes.push_back(MakeStage(segments));
             break;
         case PREVIEWSCENE::PLANE:

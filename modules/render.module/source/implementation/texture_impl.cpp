@@ -206,9 +206,11 @@ Result<void> MipMapData<COL, VEC>::BuildRipMap() {
         for (int i = 0; i < nx; ++i) {
             if (i == 0 && j == 0) continue;
             const MipMapLevel<VEC>& from =
-                j == 0 ? (i == 1 ? _base : levels[size_t(i - 1)])
-                       : (i == 0 && j == 1 ? _base : levels[size_t(i + (j - 1) * nx)]);
-            KELVO_ASSIGN_OR_RETURN(levels[size_t(i + j * nx)], Halve(from, j == 0, j > 0));
+                j == 0
+                    ? (i == 1 ? _base : levels[size_t(i - 1)])
+                    : (i == 0 && j == 1 ? _base : levels[size_t(i) + size_t(j - 1) * size_t(nx)]);
+            KELVO_ASSIGN_OR_RETURN(levels[size_t(i) + size_t(j) * size_t(nx)],
+                                   Halve(from, j == 0, j > 0));
         }
     _rip = std::move(levels);
     _ripX = nx;
@@ -237,7 +239,7 @@ template <typename COL, typename VEC>
 TextureLevelView MipMapData<COL, VEC>::RipLevel(int levelX, int levelY) const {
     if (levelX == 0 && levelY == 0) return _base.View();
     if (levelX < 0 || levelY < 0 || levelX >= _ripX || levelY >= _ripY) return {};
-    return _rip[size_t(levelX + levelY * _ripX)].View();
+    return _rip[size_t(levelX) + size_t(levelY) * size_t(_ripX)].View();
 }
 
 template <typename COL, typename VEC>
