@@ -134,10 +134,10 @@ Result<Ray> ReadRay(const nlohmann::json& v) {
         } else if (key == "ior") {
             KELVO_ASSIGN_OR_RETURN(r.ior, ReadNumber(value, what));
         } else if (key == "depth") {
-            KELVO_ASSIGN_OR_RETURN(int64_t d, ReadInteger(value, what));
+            KELVO_ASSIGN_OR_RETURN(int64_t d, ReadInteger(value, what, INT32_MIN, INT32_MAX));
             r.depth = int32_t(d);
         } else if (key == "flags") {
-            KELVO_ASSIGN_OR_RETURN(int64_t f, ReadInteger(value, what));
+            KELVO_ASSIGN_OR_RETURN(int64_t f, ReadInteger(value, what, 0, UINT32_MAX));
             r.flags = uint32_t(f);
         } else if (key == "rendererData") {
             if (!value.is_array() || value.size() != 4)
@@ -178,11 +178,10 @@ Result<ShadingPoint> ReadHit(const nlohmann::json& v) {
         if (key == "polygonIndex") {
             KELVO_ASSIGN_OR_RETURN(h.polygonIndex, ReadInteger(value, what));
         } else if (key == "objectIndex") {
-            KELVO_ASSIGN_OR_RETURN(int64_t i, ReadInteger(value, what));
+            KELVO_ASSIGN_OR_RETURN(int64_t i, ReadInteger(value, what, INT32_MIN, INT32_MAX));
             h.objectIndex = int32_t(i);
         } else if (key == "backFacing") {
-            if (!value.is_boolean())
-                return IllegalArgumentError(KELVO_HERE, "@ must be true or false.", what);
+            KELVO_TRY(ReadBool(value, what));
             h.backFacing = value.get<bool>();
         } else {
             return IllegalArgumentError(KELVO_HERE, "hit has no member '@'.", key);

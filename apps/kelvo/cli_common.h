@@ -16,13 +16,15 @@
 // the loop echoes "op" and the object's name and turns a failed request into an "error":
 //
 //   RunCommand(context, status, [&]() -> Result<void> {
-//       return RunJsonLines(StandardInput(), std::cout,
-//                           [&](const nlohmann::json& request, JsonWriter& answer) {
-//                               KELVO_ASSIGN_OR_RETURN(double x, NumberMember(request, "x"));
-//                               answer.Key("twice").Number(2 * x);
-//                               return OK();
-//                           },
-//                           {.nameKey = "name"});
+//       KELVO_TRY(RunJsonLines(
+//           StandardInput(), std::cout,
+//           [&](const nlohmann::json& request, JsonWriter& answer) -> Result<void> {
+//               KELVO_ASSIGN_OR_RETURN(double x, NumberMember(request, "x"));
+//               answer.Key("twice").Number(2 * x);
+//               return OK();
+//           },
+//           {.nameKey = "name"}));
+//       return OK();  // failed requests answered in line; Result<int> to fail the run
 //   });
 #pragma once
 

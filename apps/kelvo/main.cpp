@@ -1,6 +1,5 @@
 // kelvo: inspect, evaluate and render with the render module from a terminal.
-#include <iostream>
-
+#include "cli_common.h"
 #include "commands.h"
 
 int main(int argc, char** argv) {
@@ -30,8 +29,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForAllHelp& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
-        std::cerr << "kelvo: " << e.what() << '\n';
-        return 1;
+        return Fail(UnexpectedError(KELVO_HERE, "@", e.what()));
     }
     return status;
 }

@@ -2,15 +2,11 @@
 #pragma once
 
 #include "kelvo/entry.h"
+#include "kelvo/intersector.h"
 #include "kelvo/object.h"
 #include "kelvo/result.h"
 
 namespace kelvo {
-
-// Registry of the intersection engines, provided by other modules.
-inline constexpr Id kIntersectionClassesRegistry("net.kelvo.render.registry.intersectionclasses");
-// The kind of class that intersection engines are; an entry of any other kind is no engine.
-inline constexpr Id kIntersectionClassKind("net.kelvo.render.interface.intersection");
 
 class RenderGeneralInterface : public virtual Object {
 public:

@@ -9,10 +9,7 @@ namespace {
 
 // Tried in this order when g_polygonIntersection is empty. The single-precision Embree
 // engine is deliberately left out: it is reached only by naming it.
-constexpr Id kDefaultEngines[] = {
-    Id("net.kelvo.render.intersectionclass.embree"),
-    Id("net.kelvo.render.intersectionclass.ymb"),
-};
+constexpr Id kDefaultEngines[] = {kEmbreeIntersectionClass, kYmbIntersectionClass};
 
 class RenderGeneralImpl final : public Implements<RenderGeneralInterface> {
 public:
