@@ -21,6 +21,7 @@ int main(int argc, char** argv) {
     AddBsdfCommand(app, context, status);
     AddSelfTestCommand(app, context, status);
     AddIesCommand(app, context, status);
+    AddTextureCommand(app, context, status);
 
     try {
         app.parse(argc, argv);

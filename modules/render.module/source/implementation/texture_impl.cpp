@@ -202,13 +202,33 @@ Result<MipMapLevel<VEC>> MipMapData<COL, VEC>::Halve(const MipMapLevel<VEC>& sou
 template <typename COL, typename VEC>
 Result<void> MipMapData<COL, VEC>::BuildBase(const StrongRef<ImageLayerInterface>& layer,
                                              COLORPROFILE profile) {
-    KELVO_ASSIGN_OR_RETURN(StrongRef<GetPixelHandlerInterface> reader,
-                           layer->GetPixelHandler(StorageFormat(StorageOf<VEC>()), profile));
+    const PixelFormat storage = StorageFormat(StorageOf<VEC>());
     KELVO_ASSIGN_OR_RETURN(MipMapLevel<VEC> base, AllocateLevel<VEC>(_width, _height, 1, 1));
-    KELVO_TRY(ParallelFor(
-        0, _height,
-        [&](int64_t y) { return reader->GetPixels(0, y, _width, base.pixels.data() + y * _width); },
-        RowOptions(_width * _height)));
+    const ParallelForOptions rows = RowOptions(_width * _height);
+    auto direct = layer->GetPixelHandler(storage, profile);
+    if (direct) {
+        const auto& reader = direct.Value();
+        KELVO_TRY(ParallelFor(
+            0, _height,
+            [&](int64_t y) {
+                return reader->GetPixels(0, y, _width, base.pixels.data() + y * _width);
+            },
+            rows));
+    } else {
+        // A layer that hands out its own format only: rows are read into a buffer per
+        // worker and converted.
+        const PixelFormat own = layer->GetPixelFormat();
+        KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(own, profile));
+        using Buffer = std::vector<uint8_t, Allocator<uint8_t>>;
+        KELVO_TRY(ParallelFor<Buffer>(
+            0, _height, [&](Buffer& row) { row.resize(size_t(_width) * own.GetBytesPerPixel()); },
+            [&](Buffer& row, int64_t y) -> Result<void> {
+                KELVO_TRY(reader->GetPixels(0, y, _width, row.data()));
+                return ConvertPixels(own, profile, row.data(), storage, profile,
+                                     base.pixels.data() + y * _width, _width);
+            },
+            [](Buffer&) {}, rows));
+    }
     _base = std::move(base);
     return OK();
 }
@@ -459,7 +479,9 @@ Result<void> TextureImpl::Build(TEXTUREPYRAMID pyramid) {
     if (IsBuilt(pyramid)) return OK();
     std::lock_guard lock(_buildLock);
     Result<void> built = BuildLocked(pyramid);
-    if (!built && built.GetError().Kind() != ERRORKIND::ILLEGALSTATE) Report(built.GetError());
+    // Like Init's failures, a shortage of memory is also reported; the others are the
+    // caller's to show.
+    if (!built && built.GetError().Kind() == ERRORKIND::OUTOFMEMORY) Report(built.GetError());
     return built;
 }
 
