@@ -8,7 +8,8 @@ if(NOT rc EQUAL 0)
 endif()
 execute_process(COMMAND ${PREFIX}/bin/kelvo modules WORKING_DIRECTORY /
                 RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-if(NOT rc EQUAL 0 OR NOT out MATCHES "net\\.kelvo\\.render\\.ray")
+if(NOT rc EQUAL 0 OR NOT out MATCHES "net\\.kelvo\\.render\\.ray"
+   OR NOT out MATCHES "net\\.kelvo\\.render\\.intersectionclass\\.embreesingle")
   message(FATAL_ERROR "installed kelvo modules failed (${rc}): ${out}${err}")
 endif()
 if(NOT EXISTS ${PREFIX}/share/kelvo/resources/README.md)

@@ -4,11 +4,13 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "context.h"
+#include "kelvo/data.h"
 #include "kelvo/result.h"
 #include "kelvo/texture.h"
 
@@ -25,6 +27,7 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status);
 void AddSelfTestCommand(CLI::App& app, Context& context, int& status);
 void AddIesCommand(CLI::App& app, Context& context, int& status);
 void AddTextureCommand(CLI::App& app, Context& context, int& status);
+void AddPreviewCommand(CLI::App& app, Context& context, int& status);
 
 // kelvo modules --json, kelvo modules and kelvo config --json, as text.
 std::string ModulesJson();
@@ -40,6 +43,10 @@ Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::st
 // picture (the format follows the output's suffix).
 Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output,
                              int64_t size);
+
+// The members of a "data" object into a BSDF data record, by key (the suffix after
+// "net.kelvo.render.bsdfdata." or the whole id). Tables are never read from text.
+Result<void> ReadBsdfData(const nlohmann::json& data, DataDictionary& record);
 
 // The sheet of all fifteen legacy models (5 rows x 3 columns of lobe tiles, wo at 45
 // degrees), written to folder/"bsdf-sheet.png" with its legend in folder/"bsdf-sheet.txt".

@@ -1,0 +1,494 @@
+// The intersection classes on Embree 3: "embree" builds its BVH on all of Embree's
+// threads, "embreesingle" on one thread with Embree's robust (watertight) traversal.
+//
+// Every object (instance) of the scene is one geometry of the top-level scene under its
+// own object index: an untransformed instance shares its mesh's buffers directly, a
+// transformed one instances a scene holding the mesh. Hit attributes are computed in
+// double precision from the vertices Embree intersected.
+#include <dlfcn.h>
+#include <embree3/rtcore.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <mutex>
+#include <vector>
+
+#include "kelvo/allocator.h"
+#include "kelvo/entry.h"
+#include "kelvo/intersector.h"
+
+namespace kelvo {
+namespace {
+
+template <typename T>
+using Vector = std::vector<T, Allocator<T>>;
+
+// Embree's primitive and geometry ids are unsigned; keep ours within int32.
+constexpr size_t kMaxTriangles = size_t(std::numeric_limits<int32_t>::max());
+constexpr size_t kMaxObjects = size_t(std::numeric_limits<int32_t>::max());
+// Rays handed to Embree's stream calls at once: a few kilobytes on the stack.
+constexpr size_t kStreamChunk = 64;
+
+struct Engine {
+    const char* deviceConfig;
+    RTCSceneFlags sceneFlags;
+};
+const Engine kParallelEngine{"verbose=0", RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION};
+const Engine kSingleEngine{"threads=1,verbose=0",
+                           RTC_SCENE_FLAG_CONTEXT_FILTER_FUNCTION | RTC_SCENE_FLAG_ROBUST};
+
+Error EmbreeError(RTCError code) {
+    if (code == RTC_ERROR_OUT_OF_MEMORY) return OutOfMemoryError();
+    return UnexpectedError(KELVO_HERE, "Embree failed with error code @.", int(code));
+}
+
+// One Embree device per engine, shared by its intersectors while any of them lives
+// (a device owns Embree's thread pool, too costly to start per scene).
+class Device {
+public:
+    explicit Device(RTCDevice device) : _device(device) {}
+    ~Device() { rtcReleaseDevice(_device); }
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+    RTCDevice Get() const { return _device; }
+
+private:
+    RTCDevice _device;
+};
+
+Result<std::shared_ptr<Device>> AcquireDevice(const Engine& engine) {
+    static std::mutex mutex;
+    static std::weak_ptr<Device> parallel, single;
+    std::lock_guard lock(mutex);
+    std::weak_ptr<Device>& cached = &engine == &kSingleEngine ? single : parallel;
+    if (auto device = cached.lock()) return device;
+    // Embree's thread pool (TBB's workers) outlives every device: unmapping Embree when
+    // this module is unloaded would pull the code from under those threads. Pin it.
+    static bool pinned = [] {
+        Dl_info info;
+        return dladdr(reinterpret_cast<void*>(&rtcNewDevice), &info) && info.dli_fname &&
+               dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE);
+    }();
+    (void)pinned;
+    RTCDevice device = rtcNewDevice(engine.deviceConfig);
+    if (!device) return EmbreeError(rtcGetDeviceError(nullptr));
+    KELVO_ASSIGN_OR_RETURN(std::shared_ptr<Device> owned, NewObject<Device>(device));
+    cached = owned;
+    return owned;
+}
+
+struct Mesh {
+    Vector<Vec3f> positions;  // one element more than used: Embree reads vertices 16 bytes wide
+    Vector<uint32_t> indices;
+    Vector<Vec3f> normals;
+    Vector<Vec2f> uvs;
+    size_t vertexCount = 0;
+    size_t triangleCount = 0;
+    RTCScene scene = nullptr;  // the mesh alone, for transformed instances; made by Commit
+};
+
+struct SceneObject {
+    int32_t mesh = 0;
+    bool identity = true;
+    Matrix transform;
+    Matrix inverse;  // its transpose turns object normals into world normals
+};
+
+// An Embree context that carries the query's limits to the filter.
+struct QueryContext {
+    RTCIntersectContext base;
+    const RayLimits* limits;
+};
+
+// Drops hits on the triangle a ray starts from. The ray's id indexes the limits.
+void IgnoreStartTriangle(const RTCFilterFunctionNArguments* args) {
+    const auto* context = reinterpret_cast<const QueryContext*>(args->context);
+    for (unsigned i = 0; i < args->N; ++i) {
+        if (args->valid[i] != -1) continue;
+        const RayLimits& limits = context->limits[RTCRayN_id(args->ray, args->N, i)];
+        unsigned instance = RTCHitN_instID(args->hit, args->N, i, 0);
+        unsigned object =
+            instance != RTC_INVALID_GEOMETRY_ID ? instance : RTCHitN_geomID(args->hit, args->N, i);
+        if (int64_t(object) == limits.ignoreObject &&
+            int64_t(RTCHitN_primID(args->hit, args->N, i)) == limits.ignorePolygon)
+            args->valid[i] = 0;
+    }
+}
+
+// The largest float not above d, and the smallest not below it, so that rounding never
+// widens the interval a caller asked for.
+float FloatBelow(double d) {
+    float f = float(d);
+    return double(f) > d ? std::nextafter(f, -std::numeric_limits<float>::infinity()) : f;
+}
+float FloatAbove(double d) {
+    float f = float(d);
+    return double(f) < d ? std::nextafter(f, std::numeric_limits<float>::infinity()) : f;
+}
+
+// Fills an Embree ray; false for a ray that cannot hit anything.
+bool SetRay(RTCRay& out, const Ray& ray, const RayLimits& limits, unsigned id) {
+    const Vec3& o = ray.origin;
+    const Vec3& d = ray.direction;
+    bool usable = std::isfinite(o.x) && std::isfinite(o.y) && std::isfinite(o.z) &&
+                  std::isfinite(d.x) && std::isfinite(d.y) && std::isfinite(d.z) &&
+                  (d.x != 0.0 || d.y != 0.0 || d.z != 0.0) && limits.tmax >= limits.tmin &&
+                  limits.tmax >= 0.0;
+    out.org_x = float(o.x);
+    out.org_y = float(o.y);
+    out.org_z = float(o.z);
+    out.dir_x = float(d.x);
+    out.dir_y = float(d.y);
+    out.dir_z = float(d.z);
+    out.tnear = FloatAbove(std::max(limits.tmin, 0.0));
+    out.tfar = FloatBelow(limits.tmax);
+    out.time = 0.0f;
+    out.mask = ~0u;
+    out.id = id;
+    out.flags = 0;
+    if (!usable) {
+        // Inactive for Embree's packet calls: tnear beyond tfar.
+        out.tnear = 1.0f;
+        out.tfar = 0.0f;
+    }
+    return usable;
+}
+
+Vec3 ToDouble(const Vec3f& v) { return {double(v.x), double(v.y), double(v.z)}; }
+
+// Two unit vectors perpendicular to n and to each other; zeros for a zero n.
+void Perpendiculars(const Vec3& n, Vec3& a, Vec3& b) {
+    if (SquaredLength(n) == 0.0) {
+        a = b = Vec3{};
+        return;
+    }
+    a = Normalize(std::abs(n.x) > std::abs(n.z) ? Vec3{-n.y, n.x, 0.0} : Vec3{0.0, -n.z, n.y});
+    b = Normalize(Cross(n, a));
+}
+
+class EmbreeIntersector : public Implements<IntersectorInterface> {
+public:
+    explicit EmbreeIntersector(const Engine& engine) : _engine(engine) {}
+    ~EmbreeIntersector() override { ReleaseScene(); }
+
+    Result<int32_t> AddMesh(const TriangleMesh& mesh) override {
+        size_t vertices = mesh.positions.size();
+        if (mesh.indices.size() % 3 != 0)
+            return IllegalArgumentError(KELVO_HERE, "The index count @ is not a multiple of 3.",
+                                        mesh.indices.size());
+        size_t triangles = mesh.indices.size() / 3;
+        if (triangles > kMaxTriangles)
+            return IllegalArgumentError(KELVO_HERE, "A mesh may have at most @ triangles.",
+                                        kMaxTriangles);
+        for (size_t i = 0; i < mesh.indices.size(); ++i)
+            if (mesh.indices[i] >= vertices)
+                return IllegalArgumentError(KELVO_HERE,
+                                            "Triangle @ refers to vertex @ of a mesh with @ "
+                                            "vertices.",
+                                            i / 3, mesh.indices[i], vertices);
+        if (!mesh.normals.empty() && mesh.normals.size() != vertices)
+            return IllegalArgumentError(KELVO_HERE, "A mesh with @ vertices has @ normals.",
+                                        vertices, mesh.normals.size());
+        if (!mesh.uvs.empty() && mesh.uvs.size() != vertices)
+            return IllegalArgumentError(KELVO_HERE, "A mesh with @ vertices has @ uvs.", vertices,
+                                        mesh.uvs.size());
+        if (_meshes.size() >= kMaxObjects)
+            return IllegalArgumentError(KELVO_HERE, "A scene may have at most @ meshes.",
+                                        kMaxObjects);
+        return CatchOutOfMemory([&]() -> Result<int32_t> {
+            Mesh copy;
+            copy.vertexCount = vertices;
+            copy.triangleCount = triangles;
+            copy.positions.resize(vertices + 1);
+            for (size_t i = 0; i < vertices; ++i) {
+                const Vec3& p = mesh.positions[i];
+                copy.positions[i] = {float(p.x), float(p.y), float(p.z)};
+            }
+            copy.indices.assign(mesh.indices.begin(), mesh.indices.end());
+            copy.normals.reserve(mesh.normals.size());
+            for (const Vec3& n : mesh.normals)
+                copy.normals.push_back({float(n.x), float(n.y), float(n.z)});
+            copy.uvs.reserve(mesh.uvs.size());
+            for (const Vec2& t : mesh.uvs) copy.uvs.push_back({float(t.x), float(t.y)});
+            _meshes.push_back(std::move(copy));
+            return int32_t(_meshes.size() - 1);
+        });
+    }
+
+    Result<int32_t> AddInstance(int32_t mesh, const Matrix& transform) override {
+        if (mesh < 0 || size_t(mesh) >= _meshes.size())
+            return IllegalArgumentError(KELVO_HERE, "Mesh @ does not exist.", mesh);
+        if (_objects.size() >= kMaxObjects)
+            return IllegalArgumentError(KELVO_HERE, "A scene may have at most @ objects.",
+                                        kMaxObjects);
+        return CatchOutOfMemory([&]() -> Result<int32_t> {
+            _objects.push_back({mesh, transform == Matrix{}, transform, Inverse(transform)});
+            return int32_t(_objects.size() - 1);
+        });
+    }
+
+    Result<void> Commit() override {
+        ReleaseScene();
+        if (!_device) {
+            KELVO_ASSIGN_OR_RETURN(_device, AcquireDevice(_engine));
+        }
+        RTCDevice device = _device->Get();
+        RTCScene top = rtcNewScene(device);
+        if (!top) return EmbreeError(rtcGetDeviceError(device));
+        rtcSetSceneFlags(top, _engine.sceneFlags);
+        for (size_t i = 0; i < _objects.size(); ++i) {
+            const SceneObject& object = _objects[i];
+            Mesh& mesh = _meshes[size_t(object.mesh)];
+            if (mesh.triangleCount == 0) continue;
+            RTCGeometry geometry = nullptr;
+            if (object.identity) {
+                geometry = NewTriangles(device, mesh);
+            } else {
+                double det = object.transform.Determinant();
+                if (det == 0.0 || !std::isfinite(det)) continue;  // nothing left to hit
+                if (!mesh.scene) {
+                    mesh.scene = rtcNewScene(device);
+                    if (!mesh.scene) break;
+                    rtcSetSceneFlags(mesh.scene, _engine.sceneFlags);
+                    RTCGeometry triangles = NewTriangles(device, mesh);
+                    if (!triangles) break;
+                    rtcAttachGeometryByID(mesh.scene, triangles, 0);
+                    rtcReleaseGeometry(triangles);
+                    rtcCommitScene(mesh.scene);
+                }
+                geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_INSTANCE);
+                if (!geometry) break;
+                rtcSetGeometryInstancedScene(geometry, mesh.scene);
+                const Matrix& m = object.transform;
+                const float columnMajor[12] = {
+                    float(m.xAxis.x), float(m.xAxis.y),  float(m.xAxis.z),  float(m.yAxis.x),
+                    float(m.yAxis.y), float(m.yAxis.z),  float(m.zAxis.x),  float(m.zAxis.y),
+                    float(m.zAxis.z), float(m.offset.x), float(m.offset.y), float(m.offset.z)};
+                rtcSetGeometryTransform(geometry, 0, RTC_FORMAT_FLOAT3X4_COLUMN_MAJOR, columnMajor);
+                rtcCommitGeometry(geometry);
+            }
+            if (!geometry) break;
+            rtcAttachGeometryByID(top, geometry, unsigned(i));
+            rtcReleaseGeometry(geometry);
+        }
+        rtcCommitScene(top);
+        _scene = top;
+        RTCError error = rtcGetDeviceError(device);
+        if (error != RTC_ERROR_NONE) {
+            ReleaseScene();
+            return EmbreeError(error);
+        }
+        return OK();
+    }
+
+    void Release() override {
+        ReleaseScene();
+        Vector<Mesh>().swap(_meshes);
+        Vector<SceneObject>().swap(_objects);
+    }
+
+    bool Intersect(const Ray& ray, const RayLimits& limits,
+                   IntersectionResult64& hit) const override {
+        if (!_scene) return false;
+        QueryContext context = MakeContext(&limits, 1, RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT);
+        RTCRayHit rayHit;
+        if (!SetRay(rayHit.ray, ray, limits, 0)) return false;
+        rayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
+        rayHit.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+        rtcIntersect1(_scene, &context.base, &rayHit);
+        if (rayHit.hit.geomID == RTC_INVALID_GEOMETRY_ID) return false;
+        FillHit(ray, rayHit, hit);
+        return true;
+    }
+
+    bool Occluded(const Ray& ray, const RayLimits& limits) const override {
+        if (!_scene) return false;
+        QueryContext context = MakeContext(&limits, 1, RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT);
+        RTCRay embreeRay;
+        if (!SetRay(embreeRay, ray, limits, 0)) return false;
+        rtcOccluded1(_scene, &context.base, &embreeRay);
+        return embreeRay.tfar == -std::numeric_limits<float>::infinity();
+    }
+
+    void IntersectPacket(const Ray* rays, const RayLimits* limits, IntersectionResult64* hits,
+                         size_t count) const override {
+        RTCRayHit chunk[kStreamChunk];
+        for (size_t start = 0; start < count; start += kStreamChunk) {
+            size_t n = std::min(kStreamChunk, count - start);
+            for (size_t i = 0; i < n; ++i) hits[start + i] = IntersectionResult64{};
+            if (!_scene) continue;
+            for (size_t i = 0; i < n; ++i) {
+                SetRay(chunk[i].ray, rays[start + i], limits[start + i], unsigned(i));
+                chunk[i].hit.geomID = RTC_INVALID_GEOMETRY_ID;
+                chunk[i].hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
+            }
+            QueryContext context =
+                MakeContext(limits + start, n, RTC_INTERSECT_CONTEXT_FLAG_COHERENT);
+            rtcIntersect1M(_scene, &context.base, chunk, unsigned(n), sizeof(RTCRayHit));
+            for (size_t i = 0; i < n; ++i)
+                if (chunk[i].hit.geomID != RTC_INVALID_GEOMETRY_ID)
+                    FillHit(rays[start + i], chunk[i], hits[start + i]);
+        }
+    }
+
+    void OccludedPacket(const Ray* rays, const RayLimits* limits, bool* occluded,
+                        size_t count) const override {
+        RTCRay chunk[kStreamChunk];
+        for (size_t start = 0; start < count; start += kStreamChunk) {
+            size_t n = std::min(kStreamChunk, count - start);
+            if (!_scene) {
+                std::fill(occluded + start, occluded + start + n, false);
+                continue;
+            }
+            for (size_t i = 0; i < n; ++i)
+                SetRay(chunk[i], rays[start + i], limits[start + i], unsigned(i));
+            QueryContext context =
+                MakeContext(limits + start, n, RTC_INTERSECT_CONTEXT_FLAG_COHERENT);
+            rtcOccluded1M(_scene, &context.base, chunk, unsigned(n), sizeof(RTCRay));
+            for (size_t i = 0; i < n; ++i)
+                occluded[start + i] = chunk[i].tfar == -std::numeric_limits<float>::infinity();
+        }
+    }
+
+private:
+    static QueryContext MakeContext(const RayLimits* limits, size_t count,
+                                    RTCIntersectContextFlags flags) {
+        QueryContext context;
+        rtcInitIntersectContext(&context.base);
+        context.base.flags = flags;
+        context.limits = limits;
+        // The filter costs a call per candidate hit: only when some ray needs it.
+        for (size_t i = 0; i < count; ++i)
+            if (limits[i].ignorePolygon >= 0) {
+                context.base.filter = &IgnoreStartTriangle;
+                break;
+            }
+        return context;
+    }
+
+    static RTCGeometry NewTriangles(RTCDevice device, const Mesh& mesh) {
+        RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
+        if (!geometry) return nullptr;
+        rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
+                                   mesh.positions.data(), 0, sizeof(Vec3f), mesh.vertexCount);
+        rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3,
+                                   mesh.indices.data(), 0, 3 * sizeof(uint32_t),
+                                   mesh.triangleCount);
+        rtcCommitGeometry(geometry);
+        return geometry;
+    }
+
+    void ReleaseScene() {
+        if (_scene) rtcReleaseScene(_scene);
+        _scene = nullptr;
+        for (Mesh& mesh : _meshes) {
+            if (mesh.scene) rtcReleaseScene(mesh.scene);
+            mesh.scene = nullptr;
+        }
+    }
+
+    void FillHit(const Ray& ray, const RTCRayHit& rayHit, IntersectionResult64& hit) const {
+        unsigned objectIndex = rayHit.hit.instID[0] != RTC_INVALID_GEOMETRY_ID
+                                   ? rayHit.hit.instID[0]
+                                   : rayHit.hit.geomID;
+        const SceneObject& object = _objects[objectIndex];
+        const Mesh& mesh = _meshes[size_t(object.mesh)];
+        const unsigned polygon = rayHit.hit.primID;
+        const uint32_t* corner = &mesh.indices[3 * size_t(polygon)];
+        const double u = rayHit.hit.u, v = rayHit.hit.v, w = 1.0 - u - v;
+        const Vec3 p0 = ToDouble(mesh.positions[corner[0]]);
+        const Vec3 p1 = ToDouble(mesh.positions[corner[1]]);
+        const Vec3 p2 = ToDouble(mesh.positions[corner[2]]);
+
+        // Object-space normals become world normals through the inverse's transpose.
+        auto toWorldNormal = [&](const Vec3& n) {
+            if (object.identity) return Normalize(n);
+            const Matrix& inv = object.inverse;
+            return Normalize(Vec3{Dot(inv.xAxis, n), Dot(inv.yAxis, n), Dot(inv.zAxis, n)});
+        };
+        auto toWorld = [&](const Vec3& p) {
+            return object.identity ? p : object.transform.TransformPoint(p);
+        };
+        auto toWorldVector = [&](const Vec3& d) {
+            return object.identity ? d : object.transform.TransformVector(d);
+        };
+
+        // Embree's distance and barycentrics are single precision, off by up to a few
+        // millionths of the triangle's size; the ray meets the triangle's plane far more
+        // precisely in double. Grazing rays keep Embree's answer.
+        const Vec3 normal = Cross(p1 - p0, p2 - p0);
+        hit.distance = double(rayHit.ray.tfar);
+        Vec3 position = p0 * w + p1 * u + p2 * v;
+        const Vec3 origin =
+            object.identity ? ray.origin : object.inverse.TransformPoint(ray.origin);
+        const Vec3 direction =
+            object.identity ? ray.direction : object.inverse.TransformVector(ray.direction);
+        const double facing = Dot(direction, normal);
+        if (std::abs(facing) > 1e-6 * std::sqrt(SquaredLength(direction) * SquaredLength(normal))) {
+            double t = Dot(p0 - origin, normal) / facing;
+            if (std::abs(t - hit.distance) <= 1e-3 * std::max(1.0, hit.distance)) {
+                hit.distance = t;
+                position = origin + direction * t;
+            }
+        }
+        hit.hitPosition = toWorld(position);
+        hit.geometricNormal = toWorldNormal(normal);
+        hit.backFacing = Dot(ray.direction, hit.geometricNormal) > 0.0;
+        hit.shadingNormal = hit.geometricNormal;
+        if (!mesh.normals.empty()) {
+            Vec3 n = ToDouble(mesh.normals[corner[0]]) * w + ToDouble(mesh.normals[corner[1]]) * u +
+                     ToDouble(mesh.normals[corner[2]]) * v;
+            if (SquaredLength(n) > 0.0) hit.shadingNormal = toWorldNormal(n);
+        }
+        hit.barycentric = {u, v};
+
+        // Texture coordinates, and the position's derivatives along them.
+        Vec2 t0{0.0, 0.0}, t1{1.0, 0.0}, t2{0.0, 1.0};
+        if (!mesh.uvs.empty()) {
+            const Vec2f& a = mesh.uvs[corner[0]];
+            const Vec2f& b = mesh.uvs[corner[1]];
+            const Vec2f& c = mesh.uvs[corner[2]];
+            t0 = {a.x, a.y};
+            t1 = {b.x, b.y};
+            t2 = {c.x, c.y};
+        }
+        hit.uvw = {t0.x * w + t1.x * u + t2.x * v, t0.y * w + t1.y * u + t2.y * v, 0.0};
+        const double du02 = t0.x - t2.x, dv02 = t0.y - t2.y;
+        const double du12 = t1.x - t2.x, dv12 = t1.y - t2.y;
+        const double det = du02 * dv12 - dv02 * du12;
+        const Vec3 dp02 = p0 - p2, dp12 = p1 - p2;
+        if (std::abs(det) > 1e-20) {
+            hit.dpdu = toWorldVector((dp02 * dv12 - dp12 * dv02) / det);
+            hit.dpdv = toWorldVector((dp12 * du02 - dp02 * du12) / det);
+        } else {
+            // Degenerate texture coordinates: any frame in the surface will do.
+            Perpendiculars(hit.geometricNormal, hit.dpdu, hit.dpdv);
+        }
+        hit.polygonIndex = int64_t(polygon);
+        hit.objectIndex = int32_t(objectIndex);
+    }
+
+    const Engine& _engine;
+    std::shared_ptr<Device> _device;
+    RTCScene _scene = nullptr;
+    Vector<Mesh> _meshes;
+    Vector<SceneObject> _objects;
+};
+
+class ParallelIntersector final : public EmbreeIntersector {
+public:
+    ParallelIntersector() : EmbreeIntersector(kParallelEngine) {}
+};
+class SingleIntersector final : public EmbreeIntersector {
+public:
+    SingleIntersector() : EmbreeIntersector(kSingleEngine) {}
+};
+
+KELVO_REGISTER_CLASS(s_embree, "net.kelvo.render.intersectionclass.embree",
+                     kIntersectionClassesRegistry, kIntersectionClassKind, ParallelIntersector);
+KELVO_REGISTER_CLASS(s_embreeSingle, "net.kelvo.render.intersectionclass.embreesingle",
+                     kIntersectionClassesRegistry, kIntersectionClassKind, SingleIntersector);
+
+}  // namespace
+}  // namespace kelvo
