@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
     AddSelfTestCommand(app, context, status);
     AddIesCommand(app, context, status);
     AddIntersectCommand(app, context, status);
+    AddTextureCommand(app, context, status);
     AddPreviewCommand(app, context, status);
 
     try {
