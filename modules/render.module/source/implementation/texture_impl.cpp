@@ -442,27 +442,25 @@ Result<void> TextureImpl::Init(const StrongRef<ImageInterface>& image,
     const bool alpha = channels == 2 || channels == 4;
     const auto storage = TEXTURESTORAGE(depth * 2 + (alpha ? 1 : 0));
     const int64_t w = layer->GetWidth(), h = layer->GetHeight();
-    Result<StrongRef<MipMapDataBase>> data = OutOfMemoryError();
-    switch (storage) {
-        case TEXTURESTORAGE::RGB8:
-            data = MakeData<Col3, Vec3u8>(w, h);
-            break;
-        case TEXTURESTORAGE::RGBA8:
-            data = MakeData<Col4, Vec4u8>(w, h);
-            break;
-        case TEXTURESTORAGE::RGB16:
-            data = MakeData<Col3, Vec3u16>(w, h);
-            break;
-        case TEXTURESTORAGE::RGBA16:
-            data = MakeData<Col4, Vec4u16>(w, h);
-            break;
-        case TEXTURESTORAGE::RGB32F:
-            data = MakeData<Col3, Vec3f>(w, h);
-            break;
-        case TEXTURESTORAGE::RGBA32F:
-            data = MakeData<Col4, Vec4f>(w, h);
-            break;
-    }
+    // Built in one expression: assigning into a prepared Result trips GCC's
+    // maybe-uninitialized analysis in the sanitizer builds.
+    Result<StrongRef<MipMapDataBase>> data = [&]() -> Result<StrongRef<MipMapDataBase>> {
+        switch (storage) {
+            case TEXTURESTORAGE::RGB8:
+                return MakeData<Col3, Vec3u8>(w, h);
+            case TEXTURESTORAGE::RGBA8:
+                return MakeData<Col4, Vec4u8>(w, h);
+            case TEXTURESTORAGE::RGB16:
+                return MakeData<Col3, Vec3u16>(w, h);
+            case TEXTURESTORAGE::RGBA16:
+                return MakeData<Col4, Vec4u16>(w, h);
+            case TEXTURESTORAGE::RGB32F:
+                return MakeData<Col3, Vec3f>(w, h);
+            case TEXTURESTORAGE::RGBA32F:
+                return MakeData<Col4, Vec4f>(w, h);
+        }
+        return OutOfMemoryError();
+    }();
     if (!data) return Report(data.GetError());
     std::lock_guard lock(_buildLock);
     _layer = layer;
