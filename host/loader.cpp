@@ -14,8 +14,9 @@ struct LoadedModule {
     std::filesystem::path path;
     void* handle = nullptr;  // null for modules linked into the process
     KelvoBinding* binding = nullptr;
-    std::vector<EntryRecord*> declared;  // declaration order
-    std::vector<EntryRecord*> inserted;  // insertion order
+    std::vector<EntryRecord*> declared;           // declaration order
+    std::vector<EntryRecord*> inserted;           // insertion order
+    std::vector<const ModuleLifecycle*> started;  // start order
 };
 
 namespace detail {
@@ -62,7 +63,35 @@ void RemoveInserted(LoadedModule& m) {
     m.inserted.clear();
 }
 
+const ModuleLifecycle* Lifecycle(const EntryRecord* e) {
+    return e->kind == ENTRYKIND::LIFECYCLE ? static_cast<const ModuleLifecycle*>(e->payload)
+                                           : nullptr;
+}
+
+void Stop(LoadedModule& m) {
+    for (auto it = m.started.rbegin(); it != m.started.rend(); ++it)
+        if ((*it)->stop) (*it)->stop();
+    m.started.clear();
+}
+
+Result<void> Start(LoadedModule& m) {
+    for (EntryRecord* e : m.declared) {
+        const ModuleLifecycle* life = Lifecycle(e);
+        if (!life) continue;
+        if (life->start) {
+            Result<void> r = life->start();
+            if (!r) {
+                Stop(m);
+                return r.GetError();
+            }
+        }
+        m.started.push_back(life);
+    }
+    return OK();
+}
+
 void CleanUp(LoadedModule& m) {
+    Stop(m);
     RemoveInserted(m);
     for (auto it = m.declared.rbegin(); it != m.declared.rend(); ++it) (*it)->Cleanup();
     m.declared.clear();
@@ -154,6 +183,10 @@ Result<ModuleHandle> AttachModule(KelvoBinding& binding, void (**yieldDelegate)(
     FillHostSlots(binding.host);
     if (yieldDelegate) *yieldDelegate = &HostYield;
     KELVO_TRY(Insert(*m));
+    if (Result<void> started = Start(*m); !started) {
+        CleanUp(*m);
+        return started.GetError();
+    }
     std::lock_guard lock(g_modulesMutex);
     g_modules.push_back(std::move(m));
     return g_modules.back().get();
@@ -196,6 +229,15 @@ void UnloadModule(ModuleHandle module) {
         owned = std::move(*it);
         g_modules.erase(it);
     }
+    // The modules that stay let go of what they hold of this one while its code is there.
+    std::vector<const ModuleLifecycle*> others;
+    {
+        std::lock_guard lock(g_modulesMutex);
+        for (auto& other : g_modules)
+            for (const ModuleLifecycle* life : other->started)
+                if (life->moduleUnloading) others.push_back(life);
+    }
+    for (const ModuleLifecycle* life : others) life->moduleUnloading(owned->binding->module);
     CleanUp(*owned);
     if (owned->handle) dlclose(owned->handle);
 }

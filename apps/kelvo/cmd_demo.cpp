@@ -6,6 +6,7 @@
 #include "bsdf_plot.h"
 #include "cli_common.h"
 #include "commands.h"
+#include "kelvo/camera.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
 #include "kelvo/sceneobject.h"
@@ -83,6 +84,88 @@ Result<std::string> CamerasJson() {
     return w.End().Text();
 }
 
+// A checkerboard plane receding to the horizon, seen through the module's perspective
+// camera; each pixel's texture footprint comes from the camera's ray differentials. Panels
+// left to right: nearest, bilinear, mip map, rip map, summed area.
+Result<void> WriteFilteringPicture(const fs::path& folder) {
+    // The board: 8 x 8 squares of 16 texels, one tile per 4 world units of the plane.
+    constexpr int64_t kBoard = 128, kPanelW = 320, kPanelH = 200;
+    constexpr double kTile = 4.0, kFieldOfView = 0.6;
+    std::vector<uint8_t> board(size_t(kBoard * kBoard * 3));
+    for (int64_t y = 0; y < kBoard; ++y)
+        for (int64_t x = 0; x < kBoard; ++x) {
+            const uint8_t v = ((x / 16 + y / 16) % 2) ? 235 : 20;
+            for (int c = 0; c < 3; ++c) board[size_t((y * kBoard + x) * 3 + c)] = v;
+        }
+    KELVO_ASSIGN_OR_RETURN(auto boardImage, CreateImage(kBoard, kBoard));
+    KELVO_ASSIGN_OR_RETURN(auto boardLayer,
+                           CreateImageLayer(kBoard, kBoard, kPixelRgb8, COLORPROFILE::SRGB));
+    KELVO_ASSIGN_OR_RETURN(auto boardWriter,
+                           boardLayer->SetPixelHandler(kPixelRgb8, COLORPROFILE::SRGB));
+    for (int64_t y = 0; y < kBoard; ++y)
+        KELVO_TRY(boardWriter->SetPixels(0, y, kBoard, &board[size_t(y * kBoard * 3)]));
+    KELVO_TRY(boardImage->AddLayer(boardLayer));
+    KELVO_ASSIGN_OR_RETURN(auto sampler, CreateTextureSampler(boardImage));
+
+    // Eye 1.5 above the plane y = 0, looking slightly down towards +z.
+    Matrix m;
+    m.offset = {0, 1.5, 0};
+    m.zAxis = Normalize(Vec3{0, -0.12, 1});
+    m.yAxis = Normalize(Vec3{0, 1, 0.12});
+    auto params = std::make_shared<DataDictionary>();
+    KELVO_TRY(params->Set(CAMERAPARAMETERS::MATRIX, m));
+    KELVO_TRY(params->Set(CAMERAPARAMETERS::SCREENRESOLUTION, Vec2{kPanelW, kPanelH}));
+    KELVO_TRY(params->Set(CAMERAPARAMETERS::FIELDOFVIEW, kFieldOfView));
+    KELVO_ASSIGN_OR_RETURN(auto camera, CreateClass<CameraInterface>(kPerspectiveCameraClass));
+    KELVO_TRY(camera->Init(params, false));
+
+    constexpr TEXTUREMODE kModes[] = {TEXTUREMODE::NEAREST, TEXTUREMODE::BILINEAR,
+                                      TEXTUREMODE::MIPMAP, TEXTUREMODE::RIPMAP,
+                                      TEXTUREMODE::SUMMEDAREA};
+    const int64_t width = kPanelW * 5;
+    std::vector<float> pixels(size_t(width * kPanelH * 3), 0.0f);
+    for (int64_t py = 0; py < kPanelH; ++py)
+        for (int64_t px = 0; px < kPanelW; ++px) {
+            const Vec2 screen{double(px) + 0.5, double(py) + 0.5};
+            Ray ray;
+            camera->CreateScreenRay(screen, ray);
+            Col4 colour{0.55, 0.7, 0.9, 1};  // sky above the horizon
+            const bool hits = ray.direction.y < -1e-9;
+            ShadingPoint hit;
+            if (hits) {
+                hit.position = ray.origin + ray.direction * (-ray.origin.y / ray.direction.y);
+                hit.normal = {0, 1, 0};
+                hit.dpdu = {kTile, 0, 0};
+                hit.dpdv = {0, 0, kTile};
+                camera->CalculateMIPComponents(screen, ray, hit);
+            }
+            // The camera's pixel steps leave out its field of view: scale them back in.
+            const TextureFootprint footprint = ComputeTextureFootprint(hit, kFieldOfView);
+            const Vec2 uv{hit.position.x / kTile, hit.position.z / kTile};
+            for (int panel = 0; panel < 5; ++panel) {
+                if (hits) {
+                    KELVO_ASSIGN_OR_RETURN(
+                        colour, sampler->ThreadedTextureSample(
+                                    uv, footprint, {kModes[panel], TEXTUREWRAP::REPEAT, true}));
+                }
+                float* out = &pixels[size_t((py * width + panel * kPanelW + px) * 3)];
+                out[0] = float(colour.r);
+                out[1] = float(colour.g);
+                out[2] = float(colour.b);
+            }
+        }
+    KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(width, kPanelH));
+    KELVO_ASSIGN_OR_RETURN(auto layer,
+                           CreateImageLayer(width, kPanelH, kPixelRgb32f, COLORPROFILE::LINEAR));
+    KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(kPixelRgb32f, COLORPROFILE::LINEAR));
+    for (int64_t y = 0; y < kPanelH; ++y)
+        KELVO_TRY(writer->SetPixels(0, y, width, &pixels[size_t(y * width * 3)]));
+    KELVO_TRY(image->AddLayer(layer));
+    return WriteOutput(folder / "texture_filtering.png", [&](const fs::path& at) {
+        return ExportImage(Url::FromFile(at.string()), *image);
+    });
+}
+
 Result<void> RunDemo(Context& context, const fs::path& folder) {
     std::error_code ec;
     fs::create_directories(folder, ec);
@@ -109,6 +192,11 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
                               (context.resourceFolder / "ies" / "kelvo_sample_spot.ies").string(),
                               (folder / "ies_preview.png").string(), 512));
     std::cout << "kelvo demo: wrote ies_preview.png to " << folder.string() << '\n';
+
+    KELVO_TRY(WriteFilteringPicture(folder));
+    std::cout << "kelvo demo: wrote texture_filtering.png (nearest, bilinear, mip map, rip map, "
+                 "summed area) to "
+              << folder.string() << '\n';
 
     // The lobes of the fifteen legacy BSDF models.
     KELVO_ASSIGN_OR_RETURN(std::vector<std::string> sheet, WriteBsdfSheet(folder));

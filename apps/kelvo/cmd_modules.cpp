@@ -21,6 +21,8 @@ const char* KindName(ENTRYKIND kind) {
             return "data type";
         case ENTRYKIND::CONFIGVARIABLE:
             return "configuration variable";
+        case ENTRYKIND::LIFECYCLE:
+            return "start and stop";
         default:
             return "none";
     }

@@ -12,6 +12,7 @@
 #include "context.h"
 #include "kelvo/data.h"
 #include "kelvo/result.h"
+#include "kelvo/texture.h"
 
 namespace kelvo::cli {
 
@@ -25,6 +26,8 @@ void AddCameraCommand(CLI::App& app, Context& context, int& status);
 void AddBsdfCommand(CLI::App& app, Context& context, int& status);
 void AddSelfTestCommand(CLI::App& app, Context& context, int& status);
 void AddIesCommand(CLI::App& app, Context& context, int& status);
+void AddIntersectCommand(CLI::App& app, Context& context, int& status);
+void AddTextureCommand(CLI::App& app, Context& context, int& status);
 void AddPreviewCommand(CLI::App& app, Context& context, int& status);
 
 // kelvo modules --json, kelvo modules and kelvo config --json, as text.
@@ -50,5 +53,9 @@ Result<void> ReadBsdfData(const nlohmann::json& data, DataDictionary& record);
 // degrees), written to folder/"bsdf-sheet.png" with its legend in folder/"bsdf-sheet.txt".
 // Returns the file names written.
 Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& folder);
+
+// The mip chain of a texture side by side (level 0 first) above its rip grid, in the
+// texture's storage format (kelvo texture sheet).
+Result<StrongRef<ImageInterface>> TextureSheet(TextureInterface& texture);
 
 }  // namespace kelvo::cli

@@ -21,6 +21,8 @@ int main(int argc, char** argv) {
     AddBsdfCommand(app, context, status);
     AddSelfTestCommand(app, context, status);
     AddIesCommand(app, context, status);
+    AddIntersectCommand(app, context, status);
+    AddTextureCommand(app, context, status);
     AddPreviewCommand(app, context, status);
 
     try {

@@ -442,5 +442,49 @@ TEST(SelfTestCommandTest, RunsTheBsdfTestsAndAddsStatisticsOnRequest) {
     EXPECT_NE(run.out.find("mean relative difference"), std::string::npos) << run.out;
 }
 
+TEST(IntersectCommandTest, TracesTheBuiltInSceneOrAnObjFileThroughTheChosenEngine) {
+    ToolRun run =
+        Kelvo("intersect", R"({"op":"intersect","origin":[0,0,5],"direction":[0,0,-1],"tmax":100})"
+                           "\n"
+                           R"({"op":"occluded","origin":[0,0,5],"direction":[0,0,1]})"
+                           "\n"
+                           R"({"op":"intersect","origin":"up"})"
+                           "\n");
+    ASSERT_EQ(run.status, 0) << run.out;
+    std::istringstream lines(run.out);
+    std::string line;
+    std::vector<nlohmann::json> answers;
+    while (std::getline(lines, line)) answers.push_back(nlohmann::json::parse(line));
+    ASSERT_EQ(answers.size(), 3u) << run.out;
+    EXPECT_EQ(answers[0]["op"], "intersect");
+    EXPECT_EQ(answers[0]["hit"], true);
+    EXPECT_DOUBLE_EQ(answers[0]["distance"].get<double>(), 4.0);  // the sphere's pole vertex
+    EXPECT_EQ(answers[0]["object"], 0);
+    EXPECT_EQ(answers[1], (nlohmann::json{{"op", "occluded"}, {"occluded", false}}));
+    EXPECT_EQ(answers[2]["error"], "Illegal argument: origin must be an array of 3 numbers.");
+
+    const std::string missing = "net.kelvo.render.intersectionclass.nope";
+    const ToolRun notFound = Failed("Intersection class " + missing + " not found.");
+    EXPECT_EQ(Kelvo("--set g_polygonIntersection=" + missing + " intersect"), notFound);
+    EXPECT_EQ(Kelvo("intersect --class " + missing + " bench"), notFound);
+
+    fs::path obj =
+        fs::temp_directory_path() / ("kelvo_quad_" + std::to_string(::getpid()) + ".obj");
+    std::ofstream(obj) << "v 0 0 0\nv 2 0 0\nv 2 2 0\nv 0 2 0\nvt 0 0\nvt 1 0\nvt 1 1\nvt 0 1\n"
+                          "f 1/1 2/2 3/3 -1/-1\n";
+    run = Kelvo(
+        "intersect --class net.kelvo.render.intersectionclass.embreesingle -f " + obj.string(),
+        R"({"op":"intersect","origin":[0.5,1.5,1],"direction":[0,0,-1]})");
+    auto quad = nlohmann::json::parse(run.out);
+    ASSERT_EQ(quad["uvw"].size(), 3u) << run.out;
+    EXPECT_NEAR(quad["uvw"][0].get<double>(), 0.25, 1e-6);
+    EXPECT_NEAR(quad["uvw"][1].get<double>(), 0.75, 1e-6);
+    std::ofstream(obj) << "v 0 0 0\nf 1 2 3\n";
+    EXPECT_EQ(Kelvo("intersect -f " + obj.string()),
+              Failed("Illegal argument: OBJ file '" + obj.string() +
+                     "' line 2: vertex '2' refers to a missing element."));
+    fs::remove(obj);
+}
+
 }  // namespace
 }  // namespace kelvo::cli

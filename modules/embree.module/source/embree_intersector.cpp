@@ -79,10 +79,17 @@ Result<std::shared_ptr<Device>> AcquireDevice(const Engine& engine) {
 }
 
 struct Mesh {
-    Vector<Vec3f> positions;  // one element more than used: Embree reads vertices 16 bytes wide
+    // Position, normal and uv of a vertex share one cache line: a hit reads three of them.
+    // Embree reads positions through a stride (16 bytes wide, so the line's end is safe).
+    struct alignas(32) Vertex {
+        Vec3f position;
+        Vec3f normal;
+        Vec2f uv;
+    };
+    Vector<Vertex> vertices;
     Vector<uint32_t> indices;
-    Vector<Vec3f> normals;
-    Vector<Vec2f> uvs;
+    bool hasNormals = false;
+    bool hasUvs = false;
     size_t vertexCount = 0;
     size_t triangleCount = 0;
     RTCScene scene = nullptr;  // the mesh alone, for transformed instances; made by Commit
@@ -93,6 +100,9 @@ struct SceneObject {
     bool identity = true;
     Matrix transform;
     Matrix inverse;  // its transpose turns object normals into world normals
+    // The mesh's vertices moved into place, for a mesh this object alone uses: one flat
+    // scene traces faster than an instance. Made by Commit.
+    Vector<Vec3f> placed;
 };
 
 // An Embree context that carries the query's limits to the filter.
@@ -200,17 +210,20 @@ public:
             Mesh copy;
             copy.vertexCount = vertices;
             copy.triangleCount = triangles;
-            copy.positions.resize(vertices + 1);
+            copy.hasNormals = !mesh.normals.empty();
+            copy.hasUvs = !mesh.uvs.empty();
+            copy.vertices.resize(vertices);
             for (size_t i = 0; i < vertices; ++i) {
+                Mesh::Vertex& v = copy.vertices[i];
                 const Vec3& p = mesh.positions[i];
-                copy.positions[i] = {float(p.x), float(p.y), float(p.z)};
+                v.position = {float(p.x), float(p.y), float(p.z)};
+                if (copy.hasNormals) {
+                    const Vec3& n = mesh.normals[i];
+                    v.normal = {float(n.x), float(n.y), float(n.z)};
+                }
+                if (copy.hasUvs) v.uv = {float(mesh.uvs[i].x), float(mesh.uvs[i].y)};
             }
             copy.indices.assign(mesh.indices.begin(), mesh.indices.end());
-            copy.normals.reserve(mesh.normals.size());
-            for (const Vec3& n : mesh.normals)
-                copy.normals.push_back({float(n.x), float(n.y), float(n.z)});
-            copy.uvs.reserve(mesh.uvs.size());
-            for (const Vec2& t : mesh.uvs) copy.uvs.push_back({float(t.x), float(t.y)});
             _meshes.push_back(std::move(copy));
             return int32_t(_meshes.size() - 1);
         });
@@ -237,21 +250,43 @@ public:
         RTCScene top = rtcNewScene(device);
         if (!top) return EmbreeError(rtcGetDeviceError(device));
         rtcSetSceneFlags(top, _engine.sceneFlags);
+        _scene = top;
+        Result<void> placed = CatchOutOfMemory([&]() -> Result<void> {
+            Vector<uint32_t> uses(_meshes.size());
+            for (const SceneObject& object : _objects) ++uses[size_t(object.mesh)];
+            for (SceneObject& object : _objects) {
+                object.placed.clear();
+                if (object.identity || uses[size_t(object.mesh)] != 1) continue;
+                const Mesh& mesh = _meshes[size_t(object.mesh)];
+                object.placed.resize(mesh.vertexCount + 1);  // Embree reads 16 bytes wide
+                for (size_t v = 0; v < mesh.vertexCount; ++v) {
+                    Vec3 p = object.transform.TransformPoint(ToDouble(mesh.vertices[v].position));
+                    object.placed[v] = {float(p.x), float(p.y), float(p.z)};
+                }
+            }
+            return OK();
+        });
+        if (!placed) {
+            ReleaseScene();
+            return placed.GetError();
+        }
         for (size_t i = 0; i < _objects.size(); ++i) {
             const SceneObject& object = _objects[i];
             Mesh& mesh = _meshes[size_t(object.mesh)];
             if (mesh.triangleCount == 0) continue;
+            double det = object.transform.Determinant();
+            if (det == 0.0 || !std::isfinite(det)) continue;  // nothing left to hit
             RTCGeometry geometry = nullptr;
             if (object.identity) {
-                geometry = NewTriangles(device, mesh);
+                geometry = NewTriangles(device, mesh, nullptr);
+            } else if (!object.placed.empty()) {
+                geometry = NewTriangles(device, mesh, object.placed.data());
             } else {
-                double det = object.transform.Determinant();
-                if (det == 0.0 || !std::isfinite(det)) continue;  // nothing left to hit
                 if (!mesh.scene) {
                     mesh.scene = rtcNewScene(device);
                     if (!mesh.scene) break;
                     rtcSetSceneFlags(mesh.scene, _engine.sceneFlags);
-                    RTCGeometry triangles = NewTriangles(device, mesh);
+                    RTCGeometry triangles = NewTriangles(device, mesh, nullptr);
                     if (!triangles) break;
                     rtcAttachGeometryByID(mesh.scene, triangles, 0);
                     rtcReleaseGeometry(triangles);
@@ -273,7 +308,6 @@ public:
             rtcReleaseGeometry(geometry);
         }
         rtcCommitScene(top);
-        _scene = top;
         RTCError error = rtcGetDeviceError(device);
         if (error != RTC_ERROR_NONE) {
             ReleaseScene();
@@ -367,11 +401,15 @@ private:
         return context;
     }
 
-    static RTCGeometry NewTriangles(RTCDevice device, const Mesh& mesh) {
+    // The mesh's triangles, on its own vertices or on `placed` ones.
+    static RTCGeometry NewTriangles(RTCDevice device, const Mesh& mesh, const Vec3f* placed) {
         RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
         if (!geometry) return nullptr;
         rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3,
-                                   mesh.positions.data(), 0, sizeof(Vec3f), mesh.vertexCount);
+                                   placed ? static_cast<const void*>(placed)
+                                          : static_cast<const void*>(mesh.vertices.data()),
+                                   0, placed ? sizeof(Vec3f) : sizeof(Mesh::Vertex),
+                                   mesh.vertexCount);
         rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3,
                                    mesh.indices.data(), 0, 3 * sizeof(uint32_t),
                                    mesh.triangleCount);
@@ -397,9 +435,11 @@ private:
         const unsigned polygon = rayHit.hit.primID;
         const uint32_t* corner = &mesh.indices[3 * size_t(polygon)];
         const double u = rayHit.hit.u, v = rayHit.hit.v, w = 1.0 - u - v;
-        const Vec3 p0 = ToDouble(mesh.positions[corner[0]]);
-        const Vec3 p1 = ToDouble(mesh.positions[corner[1]]);
-        const Vec3 p2 = ToDouble(mesh.positions[corner[2]]);
+        const Mesh::Vertex& v0 = mesh.vertices[corner[0]];
+        const Mesh::Vertex& v1 = mesh.vertices[corner[1]];
+        const Mesh::Vertex& v2 = mesh.vertices[corner[2]];
+        const Vec3 p0 = ToDouble(v0.position), p1 = ToDouble(v1.position),
+                   p2 = ToDouble(v2.position);
 
         // Object-space normals become world normals through the inverse's transpose.
         auto toWorldNormal = [&](const Vec3& n) {
@@ -436,19 +476,16 @@ private:
         hit.geometricNormal = toWorldNormal(normal);
         hit.backFacing = Dot(ray.direction, hit.geometricNormal) > 0.0;
         hit.shadingNormal = hit.geometricNormal;
-        if (!mesh.normals.empty()) {
-            Vec3 n = ToDouble(mesh.normals[corner[0]]) * w + ToDouble(mesh.normals[corner[1]]) * u +
-                     ToDouble(mesh.normals[corner[2]]) * v;
+        if (mesh.hasNormals) {
+            Vec3 n = ToDouble(v0.normal) * w + ToDouble(v1.normal) * u + ToDouble(v2.normal) * v;
             if (SquaredLength(n) > 0.0) hit.shadingNormal = toWorldNormal(n);
         }
         hit.barycentric = {u, v};
 
         // Texture coordinates, and the position's derivatives along them.
         Vec2 t0{0.0, 0.0}, t1{1.0, 0.0}, t2{0.0, 1.0};
-        if (!mesh.uvs.empty()) {
-            const Vec2f& a = mesh.uvs[corner[0]];
-            const Vec2f& b = mesh.uvs[corner[1]];
-            const Vec2f& c = mesh.uvs[corner[2]];
+        if (mesh.hasUvs) {
+            const Vec2f &a = v0.uv, &b = v1.uv, &c = v2.uv;
             t0 = {a.x, a.y};
             t1 = {b.x, b.y};
             t2 = {c.x, c.y};

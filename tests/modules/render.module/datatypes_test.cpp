@@ -28,7 +28,7 @@ TEST(RenderDataTypesTest, EveryTypeIsRegisteredWithItsLayout) {
             EXPECT_EQ(t->ops.size, size) << id.Text();
         }
     }
-    EXPECT_EQ(RegistryMembers(Id("net.kelvo.registry.datatypes")).size(), 9u);
+    EXPECT_EQ(RegistryMembers(Id("net.kelvo.registry.datatypes")).size(), 11u);
 }
 
 TEST(RenderDataTypesTest, RayLayoutKeepsTheLeadingMembersInOrder) {

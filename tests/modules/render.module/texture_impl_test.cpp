@@ -137,34 +137,40 @@ TEST(TextureImplTest, SizesAndTruncationOfTheEdgeCases) {
 }
 
 TEST(TextureImplTest, SummedAreaTablesMatchBruteForceAndWidenPast4104Squared) {
+    // Large enough to be summed in bands, one per worker.
+    host::SetHostThreads(3);
+    const int64_t w = 151, h = 123;
+    auto texture = MakeTexture(RandomImage(w, h, kPixelRgba8, 5));
+    ASSERT_TRUE(texture->Build(TEXTUREPYRAMID::BASELEVEL).Ok());
+    auto base = texture->GetMipLevel(0);
+    const auto* px = static_cast<const uint8_t*>(base.pixels);
+    std::vector<uint64_t> want(size_t(w * h * 4));
+    auto at = [&](int64_t x, int64_t y, int c) -> uint64_t {
+        return x < 0 || y < 0 ? 0 : want[size_t((y * w + x) * 4 + c)];
+    };
+    for (int64_t y = 0; y < h; ++y)
+        for (int64_t x = 0; x < w; ++x)
+            for (int c = 0; c < 4; ++c)
+                want[size_t((y * w + x) * 4 + c)] = px[(y * w + x) * 4 + c] + at(x - 1, y, c) +
+                                                    at(x, y - 1, c) - at(x - 1, y - 1, c);
     for (bool wide : {false, true}) {
-        auto image = RandomImage(13, 7, kPixelRgba8, 5);
-        auto texture = MakeTexture(image);
-        ASSERT_TRUE(texture->Build(TEXTUREPYRAMID::BASELEVEL).Ok());
-        auto base = texture->GetMipLevel(0);
-        const auto* px = static_cast<const uint8_t*>(base.pixels);
         // The 64-bit layout, forced on a small image; the texture chooses 32 bits here.
         MipMapLevel<Vec4u8> level;
         level.pixels.assign(static_cast<const Vec4u8*>(base.pixels),
-                            static_cast<const Vec4u8*>(base.pixels) + 13 * 7);
-        level.width = 13;
-        level.height = 7;
+                            static_cast<const Vec4u8*>(base.pixels) + w * h);
+        level.width = w;
+        level.height = h;
         SummedAreaData<Vec4u8> table;
         ASSERT_TRUE(table.Build(level, wide).Ok());
         auto view = table.View();
         ASSERT_EQ(view.type, wide ? TEXTURECHANNEL::UINT64 : TEXTURECHANNEL::UINT32);
-        for (int64_t y = 0; y < 7; ++y)
-            for (int64_t x = 0; x < 13; ++x)
-                for (int c = 0; c < 4; ++c) {
-                    uint64_t sum = 0;
-                    for (int64_t j = 0; j <= y; ++j)
-                        for (int64_t i = 0; i <= x; ++i) sum += px[(j * 13 + i) * 4 + c];
-                    const size_t at = size_t((y * 13 + x) * 4 + c);
-                    EXPECT_EQ(wide ? static_cast<const uint64_t*>(view.pixels)[at]
-                                   : static_cast<const uint32_t*>(view.pixels)[at],
-                              sum);
-                }
+        for (size_t i = 0; i < want.size(); ++i)
+            ASSERT_EQ(wide ? static_cast<const uint64_t*>(view.pixels)[i]
+                           : static_cast<const uint32_t*>(view.pixels)[i],
+                      want[i])
+                << i;
     }
+    host::SetHostThreads(0);
     // 4104 x 4104 white texels sum to 4294918080, which 32 bits hold; one more row or
     // column does not fit.
     static_assert(uint64_t(4104) * 4104 * 255 <= UINT32_MAX);

@@ -29,8 +29,8 @@ struct Allocator {
     template <typename U>
     Allocator(const Allocator<U>&) {}  // NOLINT(google-explicit-constructor)
     T* allocate(size_t n) {
-        if (n > SIZE_MAX / sizeof(T)) throw std::bad_alloc();
-        void* p = Allocate(n * sizeof(T), alignof(T));
+        if (n > SIZE_MAX / sizeof(T)) throw std::bad_alloc();  // NOLINT(bugprone-sizeof-expression)
+        void* p = Allocate(n * sizeof(T), alignof(T));         // NOLINT(bugprone-sizeof-expression)
         if (!p) throw std::bad_alloc();
         return static_cast<T*>(p);
     }

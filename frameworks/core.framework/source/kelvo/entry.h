@@ -28,6 +28,7 @@ enum class ENTRYKIND : uint8_t {
     COMPONENT,       // the implementation of a framework interface, reached by interface id
     DATATYPE,        // a data type of net.kelvo.registry.datatypes
     CONFIGVARIABLE,  // a variable of the configuration database
+    LIFECYCLE,       // start and stop of the module's process-wide objects (ModuleLifecycle)
 };
 
 enum class CONFIGTYPE : uint8_t { STRING, BOOL };
@@ -41,6 +42,19 @@ struct ConfigVariable {
 };
 
 using CreateFunction = Result<StrongRef<Object>> (*)();
+
+// Start and stop of a module's process-wide objects (schedulers, caches, tables). After
+// inserting all of a module's entries the host calls every `start` in declaration order; a
+// failing start unloads the module again (the `stop` of those started before runs) and
+// its error is the load's error. At unload every `stop` runs, in reverse order, before the
+// entries are removed. `moduleUnloading` runs while this module stays loaded, before
+// another module is stopped and unloaded, so that objects of that module held here (tasks
+// of its classes, say) can be let go of while its code is still there. Any may be null.
+struct ModuleLifecycle {
+    Result<void> (*start)();
+    void (*stop)();
+    void (*moduleUnloading)(const KelvoModuleInfo& module);
+};
 
 struct EntryRecord {
     ENTRYKIND kind = ENTRYKIND::NONE;
@@ -109,6 +123,10 @@ Result<StrongRef<Object>> CreateInstance() {
 #define KELVO_REGISTER_CLASS(name, id, registry, kindId, Type)                  \
     KELVO_ENTRY(name, ::kelvo::ENTRYKIND::CLASS, id, registry, kindId, nullptr, \
                 &::kelvo::CreateInstance<Type>)
+// Start and stop functions of the module (a ModuleLifecycle).
+#define KELVO_REGISTER_LIFECYCLE(name, id, lifecycle)                                              \
+    KELVO_ENTRY(name, ::kelvo::ENTRYKIND::LIFECYCLE, id, ::kelvo::Id(), ::kelvo::Id(), &lifecycle, \
+                nullptr)
 // The implementation of a framework interface, created through the interface id.
 #define KELVO_REGISTER_COMPONENT(name, implName, Interface, Type)             \
     KELVO_ENTRY(name, ::kelvo::ENTRYKIND::COMPONENT, implName, ::kelvo::Id(), \

@@ -146,7 +146,12 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
         KELVO_ASSIGN_OR_RETURN(auto cache, CreateComponent<TextureManagementInterface>());
         KELVO_ASSIGN_OR_RETURN(_texture, cache->GetTexture(material.texture, nullptr));
     }
-    if (_texture) KELVO_TRY(_texture->Prepare(material.textureMode));
+    if (_texture) {
+        KELVO_TRY(_texture->Prepare(material.textureMode));
+        // Textures authored in sRGB are filtered as stored and shaded in linear light.
+        auto texture = _texture->GetTexture();
+        _textureSrgb = texture && texture->GetColorProfile() == COLORPROFILE::SRGB;
+    }
 
     _profile = light.profile;
     if (!_profile && !light.ies.IsEmpty()) {
@@ -211,6 +216,7 @@ Col3 PreviewRendererImpl::SurfaceColour(const IntersectionResult64& hit, const R
     }
     TextureSampleOptions options;
     options.mode = _material.textureMode;
+    options.srgbToLinear = _textureSrgb;
     auto c = _texture->ThreadedTextureSampleColor({hit.uvw.x * repeat, hit.uvw.y * repeat},
                                                   footprint, options);
     if (!c) return _material.colour;

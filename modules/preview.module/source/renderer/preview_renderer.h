@@ -69,6 +69,7 @@ private:
     Vec3 _lightX, _lightY, _lightZ;
     std::string _intersectorId;
     double _fieldOfView = 1.0;
+    bool _textureSrgb = false;
 
     std::mutex _poolLock;
     std::vector<BsdfSet> _pool;

@@ -2,6 +2,7 @@
 #include "texture_impl.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "kelvo/diagnostics.h"
 #include "kelvo/entry.h"
@@ -56,6 +57,39 @@ inline T Average4(T a, T b, T c, T d) {
 
 template <typename VEC>
 using Component = typename TexelTraits<VEC>::Component;
+
+// 8-bit rows eight bytes at a time (the same truncating averages, so levels do not change):
+// two rows byte by byte, and RGBA texel pairs with two channels in the 16-bit lanes of
+// each 32-bit half.
+inline uint64_t Load8(const uint8_t* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+}
+inline int64_t AverageRowsBytes(const uint8_t* a, const uint8_t* b, uint8_t* out, int64_t n) {
+    constexpr uint64_t kLow7 = 0xFEFEFEFEFEFEFEFEull;
+    int64_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const uint64_t x = Load8(a + i), y = Load8(b + i);
+        const uint64_t avg = (x & y) + (((x ^ y) & kLow7) >> 1);  // floor((x + y) / 2) per byte
+        std::memcpy(out + i, &avg, 8);
+    }
+    return i;
+}
+// Averages texels (2x, 2x+1) of rows a and b into texel x, for x below `pairs`; with b == a
+// that is the average of the pair alone (the sum of four doubled, shifted by 2).
+inline void HalveRgba8(const uint8_t* a, const uint8_t* b, uint8_t* out, int64_t pairs) {
+    constexpr uint64_t kLanes = 0x00FF00FF00FF00FFull;
+    for (int64_t x = 0; x < pairs; ++x) {
+        const uint64_t p = Load8(a + 8 * x), q = Load8(b + 8 * x);
+        const uint64_t even = (p & kLanes) + (q & kLanes);
+        const uint64_t odd = ((p >> 8) & kLanes) + ((q >> 8) & kLanes);
+        const uint32_t e = uint32_t(even) + uint32_t(even >> 32);  // lanes stay below 1021
+        const uint32_t o = uint32_t(odd) + uint32_t(odd >> 32);
+        const uint32_t texel = ((e >> 2) & 0x00FF00FFu) | (((o >> 2) & 0x00FF00FFu) << 8);
+        std::memcpy(out + 4 * x, &texel, 4);
+    }
+}
 
 template <typename VEC>
 const Component<VEC>* Row(const MipMapLevel<VEC>& level, int64_t y) {
@@ -115,12 +149,17 @@ Result<void> MipMapData<COL, VEC>::ParalellizedSumLine(const MipMapLevel<VEC>& s
     const auto* b = Row(source, std::min(sourceRow + 1, source.height - 1));
     auto* out = Row(destination, destinationRow);
     if (!halveX) {
-        for (int64_t i = 0; i < count * N; ++i) out[i] = Average2(a[i], b[i]);
+        int64_t i = 0;
+        if constexpr (std::is_same_v<Component<VEC>, uint8_t>)
+            i = AverageRowsBytes(a, b, out, count * N);
+        for (; i < count * N; ++i) out[i] = Average2(a[i], b[i]);
         return OK();
     }
     // Full pairs first, without clamping; an odd last texel pairs with itself.
     const int64_t pairs = std::min(count, w / 2);
-    if (halveY) {
+    if constexpr (std::is_same_v<VEC, Vec4u8>) {
+        HalveRgba8(a, halveY ? b : a, out, pairs);
+    } else if (halveY) {
         for (int64_t x = 0; x < pairs; ++x)
             for (int c = 0; c < N; ++c)
                 out[x * N + c] = Average4(a[2 * x * N + c], a[(2 * x + 1) * N + c],
@@ -163,13 +202,33 @@ Result<MipMapLevel<VEC>> MipMapData<COL, VEC>::Halve(const MipMapLevel<VEC>& sou
 template <typename COL, typename VEC>
 Result<void> MipMapData<COL, VEC>::BuildBase(const StrongRef<ImageLayerInterface>& layer,
                                              COLORPROFILE profile) {
-    KELVO_ASSIGN_OR_RETURN(StrongRef<GetPixelHandlerInterface> reader,
-                           layer->GetPixelHandler(StorageFormat(StorageOf<VEC>()), profile));
+    const PixelFormat storage = StorageFormat(StorageOf<VEC>());
     KELVO_ASSIGN_OR_RETURN(MipMapLevel<VEC> base, AllocateLevel<VEC>(_width, _height, 1, 1));
-    KELVO_TRY(ParallelFor(
-        0, _height,
-        [&](int64_t y) { return reader->GetPixels(0, y, _width, base.pixels.data() + y * _width); },
-        RowOptions(_width * _height)));
+    const ParallelForOptions rows = RowOptions(_width * _height);
+    auto direct = layer->GetPixelHandler(storage, profile);
+    if (direct) {
+        const auto& reader = direct.Value();
+        KELVO_TRY(ParallelFor(
+            0, _height,
+            [&](int64_t y) {
+                return reader->GetPixels(0, y, _width, base.pixels.data() + y * _width);
+            },
+            rows));
+    } else {
+        // A layer that hands out its own format only: rows are read into a buffer per
+        // worker and converted.
+        const PixelFormat own = layer->GetPixelFormat();
+        KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(own, profile));
+        using Buffer = std::vector<uint8_t, Allocator<uint8_t>>;
+        KELVO_TRY(ParallelFor<Buffer>(
+            0, _height, [&](Buffer& row) { row.resize(size_t(_width) * own.GetBytesPerPixel()); },
+            [&](Buffer& row, int64_t y) -> Result<void> {
+                KELVO_TRY(reader->GetPixels(0, y, _width, row.data()));
+                return ConvertPixels(own, profile, row.data(), storage, profile,
+                                     base.pixels.data() + y * _width, _width);
+            },
+            [](Buffer&) {}, rows));
+    }
     _base = std::move(base);
     return OK();
 }
@@ -206,9 +265,11 @@ Result<void> MipMapData<COL, VEC>::BuildRipMap() {
         for (int i = 0; i < nx; ++i) {
             if (i == 0 && j == 0) continue;
             const MipMapLevel<VEC>& from =
-                j == 0 ? (i == 1 ? _base : levels[size_t(i - 1)])
-                       : (i == 0 && j == 1 ? _base : levels[size_t(i + (j - 1) * nx)]);
-            KELVO_ASSIGN_OR_RETURN(levels[size_t(i + j * nx)], Halve(from, j == 0, j > 0));
+                j == 0
+                    ? (i == 1 ? _base : levels[size_t(i) - 1])
+                    : (i == 0 && j == 1 ? _base : levels[size_t(i) + size_t(j - 1) * size_t(nx)]);
+            KELVO_ASSIGN_OR_RETURN(levels[size_t(i) + size_t(j) * size_t(nx)],
+                                   Halve(from, j == 0, j > 0));
         }
     _rip = std::move(levels);
     _ripX = nx;
@@ -237,7 +298,7 @@ template <typename COL, typename VEC>
 TextureLevelView MipMapData<COL, VEC>::RipLevel(int levelX, int levelY) const {
     if (levelX == 0 && levelY == 0) return _base.View();
     if (levelX < 0 || levelY < 0 || levelX >= _ripX || levelY >= _ripY) return {};
-    return _rip[size_t(levelX + levelY * _ripX)].View();
+    return _rip[size_t(levelX) + size_t(levelY) * size_t(_ripX)].View();
 }
 
 template <typename COL, typename VEC>
@@ -268,35 +329,47 @@ template <typename E>
 Result<void> SummedAreaData<VEC>::Fill(const MipMapLevel<VEC>& base, PixelArray<E>& sums) {
     constexpr int N = TexelTraits<VEC>::kChannels;
     const int64_t w = base.width, h = base.height, rowValues = w * N;
+    // One band of rows per worker, each summed in a single pass (the table is the bulk of
+    // the traffic, so it is written once); then the rows of each later band add the sums
+    // of the bands above them.
+    const int64_t bands =
+        w * h < kParallelTexels ? 1 : std::clamp<int64_t>(HostThreadCount(), 1, h);
+    PixelArray<E> carries;
     KELVO_TRY(CatchOutOfMemory([&]() -> Result<void> {
         sums.resize(size_t(rowValues * h));
+        carries.resize(size_t(rowValues * (bands - 1)));
         return OK();
     }));
-    // Rows are independent for the sums along x; the sums down each column then run in
-    // strips of columns, so both passes spread over the pool.
-    KELVO_TRY(ParallelFor(
-        0, h,
-        [&](int64_t y) {
+    auto bandStart = [&](int64_t b) { return b * h / bands; };
+    KELVO_TRY(ParallelFor(0, bands, [&](int64_t b) {
+        for (int64_t y = bandStart(b); y < bandStart(b + 1); ++y) {
             const uint8_t* in = Row(base, y);
             E* out = sums.data() + y * rowValues;
+            const E* above = y == bandStart(b) ? nullptr : out - rowValues;
             E run[N] = {};
             for (int64_t x = 0; x < w; ++x)
-                for (int c = 0; c < N; ++c) out[x * N + c] = run[c] += in[x * N + c];
-        },
-        RowOptions(w * h)));
-    constexpr int64_t kStrip = 1024;
-    KELVO_TRY(ParallelFor(
-        0, (rowValues + kStrip - 1) / kStrip,
-        [&](int64_t strip) {
-            const int64_t from = strip * kStrip, to = std::min(rowValues, from + kStrip);
-            for (int64_t y = 1; y < h; ++y) {
-                E* out = sums.data() + y * rowValues;
-                const E* above = out - rowValues;
-                for (int64_t i = from; i < to; ++i) out[i] += above[i];
-            }
-        },
-        RowOptions(w * h)));
-    return OK();
+                for (int c = 0; c < N; ++c) {
+                    run[c] += in[x * N + c];
+                    out[x * N + c] = above ? E(run[c] + above[x * N + c]) : run[c];
+                }
+        }
+    }));
+    if (bands == 1) return OK();
+    // carries[b - 1]: the sums of every row above band b.
+    for (int64_t b = 1; b < bands; ++b) {
+        E* carry = carries.data() + (b - 1) * rowValues;
+        const E* last = sums.data() + (bandStart(b) - 1) * rowValues;
+        const E* before = b > 1 ? carry - rowValues : nullptr;
+        for (int64_t i = 0; i < rowValues; ++i)
+            carry[i] = before ? E(before[i] + last[i]) : last[i];
+    }
+    return ParallelFor(bandStart(1), h, [&](int64_t y) {
+        int64_t b = 1;
+        while (bandStart(b + 1) <= y) ++b;
+        const E* carry = carries.data() + (b - 1) * rowValues;
+        E* out = sums.data() + y * rowValues;
+        for (int64_t i = 0; i < rowValues; ++i) out[i] += carry[i];
+    });
 }
 
 template <typename VEC>
@@ -369,27 +442,25 @@ Result<void> TextureImpl::Init(const StrongRef<ImageInterface>& image,
     const bool alpha = channels == 2 || channels == 4;
     const auto storage = TEXTURESTORAGE(depth * 2 + (alpha ? 1 : 0));
     const int64_t w = layer->GetWidth(), h = layer->GetHeight();
-    Result<StrongRef<MipMapDataBase>> data = OutOfMemoryError();
-    switch (storage) {
-        case TEXTURESTORAGE::RGB8:
-            data = MakeData<Col3, Vec3u8>(w, h);
-            break;
-        case TEXTURESTORAGE::RGBA8:
-            data = MakeData<Col4, Vec4u8>(w, h);
-            break;
-        case TEXTURESTORAGE::RGB16:
-            data = MakeData<Col3, Vec3u16>(w, h);
-            break;
-        case TEXTURESTORAGE::RGBA16:
-            data = MakeData<Col4, Vec4u16>(w, h);
-            break;
-        case TEXTURESTORAGE::RGB32F:
-            data = MakeData<Col3, Vec3f>(w, h);
-            break;
-        case TEXTURESTORAGE::RGBA32F:
-            data = MakeData<Col4, Vec4f>(w, h);
-            break;
-    }
+    // Built in one expression: assigning into a prepared Result trips GCC's
+    // maybe-uninitialized analysis in the sanitizer builds.
+    Result<StrongRef<MipMapDataBase>> data = [&]() -> Result<StrongRef<MipMapDataBase>> {
+        switch (storage) {
+            case TEXTURESTORAGE::RGB8:
+                return MakeData<Col3, Vec3u8>(w, h);
+            case TEXTURESTORAGE::RGBA8:
+                return MakeData<Col4, Vec4u8>(w, h);
+            case TEXTURESTORAGE::RGB16:
+                return MakeData<Col3, Vec3u16>(w, h);
+            case TEXTURESTORAGE::RGBA16:
+                return MakeData<Col4, Vec4u16>(w, h);
+            case TEXTURESTORAGE::RGB32F:
+                return MakeData<Col3, Vec3f>(w, h);
+            case TEXTURESTORAGE::RGBA32F:
+                return MakeData<Col4, Vec4f>(w, h);
+        }
+        return OutOfMemoryError();
+    }();
     if (!data) return Report(data.GetError());
     std::lock_guard lock(_buildLock);
     _layer = layer;
@@ -406,7 +477,9 @@ Result<void> TextureImpl::Build(TEXTUREPYRAMID pyramid) {
     if (IsBuilt(pyramid)) return OK();
     std::lock_guard lock(_buildLock);
     Result<void> built = BuildLocked(pyramid);
-    if (!built && built.GetError().Kind() != ERRORKIND::ILLEGALSTATE) Report(built.GetError());
+    // Like Init's failures, a shortage of memory is also reported; the others are the
+    // caller's to show.
+    if (!built && built.GetError().Kind() == ERRORKIND::OUTOFMEMORY) Report(built.GetError());
     return built;
 }
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <type_traits>
 #include <vector>
 
 #include "kelvo/allocator.h"
@@ -16,7 +17,8 @@
 namespace kelvo {
 
 // Framework-allocated storage that leaves new elements uninitialised: every texel of a
-// level is written by its build, so zero-filling first would only double the writes.
+// level is written by its build, so zero-filling first would only double the writes. Only
+// for implicit-lifetime element types (the vectors and plain numbers of texels and sums).
 template <typename T>
 struct UninitialisedAllocator : Allocator<T> {
     using value_type = T;
@@ -28,8 +30,8 @@ struct UninitialisedAllocator : Allocator<T> {
     template <typename U>
     UninitialisedAllocator(const UninitialisedAllocator<U>&) {}  // NOLINT
     template <typename U>
-    void construct(U* p) noexcept {
-        ::new (static_cast<void*>(p)) U;
+    void construct(U*) noexcept {
+        static_assert(std::is_trivially_copyable_v<U> && std::is_trivially_destructible_v<U>);
     }
     template <typename U, typename... A>
     void construct(U* p, A&&... args) {

@@ -1,8 +1,7 @@
 // TextureManagementImpl: one shared texture per resolved url, loaded on first request.
+#include <map>
 #include <mutex>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 
 #include "kelvo/allocator.h"
 #include "kelvo/entry.h"
@@ -53,9 +52,6 @@ private:
         WeakRef<TextureSamplerInterface> texture;  // the cache never keeps a texture alive
     };
     using Key = std::basic_string<char, std::char_traits<char>, Allocator<char>>;
-    struct KeyHash {
-        size_t operator()(const Key& k) const { return std::hash<std::string_view>()(k); }
-    };
 
     StrongRef<Slot> FindSlot(const std::string& url) {
         std::lock_guard lock(_lock);
@@ -77,8 +73,7 @@ private:
     }
 
     mutable std::mutex _lock;
-    std::unordered_map<Key, StrongRef<Slot>, KeyHash, std::equal_to<Key>,
-                       Allocator<std::pair<const Key, StrongRef<Slot>>>>
+    std::map<Key, StrongRef<Slot>, std::less<>, Allocator<std::pair<const Key, StrongRef<Slot>>>>
         _slots;
 };
 

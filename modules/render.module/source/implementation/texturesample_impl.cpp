@@ -82,7 +82,7 @@ inline double Log2Extent(double texels) {
 inline int NearestLevel(const Doubles& logScale, double logExtent) {
     int k = 0;
     const int last = int(logScale.size()) - 1;
-    while (k < last && std::fabs(logScale[size_t(k + 1)] - logExtent) <=
+    while (k < last && std::fabs(logScale[size_t(k) + 1] - logExtent) <=
                            std::fabs(logScale[size_t(k)] - logExtent))
         ++k;
     return k;
@@ -117,7 +117,7 @@ void SampleRipMap(const LevelSet& rip, double u, double v, const TextureFootprin
         rip.logScaleX, Log2Extent((std::fabs(f.dudx) + std::fabs(f.dudy)) * double(base.width)));
     const int j = NearestLevel(
         rip.logScaleY, Log2Extent((std::fabs(f.dvdx) + std::fabs(f.dvdy)) * double(base.height)));
-    Bilinear<T, N>(rip.levels[size_t(i + j * rip.nx)], u, v, wrap, 1.0, acc);
+    Bilinear<T, N>(rip.levels[size_t(i) + size_t(j) * size_t(rip.nx)], u, v, wrap, 1.0, acc);
 }
 
 // --- Summed area -------------------------------------------------------------------------------
@@ -324,7 +324,7 @@ private:
                     set.logScaleX.push_back(std::log2(w / double(set.levels[size_t(i)].width)));
                 for (int j = 0; j < ny; ++j)
                     set.logScaleY.push_back(
-                        std::log2(h / double(set.levels[size_t(j * nx)].height)));
+                        std::log2(h / double(set.levels[size_t(j) * size_t(nx)].height)));
                 break;
             }
         }
