@@ -20,6 +20,7 @@
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/memorystream.h"
+#include "kelvo/nodes/previewimage.h"
 #include "kelvo/registry.h"
 #include "kelvo/sceneobject.h"
 #include "kelvo/texture.h"
@@ -119,6 +120,14 @@ const std::map<Id, Operations>& Workloads() {
                  KELVO_TRY(sampler->Init(texture));
              }
              return sampler->Prepare(TEXTUREMODE::MIPMAP);
+         }},
+        // Submitting needs a running scheduler and a provider (the preview suites sweep
+        // those); copying shares the attributes and is the request's own allocation.
+        {nodes::PreviewImageRequestInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             KELVO_ASSIGN_OR_RETURN(auto copy, As<nodes::PreviewImageRequestInterface>(o)->Copy());
+             copy->Reset();
+             return OK();
          }},
         {AssetManagementInterface::InterfaceId(),
          [](const StrongRef<Object>& o) -> Result<void> {
