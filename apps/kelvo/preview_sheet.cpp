@@ -8,7 +8,6 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -103,31 +102,27 @@ void Record(SwatchState& state, const Result<DataDictionary>& result, double now
     }
 }
 
-// Node spaces by id, each created and initialised once per run.
-class NodeSpaces {
-public:
-    // The space's configure function; nullptr (and no error) when no such space exists.
-    Result<StrongRef<nodes::ConfigurePreviewImageRequestInterface>> Configure(const Id& id) {
-        auto it = _spaces.find(std::string(id.Text()));
-        if (it != _spaces.end()) return it->second;
-        StrongRef<nodes::ConfigurePreviewImageRequestInterface> configure;
-        if (FindClass(id, nodes::NodeSpaceInterface::InterfaceId())) {
-            KELVO_ASSIGN_OR_RETURN(auto space, CreateClass<nodes::NodeSpaceInterface>(id));
-            KELVO_ASSIGN_OR_RETURN(auto description, NewObject<DataDictionary>());
-            KELVO_TRY(space->Init(id, description));
-            const Data* d = description->Find(nodes::NODESPACE::CONFIGUREPREVIEWIMAGEREQUESTFUNC);
-            const StrongRef<Object>* o = d ? d->Get<StrongRef<Object>>() : nullptr;
-            if (o) configure = Query<nodes::ConfigurePreviewImageRequestInterface>(*o);
-            if (!configure)
-                return IllegalStateError(KELVO_HERE, "The node space @ makes no previews.", id);
-        }
-        _spaces.emplace(std::string(id.Text()), configure);
-        return configure;
+// The configure function of a node space, found through the host's node-space helpers;
+// nullptr (and no error) when no such space exists.
+Result<StrongRef<nodes::ConfigurePreviewImageRequestInterface>> FindConfigure(const Id& id) {
+    KELVO_ASSIGN_OR_RETURN(auto helpers, CreateComponent<nodes::NodeSpaceHelpersInterface>());
+    Result<StrongRef<nodes::NodeSpaceInterface>> space = helpers->FindNodeSpace(id);
+    if (!space) {
+        if (space.GetError().Message() ==
+            FormatMessage("Illegal argument: Node space @ not found.", id))
+            return StrongRef<nodes::ConfigurePreviewImageRequestInterface>();
+        return space.GetError();
     }
-
-private:
-    std::map<std::string, StrongRef<nodes::ConfigurePreviewImageRequestInterface>> _spaces;
-};
+    StrongRef<const DataDictionary> description = (*space)->GetDescription();
+    const Data* d = description
+                        ? description->Find(nodes::NODESPACE::CONFIGUREPREVIEWIMAGEREQUESTFUNC)
+                        : nullptr;
+    const StrongRef<Object>* o = d ? d->Get<StrongRef<Object>>() : nullptr;
+    StrongRef<nodes::ConfigurePreviewImageRequestInterface> configure =
+        o ? Query<nodes::ConfigurePreviewImageRequestInterface>(*o) : nullptr;
+    if (!configure) return IllegalStateError(KELVO_HERE, "The node space @ makes no previews.", id);
+    return configure;
+}
 
 // The placeholder for reason, scaled into a w x h cell: the module's placeholder texture,
 // or a magenta checker when no module supplies one or its icon cannot be read.
@@ -218,7 +213,7 @@ Result<void> CheckOptions(const SheetOptions& o) {
 // the material has no node space.
 Result<StrongRef<nodes::PreviewImageRequestInterface>> MakeRequest(
     const SheetOptions& options, const std::string& text, bool priority,
-    const std::shared_ptr<SwatchState>& state, NodeSpaces& spaces, Clock::time_point start) {
+    const std::shared_ptr<SwatchState>& state, Clock::time_point start) {
     json j = json::parse(text, nullptr, false);
     if (j.is_discarded() || !j.is_object())
         return IllegalArgumentError(KELVO_HERE, "--material must be a JSON object.");
@@ -233,7 +228,7 @@ Result<StrongRef<nodes::PreviewImageRequestInterface>> MakeRequest(
     state->outcome.count = options.iterations;
 
     KELVO_ASSIGN_OR_RETURN(Id spaceId, Id::FromText(space));
-    KELVO_ASSIGN_OR_RETURN(auto configure, spaces.Configure(spaceId));
+    KELVO_ASSIGN_OR_RETURN(auto configure, FindConfigure(spaceId));
     if (!configure) {
         state->outcome.error = FormatMessage("Illegal argument: Node space @ not found.", space);
         state->outcome.placeholder = std::string(nodes::kPlaceholderNoSpace.Text());
@@ -315,12 +310,11 @@ Result<SheetOutcome> RenderSheet(const SheetOptions& options) {
         }
     } release{requests};
 
-    NodeSpaces spaces;
     for (size_t i = 0; i < n; ++i) {
         swatches.push_back(std::make_shared<SwatchState>());
         KELVO_ASSIGN_OR_RETURN(
             requests[i], MakeRequest(options, options.materials[i], int(i) + 1 == options.priority,
-                                     swatches[i], spaces, start));
+                                     swatches[i], start));
     }
 
     InterruptGuard interrupts;
