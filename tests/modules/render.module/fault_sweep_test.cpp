@@ -20,6 +20,7 @@
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/memorystream.h"
+#include "kelvo/nodes/nodespace.h"
 #include "kelvo/nodes/previewimage.h"
 #include "kelvo/registry.h"
 #include "kelvo/sceneobject.h"
@@ -127,6 +128,26 @@ const std::map<Id, Operations>& Workloads() {
          [](const StrongRef<Object>& o) -> Result<void> {
              KELVO_ASSIGN_OR_RETURN(auto copy, As<nodes::PreviewImageRequestInterface>(o)->Copy());
              copy->Reset();
+             return OK();
+         }},
+        {nodes::NodeSpaceInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             KELVO_ASSIGN_OR_RETURN(auto description, NewObject<DataDictionary>());
+             KELVO_ASSIGN_OR_RETURN(auto bundles, nodes::IdArrayImpl::Create({}, 1));
+             KELVO_TRY(description->Set(nodes::NODESPACE::MATERIALEXCHANGEBUNDLEIDS,
+                                        StrongRef<Object>(bundles)));
+             return As<nodes::NodeSpaceInterface>(o)->Init(Id("net.kelvo.test.space"), description);
+         }},
+        {nodes::MaterialExchangeInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             DataDictionary material, target;
+             KELVO_TRY(material.Set(nodes::NODESPACE::SPACENAME, "red"));
+             return As<nodes::MaterialExchangeInterface>(o)->Convert(nodes::kViewportMaterialBundle,
+                                                                     material, target);
+         }},
+        {nodes::NodeSpaceHelpersInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             KELVO_TRY(As<nodes::NodeSpaceHelpersInterface>(o)->GetNodeSpaceIds());
              return OK();
          }},
         {AssetManagementInterface::InterfaceId(),
