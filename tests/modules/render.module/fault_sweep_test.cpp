@@ -176,6 +176,8 @@ const std::set<Id>& CreationOnly() {
         Id("net.kelvo.image.interface.imagelayer"),
         Id("net.kelvo.render.interface.rendergeneral"),
         Id("net.kelvo.render.interface.texturemanagement"),
+        // Its textures stay loaded for the module's life; its tests sweep a cache of their own.
+        Id("net.kelvo.interface.previewimageplaceholder"),
         Id("net.kelvo.interface.unittest"),
         Id("net.kelvo.interface.speedtest"),
     };
