@@ -153,7 +153,9 @@ private:
     }
 
     Result<void> Rehash(size_t count) {
-        auto** fresh = static_cast<Node**>(Allocate(count * sizeof(Node*), alignof(Node*)));
+        // An array of bucket heads, not of nodes.
+        auto** fresh = static_cast<Node**>(
+            Allocate(count * sizeof(Node*), alignof(Node*)));  // NOLINT(bugprone-sizeof-expression)
         if (!fresh) return Error::OutOfMemory();
         for (size_t b = 0; b < count; ++b) fresh[b] = nullptr;
         for (size_t b = 0; b < BucketCount(); ++b) {
