@@ -90,7 +90,7 @@ TEST(LoaderTest, LoadsBindsAndUnloadsTheRenderModule) {
     for (size_t i = 0; i < 11; ++i) EXPECT_EQ(info.dependencies[i], host::Frameworks()[i]);
 
     EXPECT_NE(FindDataType(Id("net.kelvo.render.ray")), nullptr);
-    EXPECT_EQ(RegistrySize("net.kelvo.registry.datatypes"), typesBefore + 11);
+    EXPECT_EQ(RegistrySize("net.kelvo.registry.datatypes"), typesBefore + 12);
     EXPECT_EQ(g_kelvo.host.ConfigGetString("g_polygonIntersection").ValueOr("unset"), "");
 
     host::UnloadModule(*module);

@@ -19,6 +19,7 @@ TEST(RenderDataTypesTest, EveryTypeIsRegisteredWithItsLayout) {
         {Id("net.kelvo.render.intersectionresult64"), 0},
         {Id("net.kelvo.render.intersectionresult32"), 0},
         {Id("net.kelvo.render.datatype.bsdflayer"), 0},
+        {Id("net.kelvo.nodes.datatype.nodespaces"), 0},
         {Id("net.kelvo.render.legacy_renderers.samplercache"), 1203000 * sizeof(float)},
     };
     for (const auto& [id, size] : types) {
@@ -28,7 +29,7 @@ TEST(RenderDataTypesTest, EveryTypeIsRegisteredWithItsLayout) {
             EXPECT_EQ(t->ops.size, size) << id.Text();
         }
     }
-    EXPECT_EQ(RegistryMembers(Id("net.kelvo.registry.datatypes")).size(), 11u);
+    EXPECT_EQ(RegistryMembers(Id("net.kelvo.registry.datatypes")).size(), 12u);
 }
 
 TEST(RenderDataTypesTest, RayLayoutKeepsTheLeadingMembersInOrder) {

@@ -20,6 +20,7 @@
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/memorystream.h"
+#include "kelvo/nodes/nodespace.h"
 #include "kelvo/nodes/previewimage.h"
 #include "kelvo/registry.h"
 #include "kelvo/sceneobject.h"
@@ -129,6 +130,26 @@ const std::map<Id, Operations>& Workloads() {
              copy->Reset();
              return OK();
          }},
+        {nodes::NodeSpaceInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             KELVO_ASSIGN_OR_RETURN(auto description, NewObject<DataDictionary>());
+             KELVO_ASSIGN_OR_RETURN(auto bundles, nodes::IdArrayImpl::Create({}, 1));
+             KELVO_TRY(description->Set(nodes::NODESPACE::MATERIALEXCHANGEBUNDLEIDS,
+                                        StrongRef<Object>(bundles)));
+             return As<nodes::NodeSpaceInterface>(o)->Init(Id("net.kelvo.test.space"), description);
+         }},
+        {nodes::MaterialExchangeInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             DataDictionary material, target;
+             KELVO_TRY(material.Set(nodes::NODESPACE::SPACENAME, "red"));
+             return As<nodes::MaterialExchangeInterface>(o)->Convert(nodes::kViewportMaterialBundle,
+                                                                     material, target);
+         }},
+        {nodes::NodeSpaceHelpersInterface::InterfaceId(),
+         [](const StrongRef<Object>& o) -> Result<void> {
+             KELVO_TRY(As<nodes::NodeSpaceHelpersInterface>(o)->GetNodeSpaceIds());
+             return OK();
+         }},
         {AssetManagementInterface::InterfaceId(),
          [](const StrongRef<Object>& o) -> Result<void> {
              auto assets = As<AssetManagementInterface>(o);
@@ -155,6 +176,8 @@ const std::set<Id>& CreationOnly() {
         Id("net.kelvo.image.interface.imagelayer"),
         Id("net.kelvo.render.interface.rendergeneral"),
         Id("net.kelvo.render.interface.texturemanagement"),
+        // Its textures stay loaded for the module's life; its tests sweep a cache of their own.
+        Id("net.kelvo.interface.previewimageplaceholder"),
         Id("net.kelvo.interface.unittest"),
         Id("net.kelvo.interface.speedtest"),
     };

@@ -153,9 +153,9 @@ private:
     }
 
     Result<void> Rehash(size_t count) {
-        // An array of bucket heads, not of nodes.
-        auto** fresh = static_cast<Node**>(
-            Allocate(count * sizeof(Node*), alignof(Node*)));  // NOLINT(bugprone-sizeof-expression)
+        // An array of bucket heads: the pointer size is the element size.
+        // NOLINTNEXTLINE(bugprone-sizeof-expression)
+        auto** fresh = static_cast<Node**>(Allocate(count * sizeof(Node*), alignof(Node*)));
         if (!fresh) return Error::OutOfMemory();
         for (size_t b = 0; b < count; ++b) fresh[b] = nullptr;
         for (size_t b = 0; b < BucketCount(); ++b) {

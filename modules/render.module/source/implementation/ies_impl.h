@@ -3,6 +3,7 @@
 // (ies_evaluation.cpp), the preview and the image import.
 #pragma once
 
+#include <algorithm>
 #include <span>
 #include <string>
 #include <vector>
@@ -27,11 +28,30 @@ namespace detail {
 class BracketIndex {
 public:
     Result<void> Build(std::span<const double> angles, double offset);
-    size_t Find(double key) const;
+    // Inline: the power estimate calls it twice for each of its 65,536 samples.
+    [[gnu::always_inline]] size_t Find(double key) const {
+        if (_bound.empty()) return 1;
+        const size_t n = _bound.size() - 1;
+        if (!_start.empty()) {
+            const double f = (key - _origin) * _scale;
+            const double last = static_cast<double>(_start.size() - 1);
+            size_t j = _start[f > 0.0 ? static_cast<size_t>(f < last ? f : last) : 0];
+            // A bucket's start is its lowest key's answer, so a key of the bucket is answered
+            // there or, in a bucket an angle crosses, one further (a step without a branch;
+            // the sentinel +inf bounds it).
+            j += static_cast<size_t>((j < n) & !(_bound[j] > key));
+            // Exact when the running maximum first exceeds the key at j.
+            if (_bound[j] > key && !(_bound[j - 1] > key)) return j;
+        }
+        return static_cast<size_t>(std::upper_bound(_bound.begin() + 1, _bound.end() - 1, key) -
+                                   _bound.begin());
+    }
 
 private:
-    std::vector<double, Allocator<double>> _runningMax;  // [j - 1]: max of angles[1..j] - offset
-    std::vector<uint16_t, Allocator<uint16_t>> _start;   // per bucket: the answer at its start
+    // [j] for j in 1..n-1: the largest of angles[1..j] less the offset; [0] -inf and [n]
+    // +inf, so that j's neighbours can be read for any answer.
+    std::vector<double, Allocator<double>> _bound;
+    std::vector<uint16_t, Allocator<uint16_t>> _start;  // per bucket: the answer at its start
     double _origin = 0.0;
     double _scale = 0.0;
 };
@@ -73,8 +93,13 @@ public:
     // The power estimate. `workers` bounds the threads evaluating it (0: the host's pool,
     // 1: the calling thread alone); the value is the same for any number.
     Result<double> ComputePower(int workers = 0) const;
+    // The same estimate the plain way, one direction after another through
+    // ComputeLightIntensity on the calling thread: the reference ComputePower is checked
+    // and weighed against.
+    double ComputePowerSerial() const;
 
 private:
+    double IntensityAt(double theta, double phi) const;
     Result<void> Parse(const StrongRef<InputStream>& input, bool derive);
     void Reset();
     // _dataMax from _data, then the power estimate, the checksum and the search caches.

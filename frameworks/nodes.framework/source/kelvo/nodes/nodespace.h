@@ -28,6 +28,20 @@ inline constexpr Id kViewportMaterialBundle("net.kelvo.nodespace.exchange.bundle
 inline constexpr Id kNodeSpacesDataType("net.kelvo.nodes.datatype.nodespaces");
 // The module whose data descriptions describe the attributes below.
 inline constexpr Id kNodeSpacesDescriptionModule("net.kelvo.nodespaces.module");
+// The registry of node attribute descriptions; each member's payload is a
+// NodeAttributeDescription and its id is the attribute id.
+inline constexpr Id kNodeAttributesRegistry("net.kelvo.node.registry.attributes");
+
+// How the host shows and stores one attribute: the description module it belongs to, the
+// kind of value it holds (category "data") and its display name (category "string", in
+// the language `language`, "local" for the application's own).
+struct NodeAttributeDescription {
+    Id module;
+    Id attribute;
+    const char* dataType;  // "id", "string", "object", "ids", "url", "path" or "function"
+    const char* name;
+    const char* language;
+};
 
 // Attribute ids of a node space's description (values as noted).
 namespace NODESPACE {

@@ -1,0 +1,138 @@
+#include "previewimage/material_json.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "kelvo/legacy_renderers/bsdfdata.h"
+
+namespace kelvo::preview {
+namespace {
+
+using nlohmann::json;
+
+Result<double> ReadNumber(const json& v, std::string_view what) {
+    if (v.is_number()) return v.get<double>();
+    return IllegalArgumentError(KELVO_HERE, "@ must be a number.", what);
+}
+
+Result<std::string> ReadString(const json& v, std::string_view what) {
+    if (!v.is_string()) return IllegalArgumentError(KELVO_HERE, "@ must be a string.", what);
+    return v.get<std::string>();
+}
+
+Result<void> ReadBsdfData(const json& data, DataDictionary& record) {
+    if (!data.is_object()) return IllegalArgumentError(KELVO_HERE, "data must be an object.");
+    for (const auto& [name, value] : data.items()) {
+        const bsdfdata::KeyInfo* info = nullptr;
+        for (const auto& k : bsdfdata::kKeys) {
+            std::string_view id = k.key.Text();
+            if (id == name || id.substr(id.rfind('.') + 1) == name) info = &k;
+        }
+        if (!info) return IllegalArgumentError(KELVO_HERE, "Unknown BSDF data key '@'.", name);
+        switch (info->type) {
+            case bsdfdata::KEYTYPE::DOUBLE: {
+                KELVO_ASSIGN_OR_RETURN(double v, ReadNumber(value, name));
+                KELVO_TRY(record.Set(info->key, v));
+                break;
+            }
+            case bsdfdata::KEYTYPE::INT:
+                // Whole numbers only: nothing is rounded.
+                if (!value.is_number_integer())
+                    return IllegalArgumentError(KELVO_HERE, "@ must be an integer.", name);
+                KELVO_TRY(record.Set(info->key, value.get<int64_t>()));
+                break;
+            case bsdfdata::KEYTYPE::BOOL:
+                if (!value.is_boolean())
+                    return IllegalArgumentError(KELVO_HERE, "@ must be true or false.", name);
+                KELVO_TRY(record.Set(info->key, value.get<bool>()));
+                break;
+            case bsdfdata::KEYTYPE::STRING: {
+                KELVO_ASSIGN_OR_RETURN(std::string v, ReadString(value, name));
+                KELVO_TRY(record.Set(info->key, v));
+                break;
+            }
+            case bsdfdata::KEYTYPE::VEC2: {
+                if (!value.is_array() || value.size() != 2)
+                    return IllegalArgumentError(KELVO_HERE, "@ must be an array of 2 numbers.",
+                                                name);
+                KELVO_ASSIGN_OR_RETURN(double x, ReadNumber(value[0], name));
+                KELVO_ASSIGN_OR_RETURN(double y, ReadNumber(value[1], name));
+                KELVO_TRY(record.Set(info->key, Vec2{x, y}));
+                break;
+            }
+            case bsdfdata::KEYTYPE::TABLE:
+                // The renderer adds the distribution tables itself.
+                return IllegalArgumentError(KELVO_HERE, "Unknown BSDF data key '@'.", name);
+        }
+    }
+    return OK();
+}
+
+Result<TEXTUREMODE> ReadTextureMode(const json& v) {
+    KELVO_ASSIGN_OR_RETURN(std::string mode, ReadString(v, "textureMode"));
+    constexpr std::pair<std::string_view, TEXTUREMODE> kModes[] = {
+        {"nearest", TEXTUREMODE::NEAREST},
+        {"bilinear", TEXTUREMODE::BILINEAR},
+        {"mipmap", TEXTUREMODE::MIPMAP},
+        {"ripmap", TEXTUREMODE::RIPMAP},
+        {"summedarea", TEXTUREMODE::SUMMEDAREA}};
+    auto it = std::find_if(std::begin(kModes), std::end(kModes),
+                           [&](const auto& p) { return p.first == mode; });
+    if (it == std::end(kModes))
+        return IllegalArgumentError(
+            KELVO_HERE, "Unknown texture mode '@' (nearest, bilinear, mipmap, ripmap, summedarea).",
+            mode);
+    return it->second;
+}
+
+Result<void> ReadMaterialObject(const json& j, PreviewMaterial& m, PreviewLight& light) {
+    if (!j.is_object())
+        return IllegalArgumentError(KELVO_HERE, "The material must be a JSON object.");
+    for (const auto& [key, value] : j.items())
+        if (key != "model" && key != "data" && key != "colour" && key != "texture" &&
+            key != "ies" && key != "textureMode")
+            return IllegalArgumentError(KELVO_HERE, "Unknown material member '@'.", key);
+    if (j.contains("model")) {
+        KELVO_ASSIGN_OR_RETURN(std::string model, ReadString(j["model"], "model"));
+        if (model.find('.') == std::string::npos)
+            model = "net.kelvo.render.bsdflegacyclass." + model;
+        KELVO_ASSIGN_OR_RETURN(m.model, Id::FromText(model));
+    }
+    KELVO_ASSIGN_OR_RETURN(m.data, NewObject<DataDictionary>());
+    if (j.contains("data")) KELVO_TRY(ReadBsdfData(j["data"], *m.data));
+    if (j.contains("colour")) {
+        const json& c = j["colour"];
+        if (!c.is_array() || c.size() != 3)
+            return IllegalArgumentError(KELVO_HERE, "colour must be an array of 3 numbers.");
+        KELVO_ASSIGN_OR_RETURN(m.colour.r, ReadNumber(c[0], "colour"));
+        KELVO_ASSIGN_OR_RETURN(m.colour.g, ReadNumber(c[1], "colour"));
+        KELVO_ASSIGN_OR_RETURN(m.colour.b, ReadNumber(c[2], "colour"));
+    }
+    if (j.contains("texture")) {
+        KELVO_ASSIGN_OR_RETURN(std::string url, ReadString(j["texture"], "texture"));
+        KELVO_ASSIGN_OR_RETURN(m.texture, Url::FromText(url));
+    }
+    if (j.contains("textureMode")) {
+        KELVO_ASSIGN_OR_RETURN(m.textureMode, ReadTextureMode(j["textureMode"]));
+    }
+    if (j.contains("ies")) {
+        KELVO_ASSIGN_OR_RETURN(std::string url, ReadString(j["ies"], "ies"));
+        KELVO_ASSIGN_OR_RETURN(light.ies, Url::FromText(url));
+    }
+    return OK();
+}
+
+}  // namespace
+
+Result<void> ReadMaterialJson(std::string_view text, PreviewMaterial& material,
+                              PreviewLight& light) {
+    return CatchOutOfMemory([&]() -> Result<void> {
+        json j = json::parse(text, nullptr, false);
+        if (j.is_discarded())
+            return IllegalArgumentError(KELVO_HERE, "The material must be a JSON object.");
+        return ReadMaterialObject(j, material, light);
+    });
+}
+
+}  // namespace kelvo::preview

@@ -1,0 +1,19 @@
+// The legacy material as the preview renderer's JSON object (kelvo/previewmaterials.h),
+// read into the renderer's material and light.
+#pragma once
+
+#include <string_view>
+
+#include "kelvo/previewrenderer.h"
+#include "kelvo/result.h"
+
+namespace kelvo::preview {
+
+// Reads text into material and light. Fails with "Illegal argument: The material must be
+// a JSON object.", "Illegal argument: Unknown material member '@'.", "Illegal argument:
+// Unknown BSDF data key '@'." and the member's own type errors ("colour must be an array
+// of 3 numbers.", ...).
+Result<void> ReadMaterialJson(std::string_view text, PreviewMaterial& material,
+                              PreviewLight& light);
+
+}  // namespace kelvo::preview

@@ -1,0 +1,335 @@
+// Material swatches through the real preview pipeline: the preview module loaded as a
+// library, its legacy-material node space and provider reached by id, requests submitted to
+// the render module's scheduler. Orders are checked with the host's deterministic jobs,
+// release and unload on the real queue.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host.h"
+#include "kelvo/nodes/nodespace.h"
+#include "kelvo/nodes/previewimage.h"
+#include "kelvo/previewmaterials.h"
+#include "kelvo/previewrenderer.h"
+#include "kelvo/registry.h"
+#include "preview_test_util.h"
+#include "spaces/previewimage_scheduler.h"
+
+namespace kelvo::nodes {
+namespace {
+
+namespace REQUEST = PREVIEWIMAGEREQUEST;
+
+host::ModuleHandle g_previewModule = nullptr;
+
+void LoadPreviewModule() {
+    kelvo::testing::LoadEngineModule();
+    if (g_previewModule) return;
+    auto module = host::LoadModule(KELVO_PREVIEW_MODULE);
+    ASSERT_TRUE(module.Ok()) << module.GetError().Message();
+    g_previewModule = *module;
+}
+
+// Every delivery of one swatch, as the result callback saw it.
+struct Swatch {
+    std::mutex lock;
+    std::vector<int64_t> indices;
+    std::string error;
+    PreviewImageProviderOutputImage last;
+
+    size_t Count() {
+        std::lock_guard guard(lock);
+        return indices.size();
+    }
+};
+
+// Deliveries of every swatch in the order they arrived ("name:index").
+struct Journal {
+    std::mutex lock;
+    std::string order;
+    void Add(const std::string& entry) {
+        std::lock_guard guard(lock);
+        order += (order.empty() ? "" : " ") + entry;
+    }
+};
+
+constexpr const char* kGgx =
+    R"({"model":"ggxbrdf","data":{"roughness":0.3},"colour":[0.8,0.4,0.2]})";
+constexpr const char* kLambert = R"({"model":"lambertbrdf","colour":[0.2,0.6,0.9]})";
+constexpr const char* kOrenNayar = R"({"model":"orennayarbrdf"})";
+
+class PreviewPipelineTest : public ::testing::Test {
+protected:
+    void SetUp() override { LoadPreviewModule(); }
+    void TearDown() override {
+        host::SetDeterministicJobs(false);
+        PreviewImageScheduler::Release();
+        ASSERT_TRUE(PreviewImageScheduler::Create().Ok());  // as the module started it
+    }
+
+    // A request for material, size x size, count iterations, configured by hand as the
+    // legacy space would.
+    StrongRef<PreviewImageRequestInterface> Request(const std::string& name,
+                                                    const std::string& material, int64_t count,
+                                                    Swatch& swatch, bool priority = false,
+                                                    int64_t size = 8) {
+        auto request = CreatePreviewImageRequest();
+        EXPECT_TRUE(request.Ok());
+        DataDictionary& d = *(*request)->GetData();
+        auto f = MakeResultCompleteFunc([this, name, &swatch](const Result<DataDictionary>& r) {
+            std::lock_guard guard(swatch.lock);
+            if (!r) {
+                swatch.error = r.GetError().Message();
+                journal.Add(name + ":error");
+                return;
+            }
+            const int64_t index = r->Get<int64_t>(REQUEST::ITERATIONINDEX, -1);
+            swatch.indices.push_back(index);
+            if (const Data* image = r->Find(PREVIEWRESULT::IMAGE))
+                if (const auto* img = GetOutputImage(*image)) swatch.last = *img;
+            journal.Add(name + ":" + std::to_string(index));
+        });
+        (void)d.Set(REQUEST::RESULTCOMPLETEFUNC, *f);
+        (void)d.Set(REQUEST::TEXTURESIZE, Vec2{double(size), double(size)});
+        (void)d.Set(REQUEST::ITERATIONCOUNT, count);
+        (void)d.Set(REQUEST::SUBJECT, material);
+        (void)d.Set(REQUEST::PROVIDER, kPreviewImageProviderClass);
+        if (priority) (void)d.Set(REQUEST::PURPOSE, int64_t(PREVIEWIMAGEPURPOSE::PRIORITY));
+        return *request;
+    }
+
+    // The same swatch straight from the renderer class after `iterations` iterations.
+    std::vector<float> Direct(const std::string& material, int64_t iterations, int64_t size = 8) {
+        PreviewSettings settings;
+        settings.width = settings.height = size;
+        PreviewMaterial m;
+        PreviewLight light;
+        // The provider's own reading of the JSON is what is compared; only the model and
+        // colour of the three test materials matter here.
+        auto made = CreateClass<PreviewRendererInterface>(kPreviewRendererClass);
+        EXPECT_TRUE(made.Ok());
+        m.data = *NewObject<DataDictionary>();
+        if (material == kGgx) {
+            m.model = Id("net.kelvo.render.bsdflegacyclass.ggxbrdf");
+            (void)m.data->Set(Id("net.kelvo.render.bsdfdata.roughness"), 0.3);
+            m.colour = {0.8, 0.4, 0.2};
+        } else if (material == kLambert) {
+            m.colour = {0.2, 0.6, 0.9};
+        } else {
+            m.model = Id("net.kelvo.render.bsdflegacyclass.orennayarbrdf");
+        }
+        auto& r = *made;
+        EXPECT_TRUE(r->Init(settings, m, light).Ok());
+        for (int64_t i = 0; i < iterations; ++i) EXPECT_TRUE(r->RenderIteration({}).Ok());
+        std::vector<float> rgb(size_t(size * size * 3));
+        EXPECT_TRUE(r->GetImage(rgb).Ok());
+        return rgb;
+    }
+
+    static void ExpectImage(const PreviewImageProviderOutputImage& image,
+                            const std::vector<float>& rgb) {
+        ASSERT_TRUE(image.samples);
+        ASSERT_EQ(image.samples->size() * 3, rgb.size());
+        for (size_t i = 0; i < image.samples->size(); ++i) {
+            const Col4f& c = (*image.samples)[i];
+            ASSERT_EQ(c.r, rgb[i * 3]) << i;
+            ASSERT_EQ(c.g, rgb[i * 3 + 1]) << i;
+            ASSERT_EQ(c.b, rgb[i * 3 + 2]) << i;
+            ASSERT_EQ(c.a, 1.0f);
+        }
+    }
+
+    static bool WaitFor(const std::function<bool()>& done, double seconds = 30.0) {
+        const auto until =
+            std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > until) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return true;
+    }
+
+    static PreviewImageSchedulerStatistics Stats() {
+        return *PreviewImageScheduler::GetStatistics();
+    }
+
+    Journal journal;
+};
+
+TEST_F(PreviewPipelineTest, SwatchesRefineRoundRobinInIterationOrderAndEndAsTheRendererAlone) {
+    host::SetDeterministicJobs(true);
+    ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    Swatch a, b, c;
+    auto ra = Request("a", kGgx, 3, a), rb = Request("b", kLambert, 3, b),
+         rc = Request("c", kOrenNayar, 3, c);
+    for (auto* r : {&ra, &rb, &rc}) ASSERT_TRUE((*r)->Submit().Ok());
+    host::RunPendingJobs();
+    EXPECT_EQ(journal.order, "a:0 b:0 c:0 a:1 b:1 c:1 a:2 b:2 c:2");
+    EXPECT_EQ(Stats().tasks, 0u);
+    for (auto [swatch, material] : {std::pair{&a, kGgx}, {&b, kLambert}, {&c, kOrenNayar}}) {
+        EXPECT_TRUE(swatch->last.isFinal);
+        EXPECT_EQ(swatch->last.width, 8);
+        ExpectImage(swatch->last, Direct(material, 3));
+    }
+}
+
+TEST_F(PreviewPipelineTest, APrioritySwatchPreemptsTheRunningOneWhichResumesWhereItStood) {
+    host::SetDeterministicJobs(true);
+    ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    Swatch a, p;
+    auto ra = Request("a", kGgx, 3, a);
+    ASSERT_TRUE(ra->Submit().Ok());
+    host::RunPendingJobs(1);  // a's first iteration; its second is queued on the job queue
+    auto rp = Request("p", kLambert, 2, p, true);
+    ASSERT_TRUE(rp->Submit().Ok());
+    EXPECT_EQ(Stats().preemptions, 1u);
+    host::RunPendingJobs();
+    EXPECT_EQ(journal.order, "a:0 p:0 p:1 a:1 a:2");
+    // The preempted iteration ran again in full: nothing of it was lost or counted twice.
+    ExpectImage(a.last, Direct(kGgx, 3));
+    ExpectImage(p.last, Direct(kLambert, 2));
+}
+
+TEST_F(PreviewPipelineTest, TheLegacySpaceDerivesFromTheBaseAndConfiguresRequestsThatRender) {
+    auto helpers = CreateComponent<NodeSpaceHelpersInterface>();
+    ASSERT_TRUE(helpers.Ok());
+    auto space = (*helpers)->FindNodeSpace(kLegacyMaterialNodeSpace);
+    ASSERT_TRUE(space.Ok()) << space.GetError().Message();
+    StrongRef<const DataDictionary> description = (*space)->GetDescription();
+    ASSERT_TRUE(description);
+    EXPECT_EQ(description->Get<std::string>(NODESPACE::SPACENAME), "Legacy materials");
+    EXPECT_EQ(description->Get<Id>(NODESPACE::SPACEID), kLegacyMaterialNodeSpace);
+    // The base applied the exchange fallback.
+    EXPECT_EQ(description->Get<Id>(NODESPACE::MATERIALEXCHANGECLASS),
+              kMaterialExchangeDefaultClass);
+    const Data* f = description->Find(NODESPACE::CONFIGUREPREVIEWIMAGEREQUESTFUNC);
+    ASSERT_TRUE(f && f->Get<StrongRef<Object>>());
+    auto configure = Query<ConfigurePreviewImageRequestInterface>(*f->Get<StrongRef<Object>>());
+    ASSERT_TRUE(configure);
+
+    DataDictionary material, request;
+    EXPECT_EQ(configure->Configure(material, request).GetError().Message(),
+              "Illegal argument: The material has no net.kelvo.preview.material.json.");
+    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::JSON, std::string(kGgx)).Ok());
+    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::SCENE, std::string("cube")).Ok());
+    ASSERT_TRUE(configure->Configure(material, request).Ok());
+    EXPECT_EQ(request.Get<std::string>(REQUEST::SUBJECT), kGgx);
+    EXPECT_EQ(request.Get<Id>(REQUEST::PROVIDER), kPreviewImageProviderClass);
+    EXPECT_EQ(request.Get<std::string>(REQUEST::SCENETYPE), "cube");
+    EXPECT_EQ(request.Get<int64_t>(REQUEST::ITERATIONCOUNT), 16);
+
+    // A request of the caller's own (size, count, callback) keeps them; the space adds the rest.
+    host::SetDeterministicJobs(true);
+    ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    Swatch a;
+    auto ra = Request("a", "", 2, a);
+    DataDictionary& data = *ra->GetData();
+    (void)data.Set(REQUEST::SUBJECT, int64_t(0));
+    (void)data.Set(REQUEST::PROVIDER, int64_t(0));
+    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::SCENE, std::string("sphere")).Ok());
+    ASSERT_TRUE(configure->Configure(material, data).Ok());
+    ASSERT_TRUE(ra->Submit().Ok());
+    host::RunPendingJobs();
+    EXPECT_EQ(journal.order, "a:0 a:1");
+    ExpectImage(a.last, Direct(kGgx, 2));
+}
+
+TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTextureEndsOnlyItsSwatch) {
+    Swatch s;
+    struct Case {
+        std::string material;
+        std::string scene;
+        int64_t count;
+        std::string error;
+    } cases[] = {
+        {R"({"color":[1,1,1]})", "sphere", 2, "Illegal argument: Unknown material member 'color'."},
+        {R"({"data":{"shine":1}})", "sphere", 2,
+         "Illegal argument: Unknown BSDF data key 'shine'."},
+        {"[1]", "sphere", 2, "Illegal argument: The material must be a JSON object."},
+        {kLambert, "stage", 2,
+         "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."},
+        {kLambert, "sphere", 0, "Illegal argument: Invalid iteration count 0."},
+    };
+    for (const Case& c : cases) {
+        auto r = Request("x", c.material, c.count, s);
+        (void)r->GetData()->Set(REQUEST::SCENETYPE, c.scene);
+        Result<void> submitted = r->Submit();
+        ASSERT_FALSE(submitted.Ok()) << c.material;
+        EXPECT_EQ(submitted.GetError().Message(), c.error);
+    }
+    auto none = Request("x", "", 2, s);
+    (void)none->GetData()->Set(REQUEST::SUBJECT, int64_t(1));
+    EXPECT_EQ(none->Submit().GetError().Message(),
+              "Illegal argument: The preview request has no material.");
+
+    // The texture is read by the first iteration: its error reaches the callback, naming
+    // the file, and the swatch beside it renders to the end.
+    Swatch broken, fine;
+    auto rb = Request("broken", R"({"texture":"/nonexistent/wood.png"})", 4, broken);
+    auto rf = Request("fine", kLambert, 2, fine);
+    ASSERT_TRUE(rb->Submit().Ok());
+    ASSERT_TRUE(rf->Submit().Ok());
+    ASSERT_TRUE(WaitFor([&] { return fine.Count() == 2; }));
+    ASSERT_TRUE(WaitFor([&] { return Stats().tasks == 0; }));
+    std::lock_guard guard(broken.lock);
+    EXPECT_TRUE(broken.indices.empty());
+    EXPECT_NE(broken.error.find("/nonexistent/wood.png"), std::string::npos) << broken.error;
+}
+
+TEST_F(PreviewPipelineTest, ReleasingARequestStopsItWithinOneIterationAndDeliversNothingMore) {
+    Swatch a, b;
+    auto ra = Request("a", kGgx, 100000, a, false, 16);
+    auto rb = Request("b", kLambert, 100000, b, false, 16);
+    ASSERT_TRUE(ra->Submit().Ok());
+    ASSERT_TRUE(rb->Submit().Ok());
+    ASSERT_TRUE(WaitFor([&] { return a.Count() >= 1 && b.Count() >= 1; }));
+    ra->Reset();  // waits for a's running iteration, if any
+    const size_t delivered = a.Count();
+    ASSERT_TRUE(WaitFor([&] { return b.Count() >= 3; }));  // b goes on, a is gone
+    EXPECT_EQ(a.Count(), delivered);
+    EXPECT_EQ(Stats().tasks, 1u);
+    rb->Reset();
+    const PreviewImageSchedulerStatistics s = Stats();
+    EXPECT_EQ(s.tasks, 0u);
+    EXPECT_EQ(s.runningNormal + s.runningPriority, 0u);
+    std::lock_guard guard(a.lock);
+    for (size_t i = 0; i < a.indices.size(); ++i) EXPECT_EQ(a.indices[i], int64_t(i));
+}
+
+TEST_F(PreviewPipelineTest, UnloadingThePreviewModuleEndsItsPreviewsAndLeavesNothingRunning) {
+    Swatch a;
+    auto ra = Request("a", kLambert, 100000, a, false, 16);
+    ASSERT_TRUE(ra->Submit().Ok());
+    ASSERT_TRUE(WaitFor([&] { return a.Count() >= 1; }));
+    host::UnloadModule(g_previewModule);
+    g_previewModule = nullptr;
+    const size_t delivered = a.Count();
+    {
+        const PreviewImageSchedulerStatistics s = Stats();
+        EXPECT_EQ(s.tasks, 0u);
+        EXPECT_EQ(s.runningNormal + s.runningPriority, 0u);
+        std::lock_guard guard(a.lock);
+        EXPECT_EQ(a.error,
+                  "Illegal state: The preview image provider "
+                  "net.kelvo.preview.previewimageprovider.pathtracer was unloaded.");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(a.Count(), delivered);
+    ra->Reset();
+    // Without the module its provider is gone; loaded again, it works as before.
+    Swatch b;
+    EXPECT_EQ(
+        Request("b", kLambert, 1, b)->Submit().GetError().Message(),
+        "Illegal argument: Class net.kelvo.preview.previewimageprovider.pathtracer not found.");
+    LoadPreviewModule();
+    auto rb = Request("b", kLambert, 1, b);
+    ASSERT_TRUE(rb->Submit().Ok());
+    ASSERT_TRUE(WaitFor([&] { return b.Count() == 1; }));
+}
+
+}  // namespace
+}  // namespace kelvo::nodes
