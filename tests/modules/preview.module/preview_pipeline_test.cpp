@@ -1,7 +1,7 @@
 // Material swatches through the real preview pipeline: the preview module loaded as a
 // library, its legacy-material node space and provider reached by id, requests submitted to
 // the render module's scheduler. Orders are checked with the host's deterministic jobs,
-// release and unload on the real queue.
+// release and unload on the real queue, with the single-threaded Embree engine.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -28,6 +28,11 @@ host::ModuleHandle g_previewModule = nullptr;
 
 void LoadPreviewModule() {
     kelvo::testing::LoadEngineModule();
+    // The engine that builds on one thread: Embree's own build threads are not instrumented,
+    // and these tests run under the sanitizers too.
+    ASSERT_TRUE(
+        host::ConfigSet("g_polygonIntersection", "net.kelvo.render.intersectionclass.embreesingle")
+            .Ok());
     if (g_previewModule) return;
     auto module = host::LoadModule(KELVO_PREVIEW_MODULE);
     ASSERT_TRUE(module.Ok()) << module.GetError().Message();
