@@ -255,6 +255,8 @@ TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTexture
         {R"({"data":{"shine":1}})", "sphere", 2,
          "Illegal argument: Unknown BSDF data key 'shine'."},
         {"[1]", "sphere", 2, "Illegal argument: The material must be a JSON object."},
+        {R"({"environment":"dark"})", "sphere", 2,
+         "Illegal argument: environment must be an array of 3 numbers."},
         {kLambert, "stage", 2,
          "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."},
         {kLambert, "sphere", 0, "Illegal argument: Invalid iteration count 0."},
@@ -283,6 +285,36 @@ TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTexture
     std::lock_guard guard(broken.lock);
     EXPECT_TRUE(broken.indices.empty());
     EXPECT_NE(broken.error.find("/nonexistent/wood.png"), std::string::npos) << broken.error;
+}
+
+TEST_F(PreviewPipelineTest, AFailedAllocationAnywhereEndsTheSwatchWithAnErrorAndNothingRepeated) {
+    host::SetDeterministicJobs(true);
+    ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    bool clean = false;
+    for (int64_t n = 1; n < 5000 && !clean; ++n) {
+        Swatch s;
+        auto r = Request("s", kGgx, 2, s);
+        host::FailNthAllocation(n);
+        Result<void> submitted = r->Submit();
+        host::RunPendingJobs();
+        host::FailNthAllocation(0);
+        r->Reset();
+        ASSERT_EQ(Stats().tasks, 0u) << n;
+        std::lock_guard guard(s.lock);
+        if (!submitted) {
+            EXPECT_EQ(submitted.GetError().Message(), "Out of memory.") << n;
+            continue;
+        }
+        // The images that did arrive came in order, each once; a failure ends the swatch.
+        for (size_t i = 0; i < s.indices.size(); ++i) ASSERT_EQ(s.indices[i], int64_t(i)) << n;
+        if (!s.error.empty()) {
+            EXPECT_EQ(s.error, "Out of memory.") << n;
+        } else {
+            ASSERT_EQ(s.indices.size(), 2u) << n;
+            clean = true;  // n lies beyond the allocations of a whole preview
+        }
+    }
+    EXPECT_TRUE(clean);
 }
 
 TEST_F(PreviewPipelineTest, ReleasingARequestStopsItWithinOneIterationAndDeliversNothingMore) {
