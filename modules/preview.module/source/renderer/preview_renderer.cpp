@@ -127,10 +127,13 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
     KELVO_TRY(_camera->Init(parameters, false));
     _fieldOfView = scene.camera.fieldOfView;
 
-    // One caches object for every model of this renderer.
-    KELVO_ASSIGN_OR_RETURN(_caches, CreateComponent<MicrofacetDistributionCachesInterface>());
-    KELVO_TRY(_caches->Alloc());
-    _caches->Init();
+    // One caches object for every model of this renderer, or the one the caller shares.
+    _caches = settings.caches;
+    if (!_caches) {
+        KELVO_ASSIGN_OR_RETURN(_caches, CreateComponent<MicrofacetDistributionCachesInterface>());
+        KELVO_TRY(_caches->Alloc());
+        _caches->Init();
+    }
     KELVO_ASSIGN_OR_RETURN(_materialData, CopyRecord(material.data, *_caches));
     KELVO_ASSIGN_OR_RETURN(_stageData, CopyRecord(nullptr, *_caches));
     {
@@ -158,7 +161,7 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
         KELVO_ASSIGN_OR_RETURN(auto input, OpenInputStream(light.ies));
         KELVO_ASSIGN_OR_RETURN(_profile, CreateComponent<IesInterface>());
         if (auto ok = _profile->Init(input); !ok) {
-            Error e = ok.GetError();
+            const Error& e = ok.GetError();
             return Error(e.Kind(), e.Location(), e.Message(), light.ies.ToString());
         }
     }
