@@ -206,6 +206,7 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status) {
                      "Print a report: rays per second, intersector, time per iteration");
     render->callback(
         [&context, &status, o] { RunCommand(context, status, [&] { return RenderSwatch(*o); }); });
+    AddPreviewSimulateCommand(*cmd, context, status);
 }
 
 }  // namespace kelvo::cli
