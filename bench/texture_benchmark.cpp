@@ -5,6 +5,8 @@
 //
 //   bench/kelvo_texture_benchmark --benchmark_filter=Build   (builds only)
 #include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <sys/resource.h>
 
 #include <cstring>
 #include <map>
@@ -38,7 +40,13 @@ StrongRef<ImageInterface> Image() {
 }
 
 // Bytes a build must read and write: every source level once, every new level once.
-int64_t CountTraffic(TEXTUREPYRAMID pyramid) {
+struct Traffic {
+    int64_t read = 0;
+    int64_t written = 0;
+    int64_t total() const { return read + written; }
+};
+
+Traffic CountTraffic(TEXTUREPYRAMID pyramid) {
     auto texture = *CreateClass<TextureInterface>(kTextureImplClass);
     (void)texture->Init(Image(), {});
     (void)texture->Build(pyramid);
@@ -47,7 +55,7 @@ int64_t CountTraffic(TEXTUREPYRAMID pyramid) {
     switch (pyramid) {
         case TEXTUREPYRAMID::MIPMAP: {
             const auto last = texture->GetMipLevel(texture->GetMipLevelCount() - 1);
-            return base + levels - last.width * last.height * 4 + levels;
+            return {base + levels - last.width * last.height * 4, levels};
         }
         case TEXTUREPYRAMID::RIPMAP: {
             // Sources: the first row of levels and every level except the bottom row.
@@ -59,15 +67,15 @@ int64_t CountTraffic(TEXTUREPYRAMID pyramid) {
                     const auto l = texture->GetRipLevel(i, j);
                     if (isSource) read += l.width * l.height * 4;
                 }
-            return read + levels;
+            return {read, levels};
         }
         default:
-            return base + texture->GetByteSize(TEXTUREPYRAMID::SUMMEDAREA);
+            return {base, texture->GetByteSize(TEXTUREPYRAMID::SUMMEDAREA)};
     }
 }
 
-int64_t TrafficBytes(TEXTUREPYRAMID pyramid) {
-    static std::map<TEXTUREPYRAMID, int64_t> counted;
+Traffic TrafficBytes(TEXTUREPYRAMID pyramid) {
+    static std::map<TEXTUREPYRAMID, Traffic> counted;
     auto found = counted.find(pyramid);
     if (found == counted.end()) found = counted.emplace(pyramid, CountTraffic(pyramid)).first;
     return found->second;
@@ -78,43 +86,75 @@ void SetThreads(benchmark::State& state) {
     state.counters["threads"] = double(state.range(0));
 }
 
-void BM_Build(benchmark::State& state, TEXTUREPYRAMID pyramid) {
+// Gives the heap's free pages back to the system, so that the next build writes into pages
+// it touches first (glibc keeps freed blocks of a texture's level sizes otherwise).
+void ReleaseFreePages() { malloc_trim(0); }
+
+int64_t MinorFaults() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt;
+}
+
+// `cold`: every build writes into fresh pages. Otherwise the allocator holds pages of the
+// levels' sizes from earlier builds, as in a renderer that has built textures before.
+void BM_Build(benchmark::State& state, TEXTUREPYRAMID pyramid, bool cold) {
     SetThreads(state);
+    for (int warm = 0; warm < (cold ? 0 : 2); ++warm) {
+        auto texture = *CreateClass<TextureInterface>(kTextureImplClass);
+        (void)texture->Init(Image(), {});
+        (void)texture->Build(pyramid);
+    }
+    int64_t faults = 0;
     for (auto _ : state) {
         state.PauseTiming();
         auto texture = *CreateClass<TextureInterface>(kTextureImplClass);
         (void)texture->Init(Image(), {});
         (void)texture->Build(TEXTUREPYRAMID::BASELEVEL);
+        if (cold) ReleaseFreePages();
+        const int64_t before = MinorFaults();
         state.ResumeTiming();
         if (!texture->Build(pyramid).Ok()) state.SkipWithError("build failed");
         state.PauseTiming();
+        faults += MinorFaults() - before;
         texture.reset();  // freeing is not the build's cost
         state.ResumeTiming();
     }
-    state.SetBytesProcessed(int64_t(state.iterations()) * TrafficBytes(pyramid));
+    // Pages touched for the first time per build: in this sandbox each costs tens of µs.
+    state.counters["faults"] =
+        benchmark::Counter(double(faults), benchmark::Counter::kAvgIterations);
+    state.SetBytesProcessed(int64_t(state.iterations()) * TrafficBytes(pyramid).total());
 }
 
-// The floor: copy half the build's traffic (reading and writing it), in chunks over the
-// same pool. Into memory touched before, it measures bandwidth alone; into fresh memory
-// (`fresh`), it also pays the first touch of every written page, as a build's new levels do.
-void BM_Floor(benchmark::State& state, TEXTUREPYRAMID pyramid, bool fresh) {
+// The floor: a memcpy reading and writing as many bytes as the build, in chunks over the same
+// pool. Warm, the destination was touched before; cold, as many destination bytes as the build
+// writes new levels are fresh pages (the rest of the copy goes to touched memory).
+void BM_Floor(benchmark::State& state, TEXTUREPYRAMID pyramid, bool cold) {
     SetThreads(state);
-    const int64_t half = TrafficBytes(pyramid) / 2;
-    std::vector<uint8_t> from(size_t(half), 7), touched(fresh ? 0 : size_t(half), 0);
+    const Traffic traffic = TrafficBytes(pyramid);
+    const int64_t half = traffic.total() / 2;
+    const int64_t fresh = cold ? std::min(traffic.written, half) : 0;
+    std::vector<uint8_t> from(size_t(half), 7), touched(size_t(half - fresh), 0);
     for (auto _ : state) {
-        auto* to = fresh ? static_cast<uint8_t*>(Allocate(size_t(half))) : touched.data();
+        state.PauseTiming();
+        if (cold) ReleaseFreePages();
+        uint8_t* to = fresh ? static_cast<uint8_t*>(Allocate(size_t(fresh))) : nullptr;
+        state.ResumeTiming();
         constexpr int64_t kChunk = int64_t(1) << 20;
         (void)ParallelFor(0, (half + kChunk - 1) / kChunk, [&](int64_t c) {
-            const int64_t at = c * kChunk;
-            std::memcpy(to + at, from.data() + at, size_t(std::min(kChunk, half - at)));
+            const int64_t at = c * kChunk, n = std::min(kChunk, half - at);
+            for (int64_t i = at; i < at + n;) {  // a chunk may straddle the two destinations
+                const int64_t run = i < fresh ? std::min(at + n, fresh) - i : at + n - i;
+                uint8_t* dst = i < fresh ? to + i : touched.data() + (i - fresh);
+                std::memcpy(dst, from.data() + i, size_t(run));
+                i += run;
+            }
         });
         benchmark::DoNotOptimize(to);
         benchmark::ClobberMemory();
-        if (fresh) {
-            state.PauseTiming();
-            Free(to);
-            state.ResumeTiming();
-        }
+        state.PauseTiming();
+        Free(to);
+        state.ResumeTiming();
     }
     state.SetBytesProcessed(int64_t(state.iterations()) * half * 2);
 }
@@ -146,21 +186,17 @@ void Register() {
         {"RipMap", TEXTUREPYRAMID::RIPMAP},
         {"SummedArea", TEXTUREPYRAMID::SUMMEDAREA}};
     for (auto [name, pyramid] : builds) {
-        benchmark::RegisterBenchmark((std::string("BM_Build/") + name).c_str(), BM_Build, pyramid)
-            ->Arg(1)
-            ->Arg(2)
-            ->Iterations(4)
-            ->Unit(benchmark::kMillisecond)
-            ->UseRealTime();
-        for (bool fresh : {false, true})
-            benchmark::RegisterBenchmark(
-                (std::string(fresh ? "BM_BuildFloorFresh/" : "BM_BuildFloor/") + name).c_str(),
-                BM_Floor, pyramid, fresh)
-                ->Arg(1)
-                ->Arg(2)
-                ->Iterations(4)
-                ->Unit(benchmark::kMillisecond)
-                ->UseRealTime();
+        for (bool cold : {false, true}) {
+            const std::string suffix = std::string(cold ? "Cold/" : "/") + name;
+            for (auto [prefix, function] :
+                 {std::pair{"BM_Build", &BM_Build}, std::pair{"BM_BuildFloor", &BM_Floor}})
+                benchmark::RegisterBenchmark((prefix + suffix).c_str(), function, pyramid, cold)
+                    ->Arg(1)
+                    ->Arg(2)
+                    ->Iterations(4)
+                    ->Unit(benchmark::kMillisecond)
+                    ->UseRealTime();
+        }
     }
     const std::pair<const char*, TEXTUREMODE> modes[] = {{"Bilinear", TEXTUREMODE::BILINEAR},
                                                          {"Nearest", TEXTUREMODE::NEAREST},

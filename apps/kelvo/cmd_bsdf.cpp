@@ -3,12 +3,14 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "bsdf_plot.h"
 #include "cli_common.h"
 #include "commands.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
+#include "kelvo/legacy_renderers/legacystate.h"
 #include "kelvo/legacy_renderers/microfacetdistribution.h"
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/registry.h"
@@ -72,7 +74,12 @@ Result<Distribution> MakeDistribution(const std::string& kind) {
     return CreateClass<MicrofacetDistributionInterface>(*id);
 }
 
-// Everything a run keeps: its named objects and the one caches object.
+// A run keeps at most this many caches objects it has replaced: 19 MB each, kept only
+// because objects given their tables may still read them.
+constexpr size_t kMaxRetiredCaches = 8;
+
+// Everything a run keeps: its named objects and the caches object (and those it replaced
+// while objects may still read them).
 class BsdfSession {
 public:
     // The answer's members after the echoed "op" and "name".
@@ -86,8 +93,12 @@ private:
     Result<void> ModelOperation(const std::string& op, const json& request, JsonWriter& w);
     Result<void> DistributionOperation(const std::string& op, const json& request, JsonWriter& w);
     Result<void> CacheEntries(const json& request, JsonWriter& w);
+    Result<void> CachesOperation(const json& request, JsonWriter& w);
+    Result<void> State(const json& request, JsonWriter& w);
 
     StrongRef<MicrofacetDistributionCachesInterface> _caches;
+    bool _cachesHandedOut = false;  // some object was given the tables
+    std::vector<StrongRef<MicrofacetDistributionCachesInterface>> _retired;
     std::map<std::string, StrongRef<BSDFLegacyInterface>> _models;
     std::map<std::string, Distribution> _distributions;
 };
@@ -122,6 +133,7 @@ Result<DataDictionary> BsdfSession::ReadRecord(const json& request) {
     if (caches) {
         KELVO_ASSIGN_OR_RETURN(auto* c, Caches());
         KELVO_TRY(bsdfdata::SetDistributionTables(record, c));
+        _cachesHandedOut = true;
     }
     if (request.contains("tableKind")) {
         KELVO_ASSIGN_OR_RETURN(auto* c, Caches());
@@ -133,6 +145,7 @@ Result<DataDictionary> BsdfSession::ReadRecord(const json& request) {
         if (level < 0 || level > 400)
             return IllegalArgumentError(KELVO_HERE, "level must be 0..400, not @.", level);
         KELVO_TRY(bsdfdata::SetTable(record, bsdfdata::kBlurryTable, c->GetCache(int32_t(kind))));
+        _cachesHandedOut = true;
         KELVO_TRY(record.Set(bsdfdata::kBlurryDensityRow, 2000 * level));
         KELVO_TRY(record.Set(bsdfdata::kBlurrySamplingRow, 1000 * level));
     }
@@ -287,6 +300,83 @@ Result<void> BsdfSession::CacheEntries(const json& request, JsonWriter& w) {
     return OK();
 }
 
+// "fresh": true starts a new caches object for the requests that follow; the answer
+// counts the computed entries of each table.
+Result<void> BsdfSession::CachesOperation(const json& request, JsonWriter& w) {
+    KELVO_ASSIGN_OR_RETURN(bool fresh, BoolMember(request, "fresh", false));
+    if (fresh && _caches) {
+        if (_cachesHandedOut) {
+            if (_retired.size() == kMaxRetiredCaches)
+                return IllegalArgumentError(KELVO_HERE,
+                                            "A run keeps at most @ replaced caches objects.",
+                                            kMaxRetiredCaches);
+            _retired.push_back(_caches);
+        }
+        _caches = nullptr;
+        _cachesHandedOut = false;
+    }
+    KELVO_ASSIGN_OR_RETURN(auto* c, Caches());
+    w.Key("computed").Array();
+    for (int32_t kind = 0; kind < kDistributionTableCount; ++kind) {
+        const float* table = c->GetCache(kind);
+        int64_t computed = 0;
+        for (size_t i = 0; i < kSamplerCacheFloats; ++i) computed += table[i] >= -0.5f;
+        w.Integer(computed);
+    }
+    w.End();
+    return OK();
+}
+
+// The derived fields of a named object, or of one made from "model" or "distribution":
+// updated from "data" and "caches" when given, never updated otherwise.
+Result<void> BsdfSession::State(const json& request, JsonWriter& w) {
+    StrongRef<Object> object;
+    if (request.contains("model") || request.contains("distribution")) {
+        const bool update =
+            request.contains("data") || request.contains("caches") || request.contains("tableKind");
+        if (request.contains("distribution")) {
+            KELVO_ASSIGN_OR_RETURN(std::string kind, StringMember(request, "distribution"));
+            KELVO_ASSIGN_OR_RETURN(Distribution d, MakeDistribution(kind));
+            if (update) {
+                KELVO_ASSIGN_OR_RETURN(DataDictionary record, ReadRecord(request));
+                KELVO_TRY(d->Update(record));
+            }
+            object = d;
+        } else if (update) {
+            KELVO_ASSIGN_OR_RETURN(object, Model(request));
+        } else {
+            KELVO_ASSIGN_OR_RETURN(std::string suffix, StringMember(request, "model"));
+            KELVO_ASSIGN_OR_RETURN(Id id,
+                                   Id::FromText("net.kelvo.render.bsdflegacyclass." + suffix));
+            KELVO_ASSIGN_OR_RETURN(object, CreateClass<BSDFLegacyInterface>(id));
+        }
+    } else {
+        KELVO_ASSIGN_OR_RETURN(std::string name, StringMember(request, "name"));
+        if (auto m = _models.find(name); m != _models.end())
+            object = m->second;
+        else if (auto d = _distributions.find(name); d != _distributions.end())
+            object = d->second;
+        else
+            return IllegalArgumentError(KELVO_HERE, "No model or distribution named '@'.", name);
+    }
+    StrongRef<LegacyStateInterface> state = Query<LegacyStateInterface>(object);
+    if (!state) return IllegalArgumentError(KELVO_HERE, "The object has no state to show.");
+    w.Key("state").Object();
+    state->VisitState([&w](std::string_view field, const Data& value) {
+        w.Key(field);
+        if (const bool* b = value.Get<bool>())
+            w.Bool(*b);
+        else if (const int64_t* i = value.Get<int64_t>())
+            w.Integer(*i);
+        else if (const double* d = value.Get<double>())
+            w.Number(*d);
+        else
+            w.Null();
+    });
+    w.End();
+    return OK();
+}
+
 Result<void> BsdfSession::Handle(const json& request, JsonWriter& w) {
     if (!request.is_object())
         return IllegalArgumentError(KELVO_HERE, "A request must be an object.");
@@ -308,6 +398,8 @@ Result<void> BsdfSession::Handle(const json& request, JsonWriter& w) {
     }
     if (op == "D" || op == "G" || op == "Sample") return DistributionOperation(op, request, w);
     if (op == "cache") return CacheEntries(request, w);
+    if (op == "caches") return CachesOperation(request, w);
+    if (op == "state") return State(request, w);
     if (op == "models") {
         w.Key("models").Array();
         for (const EntryRecord* e : RegistryMembers(kBsdfLegacyClassesRegistry))

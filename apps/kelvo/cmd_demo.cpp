@@ -10,6 +10,7 @@
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
 #include "kelvo/sceneobject.h"
+#include "preview_sheet.h"
 
 namespace kelvo::cli {
 
@@ -166,6 +167,90 @@ Result<void> WriteFilteringPicture(const fs::path& folder) {
     });
 }
 
+// Material swatches through the preview pipeline: the fifteen legacy models as a sheet of
+// balls, a ball under the sample IES profile and a textured ball, each as PNG and EXR, with
+// the render report. Small and short, so that the demo stays quick.
+Result<std::vector<std::string>> WritePreviewSwatches(Context& context, const fs::path& folder) {
+    // Roughness 0.35 for the glossy lobes, glass of ior 1.5 for the transmitting ones.
+    static constexpr const char* kModels[] = {
+        R"({"model":"lambertbrdf"})",
+        R"({"model":"orennayarbrdf","data":{"orennayarsigma":0.5}})",
+        R"({"model":"irawanbrdf","data":{"clothpattern":"denim","warpdiffuse":0.2,"weftdiffuse":0.2,)"
+        R"("warpspecular":1,"weftspecular":1}})",
+        R"({"model":"blurrysimplebrdf","data":{"blurryexponent":40}})",
+        R"({"model":"blurryspecularbrdf","data":{"blurryexponent":30}})",
+        R"({"model":"beckmannbrdf","data":{"roughness":0.35}})",
+        R"({"model":"beckmannbtdf","data":{"roughness":0.35,"iorin":1.5,"iorout":1}})",
+        R"({"model":"ggxbrdf","data":{"roughness":0.35}})",
+        R"({"model":"ggxbtdf","data":{"roughness":0.35,"iorin":1.5,"iorout":1}})",
+        R"({"model":"phongbrdf","data":{"roughness":0.35}})",
+        R"({"model":"phongbtdf","data":{"roughness":0.35,"iorin":1.5,"iorout":1}})",
+        R"({"model":"wardbrdf","data":{"roughness":0.35}})",
+        R"({"model":"wardbtdf","data":{"roughness":0.35,"iorin":1.5,"iorout":1}})",
+        R"({"model":"anisotropicbrdf","data":{"roughness":0.5,"anisotropy":0.6,"rotation":0.5}})",
+        R"({"model":"anisotropicbtdf","data":{"roughness":0.5,"anisotropy":0.6,"rotation":0.5,)"
+        R"("iorin":1.5,"iorout":1}})",
+    };
+    // A checkerboard for the textured ball, written beside the pictures.
+    constexpr int64_t kBoard = 64;
+    std::vector<float> board(size_t(kBoard * kBoard * 3));
+    for (int64_t y = 0; y < kBoard; ++y)
+        for (int64_t x = 0; x < kBoard; ++x) {
+            const bool on = (x / 8 + y / 8) % 2;
+            float* p = &board[size_t((y * kBoard + x) * 3)];
+            p[0] = on ? 0.85f : 0.1f;
+            p[1] = on ? 0.65f : 0.1f;
+            p[2] = on ? 0.2f : 0.3f;
+        }
+    KELVO_TRY(WriteLinearImage(folder / "preview-checker.png", board, kBoard, kBoard));
+    const std::string ies = (context.resourceFolder / "ies" / "kelvo_sample_spot.ies").string();
+    const std::string checker = (folder / "preview-checker.png").string();
+
+    // The models are colourless: a warm colour shows what each lobe does with it.
+    std::vector<std::string> models;
+    for (const char* model : kModels) {
+        nlohmann::json j = nlohmann::json::parse(model);
+        j["colour"] = {0.8, 0.55, 0.35};
+        models.push_back(j.dump());
+    }
+    struct Sheet {
+        const char* name;
+        std::vector<std::string> materials;
+        const char* scene;
+        int64_t size;
+    } sheets[] = {
+        {"preview-models", models, "sphere", 64},
+        {"preview-ies",
+         {nlohmann::json{{"colour", {0.8, 0.8, 0.8}}, {"ies", ies}}.dump()},
+         "sphere",
+         128},
+        {"preview-textured", {nlohmann::json{{"texture", checker}}.dump()}, "sphere", 128},
+    };
+    nlohmann::json report = nlohmann::json::object();
+    std::vector<std::string> written{"preview-checker.png"};
+    for (const Sheet& sheet : sheets) {
+        SheetOptions options;
+        options.materials = sheet.materials;
+        options.scene = sheet.scene;
+        options.width = options.height = sheet.size;
+        options.iterations = 16;
+        KELVO_ASSIGN_OR_RETURN(SheetOutcome outcome, RenderSheet(options));
+        for (const SwatchOutcome& swatch : outcome.swatches)
+            if (!swatch.error.empty())
+                return IllegalStateError(KELVO_HERE, "The @ swatch failed: @", swatch.label,
+                                         swatch.error);
+        for (const char* suffix : {".png", ".exr"}) {
+            KELVO_TRY(WriteSheet(folder / (std::string(sheet.name) + suffix), outcome,
+                                 options.width, options.height));
+            written.push_back(std::string(sheet.name) + suffix);
+        }
+        report[sheet.name] = SheetReport(options, outcome);
+    }
+    KELVO_TRY(WriteTextFile(folder / "preview-report.json", report.dump(2) + "\n"));
+    written.emplace_back("preview-report.json");
+    return written;
+}
+
 Result<void> RunDemo(Context& context, const fs::path& folder) {
     std::error_code ec;
     fs::create_directories(folder, ec);
@@ -201,6 +286,13 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
     // The lobes of the fifteen legacy BSDF models.
     KELVO_ASSIGN_OR_RETURN(std::vector<std::string> sheet, WriteBsdfSheet(folder));
     std::cout << "kelvo demo: wrote " << sheet[0] << ", " << sheet[1] << " to " << folder.string()
+              << '\n';
+
+    KELVO_ASSIGN_OR_RETURN(std::vector<std::string> swatches,
+                           WritePreviewSwatches(context, folder));
+    std::string names;
+    for (const std::string& name : swatches) names += (names.empty() ? "" : ", ") + name;
+    std::cout << "kelvo demo: wrote " << names << " (material previews) to " << folder.string()
               << '\n';
     return OK();
 }

@@ -396,6 +396,40 @@ TEST(BsdfCommandTest, ObjectsLiveForTheRunAndErrorsAnswerInLine) {
         R"({"op":"D","name":"d","error":"Illegal argument: useTable must be true or false."})");
 }
 
+// "state" shows the derived fields of a never-updated object too; a fresh caches object
+// starts with nothing computed while an object given the earlier tables still reads them.
+TEST(BsdfCommandTest, StateShowsDerivedFieldsAndFreshCachesStartEmpty) {
+    ToolRun run = Kelvo("bsdf", R"({"op":"state","distribution":"ggx"}
+{"op":"new","name":"d","distribution":"beckmann","data":{"roughness":0.5},"caches":true}
+{"op":"D","name":"d","h":[0,0.6,0.8]}
+{"op":"state","name":"d"}
+{"op":"caches","fresh":true}
+{"op":"D","name":"d","h":[0,0.6,0.8]}
+{"op":"caches"}
+{"op":"state","name":"nobody"}
+{"op":"caches","fresh":"yes"}
+)");
+    EXPECT_EQ(run.status, 0);
+    std::istringstream lines(run.out);
+    std::vector<std::string> a;
+    for (std::string line; std::getline(lines, line);) a.push_back(line);
+    ASSERT_EQ(a.size(), 9u) << run.out;
+    EXPECT_EQ(a[0], R"({"op":"state","state":{"_table":false,"_roughness":0.0,"_lobeCosine":0.0,)"
+                    R"("_dOffset":-1,"_sOffset":-1,"_cubedRoughness":-1,"_alpha":0.0,)"
+                    R"("_alphaSquared":0.0}})");
+    auto d = nlohmann::json::parse(a[3])["state"];
+    EXPECT_EQ(d["_table"], true);
+    EXPECT_EQ(d["_dOffset"], 200 * 2000);
+    EXPECT_EQ(d["_sOffset"], 200 * 1000);
+    EXPECT_EQ(d["_cubedRoughness"].get<double>(), 0.125);
+    EXPECT_EQ(a[4], R"({"op":"caches","computed":[0,0,0,0]})");
+    EXPECT_EQ(a[5], a[2]);
+    EXPECT_EQ(a[6], R"({"op":"caches","computed":[0,0,0,0]})");
+    EXPECT_EQ(a[7], R"({"op":"state","name":"nobody","error":"Illegal argument: No model or )"
+                    R"(distribution named 'nobody'."})");
+    EXPECT_EQ(a[8], R"({"op":"caches","error":"Illegal argument: fresh must be true or false."})");
+}
+
 TEST(BsdfCommandTest, PlotWritesAPngAndRefusesBadOptions) {
     fs::path png =
         fs::temp_directory_path() / ("kelvo_lobe_" + std::to_string(::getpid()) + ".png");

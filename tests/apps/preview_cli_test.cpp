@@ -1,5 +1,6 @@
 // kelvo preview render: the swatch reaches the file, the report names the engine, and bad
-// requests fail with our own messages.
+// requests fail with our own messages; several swatches share a sheet, a failing one shows
+// its placeholder, and Ctrl-C keeps what was rendered.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -38,6 +39,61 @@ TEST(PreviewCommandTest, RendersASwatchWithAReportAndRefusesBadRequests) {
               Failed("Illegal argument: colour must be an array of 3 numbers."));
     EXPECT_EQ(
         Kelvo("preview render --material '{\"ies\":\"/nonexistent.ies\"}' -o /dev/null").status, 1);
+}
+
+TEST(PreviewCommandTest, SwatchesShareASheetWhereAFailingOneShowsItsPlaceholderAndNamesItsFile) {
+    const std::string stem =
+        (fs::temp_directory_path() / ("kelvo_sheet_" + std::to_string(::getpid()))).string();
+    ToolRun run = Shell(Tool(
+        "preview render --material '{\"model\":\"ggxbrdf\"}' "
+        "--material '{\"space\":\"net.kelvo.nodespace.none\"}' "
+        "--material '{\"ies\":\"/nonexistent/spot.ies\"}' "
+        "--material '{\"model\":\"wardbrdf\"}' --priority 4 --size 12 --iterations 3 --json -o " +
+        stem + ".png 2>" + stem + ".err"));
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(PngSize(stem + ".png"), (std::pair<uint32_t, uint32_t>(24, 24)));
+    std::ifstream errors(stem + ".err");
+    const std::string err((std::istreambuf_iterator<char>(errors)), {});
+    fs::remove(stem + ".png");
+    fs::remove(stem + ".err");
+    EXPECT_NE(err.find("kelvo: swatch 3 (lambertbrdf): "), std::string::npos) << err;
+    nlohmann::json report = nlohmann::json::parse(run.out);
+    const auto& swatches = report["swatches"];
+    ASSERT_EQ(swatches.size(), 4u);
+    EXPECT_EQ(swatches[1]["placeholder"], "net.kelvo.nodes.previewimageplaceholder.nospace");
+    EXPECT_EQ(swatches[1]["error"],
+              "Illegal argument: Node space net.kelvo.nodespace.none not found.");
+    EXPECT_EQ(swatches[2]["placeholder"], "net.kelvo.nodes.previewimageplaceholder.error");
+    EXPECT_NE(swatches[2]["error"].get<std::string>().find("/nonexistent/spot.ies"),
+              std::string::npos);
+    for (int i : {0, 3}) {
+        EXPECT_EQ(swatches[i]["iterations"], 3);
+        EXPECT_GE(swatches[i]["finalImageSeconds"].get<double>(),
+                  swatches[i]["firstImageSeconds"].get<double>());
+    }
+    EXPECT_EQ(report["failed"], 2);
+
+    EXPECT_EQ(Kelvo("preview render --priority 2 -o /dev/null"),
+              Failed("Illegal argument: --priority must be a swatch number from 1 to 1."));
+    EXPECT_EQ(Kelvo("preview render --iterations 0 -o /dev/null"),
+              Failed("Illegal argument: --iterations must be an integer from 1 to 1048576."));
+}
+
+TEST(PreviewCommandTest, CtrlCReleasesThePreviewsAndWritesTheImagesSoFar) {
+    const std::string exr =
+        (fs::temp_directory_path() / ("kelvo_cancel_" + std::to_string(::getpid()) + ".exr"))
+            .string();
+    ToolRun run = Shell("cd / && timeout --preserve-status -s INT 1.5 " + std::string(KELVO_TOOL) +
+                        " preview render --material '{}' --material '{\"model\":\"ggxbrdf\"}' "
+                        "--size 16 --iterations 1000000 --json -o " +
+                        exr + " 2>/dev/null");
+    EXPECT_EQ(run.status, 130);
+    nlohmann::json report = nlohmann::json::parse(run.out);
+    EXPECT_EQ(report["cancelled"], true);
+    EXPECT_GT(report["swatches"][0]["iterations"].get<int64_t>(), 0);
+    EXPECT_TRUE(report["swatches"][0]["finalImageSeconds"].is_null());
+    EXPECT_TRUE(fs::exists(exr));
+    fs::remove(exr);
 }
 
 }  // namespace

@@ -194,6 +194,50 @@ TEST_F(PreviewPipelineTest, APrioritySwatchPreemptsTheRunningOneWhichResumesWher
     ExpectImage(p.last, Direct(kLambert, 2));
 }
 
+TEST_F(PreviewPipelineTest, TheLegacySpaceDerivesFromTheBaseAndConfiguresRequestsThatRender) {
+    auto helpers = CreateComponent<NodeSpaceHelpersInterface>();
+    ASSERT_TRUE(helpers.Ok());
+    auto space = (*helpers)->FindNodeSpace(kLegacyMaterialNodeSpace);
+    ASSERT_TRUE(space.Ok()) << space.GetError().Message();
+    StrongRef<const DataDictionary> description = (*space)->GetDescription();
+    ASSERT_TRUE(description);
+    EXPECT_EQ(description->Get<std::string>(NODESPACE::SPACENAME), "Legacy materials");
+    EXPECT_EQ(description->Get<Id>(NODESPACE::SPACEID), kLegacyMaterialNodeSpace);
+    // The base applied the exchange fallback.
+    EXPECT_EQ(description->Get<Id>(NODESPACE::MATERIALEXCHANGECLASS),
+              kMaterialExchangeDefaultClass);
+    const Data* f = description->Find(NODESPACE::CONFIGUREPREVIEWIMAGEREQUESTFUNC);
+    ASSERT_TRUE(f && f->Get<StrongRef<Object>>());
+    auto configure = Query<ConfigurePreviewImageRequestInterface>(*f->Get<StrongRef<Object>>());
+    ASSERT_TRUE(configure);
+
+    DataDictionary material, request;
+    EXPECT_EQ(configure->Configure(material, request).GetError().Message(),
+              "Illegal argument: The material has no net.kelvo.preview.material.json.");
+    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::JSON, std::string(kGgx)).Ok());
+    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::SCENE, std::string("cube")).Ok());
+    ASSERT_TRUE(configure->Configure(material, request).Ok());
+    EXPECT_EQ(request.Get<std::string>(REQUEST::SUBJECT), kGgx);
+    EXPECT_EQ(request.Get<Id>(REQUEST::PROVIDER), kPreviewImageProviderClass);
+    EXPECT_EQ(request.Get<std::string>(REQUEST::SCENETYPE), "cube");
+    EXPECT_EQ(request.Get<int64_t>(REQUEST::ITERATIONCOUNT), 16);
+
+    // A request of the caller's own (size, count, callback) keeps them; the space adds the rest.
+    host::SetDeterministicJobs(true);
+    ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    Swatch a;
+    auto ra = Request("a", "", 2, a);
+    DataDictionary& data = *ra->GetData();
+    (void)data.Set(REQUEST::SUBJECT, int64_t(0));
+    (void)data.Set(REQUEST::PROVIDER, int64_t(0));
+    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::SCENE, std::string("sphere")).Ok());
+    ASSERT_TRUE(configure->Configure(material, data).Ok());
+    ASSERT_TRUE(ra->Submit().Ok());
+    host::RunPendingJobs();
+    EXPECT_EQ(journal.order, "a:0 a:1");
+    ExpectImage(a.last, Direct(kGgx, 2));
+}
+
 TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTextureEndsOnlyItsSwatch) {
     Swatch s;
     struct Case {

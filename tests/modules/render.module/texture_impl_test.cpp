@@ -102,7 +102,8 @@ void CheckPyramids(PixelFormat format, int64_t w, int64_t h) {
 }
 
 TEST(TextureImplTest, LevelsMatchAPlainReferenceForEveryStorageType) {
-    const std::pair<int64_t, int64_t> sizes[] = {{1, 1}, {1, 7}, {6, 1}, {5, 3}, {9, 6}, {4, 11}};
+    const std::pair<int64_t, int64_t> sizes[] = {{1, 1}, {1, 7},  {6, 1},  {5, 3},
+                                                 {9, 6}, {4, 11}, {37, 10}};
     for (auto [w, h] : sizes) {
         for (PixelFormat f : {kPixelGrey8, kPixelRgb8, kPixelRgba8})
             CheckPyramids<uint8_t>(f, w, h);

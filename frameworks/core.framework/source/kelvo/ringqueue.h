@@ -75,9 +75,9 @@ private:
         T* fresh = static_cast<T*>(Allocate(capacity * sizeof(T), alignof(T)));
         if (!fresh) return Error::OutOfMemory();
         for (size_t i = 0; i < _size; ++i) {
-            T& from = _items[(_head + i) & (_capacity - 1)];
-            new (&fresh[i]) T(std::move(from));
-            from.~T();
+            T* from = &_items[(_head + i) & (_capacity - 1)];
+            new (&fresh[i]) T(std::move(*from));
+            from->~T();
         }
         Free(_items);
         _items = fresh;

@@ -158,7 +158,7 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
         KELVO_ASSIGN_OR_RETURN(auto input, OpenInputStream(light.ies));
         KELVO_ASSIGN_OR_RETURN(_profile, CreateComponent<IesInterface>());
         if (auto ok = _profile->Init(input); !ok) {
-            Error e = ok.GetError();
+            const Error& e = ok.GetError();
             return Error(e.Kind(), e.Location(), e.Message(), light.ies.ToString());
         }
     }

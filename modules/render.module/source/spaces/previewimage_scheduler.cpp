@@ -105,11 +105,11 @@ Result<StrongRef<PreviewImageSubscription>> PreviewImageScheduler::Submit(
     if (!Instance()) return NoScheduler();
     KELVO_ASSIGN_OR_RETURN(StrongRef<PreviewImageSchedulerEntry> entry,
                            PreviewImageSchedulerEntry::Create(request));
-    return SubmitEntry(std::move(entry), priority);
+    return SubmitEntry(entry, priority);
 }
 
 Result<StrongRef<PreviewImageSubscription>> PreviewImageScheduler::SubmitEntry(
-    StrongRef<PreviewImageSchedulerEntry> entry, bool priority) {
+    const StrongRef<PreviewImageSchedulerEntry>& entry, bool priority) {
     StrongRef<PreviewImageScheduler> self = Instance();
     if (!self) return NoScheduler();
     const uint64_t id = entry->GetId();

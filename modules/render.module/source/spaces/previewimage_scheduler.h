@@ -63,7 +63,7 @@ public:
     static Result<StrongRef<PreviewImageSubscription>> Submit(const DataDictionary& request,
                                                               bool priority);
     static Result<StrongRef<PreviewImageSubscription>> SubmitEntry(
-        StrongRef<PreviewImageSchedulerEntry> entry, bool priority);
+        const StrongRef<PreviewImageSchedulerEntry>& entry, bool priority);
     // One iteration job of the task has ended.
     static void Finish(uint64_t id, bool requeue, bool quiet);
     // The task's subscription was released.

@@ -2,6 +2,8 @@
 
 #include "bsdf_test_util.h"
 #include "host.h"
+#include "kelvo/legacy_renderers/legacystate.h"
+#include "kelvo/legacy_renderers/microfacetdistribution.h"
 #include "kelvo/selftest.h"
 #include "legacy_renderers/bsdf_selftest.h"
 #include "legacy_renderers/microfacet_distribution.h"
@@ -247,6 +249,53 @@ TEST(BsdfSelfTestTest, HostRunnerRunsBothTests) {
     EXPECT_TRUE(outcomes[0].passed) << outcomes[0].error;
     EXPECT_TRUE(outcomes[1].speed);
     EXPECT_NE(outcomes[1].report.find("ComputeBSDF"), std::string::npos);
+}
+
+// The state an object shows (LegacyStateInterface) depends on its last Init alone: Reset
+// gives back the fresh state, and an earlier update leaves nothing behind that a later
+// one skips (the skip test of the distributions, stale table pointers or offsets).
+TEST(LegacyStateTest, ResetRestoresTheFreshStateAndUpdatesForgetTheirHistory) {
+    using Fields = std::vector<std::pair<std::string, Data>>;
+    auto state = [](const StrongRef<Object>& o) {
+        Fields fields;
+        auto s = Query<LegacyStateInterface>(o);
+        EXPECT_TRUE(s);
+        if (s) s->VisitState([&](std::string_view n, const Data& v) { fields.emplace_back(n, v); });
+        return fields;
+    };
+    auto caches = MakeCaches();
+    DataDictionary a = Glossy(0.4), b = Record(0.05, caches.get());
+    SetAll(a, bsdfdata::kAnisotropy, 0.3, bsdfdata::kRotation, 0.2, bsdfdata::kOrenNayarSigma, 0.5,
+           bsdfdata::kBlurryExponent, 20.0, bsdfdata::kWarpDiffuse, 0.1);
+    SetAll(b, bsdfdata::kAnisotropy, -0.7, bsdfdata::kOrenNayarSigma, 2.0,
+           bsdfdata::kBlurryExponent, 3.0, bsdfdata::kCurveMode, true, bsdfdata::kWarpDiffuse, 0.6);
+    int withFields = 0;
+    for (const EntryRecord* e : RegistryMembers(kBsdfLegacyClassesRegistry)) {
+        auto m = *CreateClass<BSDFLegacyInterface>(e->GetId());
+        const Fields fresh = state(m);
+        withFields += !fresh.empty();
+        ASSERT_TRUE(m->Init(a).Ok());
+        const Fields once = state(m);
+        m->Reset();
+        EXPECT_EQ(state(m), fresh) << e->GetId().Text();
+        ASSERT_TRUE(m->Init(b).Ok());
+        ASSERT_TRUE(m->Init(a).Ok());
+        EXPECT_EQ(state(m), once) << e->GetId().Text();
+    }
+    EXPECT_GE(withFields, 13);
+    for (const char* kind : kKinds) {
+        auto id =
+            *Id::FromText(std::string("net.kelvo.render.microfacetdistributionclass.") + kind);
+        auto fresh = *CreateClass<MicrofacetDistributionInterface>(id);
+        auto d = *CreateClass<MicrofacetDistributionInterface>(id);
+        const Fields before = state(fresh);
+        EXPECT_FALSE(before.empty()) << kind;
+        ASSERT_TRUE(fresh->Update(a).Ok());
+        ASSERT_TRUE(d->Update(b).Ok());
+        EXPECT_NE(state(d), before) << kind;
+        ASSERT_TRUE(d->Update(a).Ok());
+        EXPECT_EQ(state(d), state(fresh)) << kind;
+    }
 }
 
 }  // namespace

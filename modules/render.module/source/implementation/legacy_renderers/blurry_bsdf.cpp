@@ -99,6 +99,14 @@ public:
         return Lobe(c) * 4.0 * kInvPi;
     }
 
+    void VisitState(const LegacyStateVisitor& field) const override {
+        field("_exponent", _exponent);
+        field("_samplingExponent", _samplingExponent);
+        field("_table", _table != nullptr);
+        field("_densityRow", _densityRow);
+        field("_samplingRow", _samplingRow);
+    }
+
     double ComputeMIPAngle(double angle) override {
         if (_samplingExponent < 1e-10) return angle;
         return std::min(std::pow(0.5, _samplingExponent), angle);
@@ -129,6 +137,18 @@ public:
         _mirrorMode = data.Get<bool>(bsdfdata::kMirrorMode, false);
         _curveMode = data.Get<bool>(bsdfdata::kCurveMode, false);
         return OK();
+    }
+    void VisitState(const LegacyStateVisitor& field) const override {
+        field("_exponent", _exponent);
+        field("_curvePower", _curvePower);
+        field("_angleScale", _angleScale);
+        field("_curveExponent", _curveExponent);
+        field("_curveFactor", _curveFactor);
+        field("_angleSlope", _angleSlope);
+        field("_angleOffset", _angleOffset);
+        field("_cosineThreshold", _cosineThreshold);
+        field("_mirrorMode", _mirrorMode);
+        field("_curveMode", _curveMode);
     }
     void Reset() override {
         _exponent = _curvePower = _angleScale = _curveExponent = 0.0;

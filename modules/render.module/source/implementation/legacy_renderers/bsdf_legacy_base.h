@@ -4,11 +4,14 @@
 
 #include "distribution_table.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
+#include "kelvo/legacy_renderers/legacystate.h"
 
 namespace kelvo::legacy {
 
-class BsdfLegacyBase : public Implements<BSDFLegacyInterface> {
+class BsdfLegacyBase : public Implements<BSDFLegacyInterface, LegacyStateInterface> {
 public:
+    // Models without derived fields list none.
+    void VisitState(const LegacyStateVisitor& /*field*/) const override {}
     Result<void> Init(const DataDictionary& data) override {
         Reset();
         return Update(data);

@@ -59,6 +59,15 @@ public:
     }
     // The fresh state is that of an empty record: sigma 0, the Lambert limit.
     void Reset() override { (void)Update(DataDictionary{}); }
+    void VisitState(const LegacyStateVisitor& field) const override {
+        field("_sigmaSquared", _sigmaSquared);
+        field("_coefA", _coefA);
+        field("_coefB", _coefB);
+        field("_c3Factor", _c3Factor);
+        field("_coefC1", _coefC1);
+        field("_interreflection", _interreflection);
+        field("_useSimpleModel", _useSimpleModel);
+    }
 
     Col3 SampleF(const Vec3& wo, const float* sample, Vec3& wi, double& density) override {
         wi = CosineSampledDirection(sample);

@@ -29,6 +29,12 @@ public:
         }
         return _pattern.SetPattern(name, data.Get<Vec2>(bsdfdata::kClothRepeat, Vec2{1.0, 1.0}));
     }
+    void VisitState(const LegacyStateVisitor& field) const override {
+        field("_warpDiffuse", _warpDiffuse);
+        field("_warpSpecular", _warpSpecular);
+        field("_weftDiffuse", _weftDiffuse);
+        field("_weftSpecular", _weftSpecular);
+    }
     void Reset() override {
         _pattern.Clear();
         _warpDiffuse = _warpSpecular = _weftDiffuse = _weftSpecular = 0.0;

@@ -30,6 +30,11 @@ public:
         _iorOut = 1.0;
         _iorIn = 1.0;
     }
+    void VisitState(const LegacyStateVisitor& field) const override {
+        _dist.Visit(field);
+        field("_iorOut", _iorOut);
+        field("_iorIn", _iorIn);
+    }
     // The distribution's own lobe width.
     double ComputeMIPAngle(double angle) override { return std::min(_dist._lobeCosine, angle); }
 

@@ -15,6 +15,7 @@
 #include "kelvo/data.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
+#include "kelvo/legacy_renderers/legacystate.h"
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/result.h"
 #include "kelvo/vec.h"
@@ -70,6 +71,18 @@ public:
     double _cubedRoughness = -1.0;  // -1 makes the first update compute
     double _alpha = 0.0;            // the width; the exponent e for Phong
     double _alphaSquared = 0.0;
+
+    // The fields by member name, in declaration order (LegacyStateInterface).
+    void Visit(const LegacyStateVisitor& field) const {
+        field("_table", _table != nullptr);
+        field("_roughness", _roughness);
+        field("_lobeCosine", _lobeCosine);
+        field("_dOffset", _dOffset);
+        field("_sOffset", _sOffset);
+        field("_cubedRoughness", _cubedRoughness);
+        field("_alpha", _alpha);
+        field("_alphaSquared", _alphaSquared);
+    }
 
     static constexpr Id TableKey() {
         return KIND == DISTRIBUTIONKIND_BECKMANN ? bsdfdata::kBeckmannTable
@@ -279,6 +292,22 @@ public:
     double _densityNorm = 0.0;
     bool _isAnisotropic = false;
     bool _updated = false;
+
+    void Visit(const LegacyStateVisitor& field) const {
+        field("_table", _table != nullptr);
+        field("_roughness", _roughness);
+        field("_lobeCosine", _lobeCosine);
+        field("_anisotropy", _anisotropy);
+        field("_rotation", _rotation);
+        field("_rotationSin", _rotationSin);
+        field("_rotationCos", _rotationCos);
+        field("_exponentU", _exponentU);
+        field("_exponentV", _exponentV);
+        field("_aspect", _aspect);
+        field("_pdfNorm", _pdfNorm);
+        field("_densityNorm", _densityNorm);
+        field("_isAnisotropic", _isAnisotropic);
+    }
 
     Result<void> Update(const DataDictionary& data) {
         double r = ReadRoughness(data);

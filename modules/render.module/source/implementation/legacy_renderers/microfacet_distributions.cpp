@@ -1,5 +1,6 @@
 // The five distributions as registered classes, so that programs reach them by id.
 #include "kelvo/entry.h"
+#include "kelvo/legacy_renderers/legacystate.h"
 #include "kelvo/legacy_renderers/microfacetdistribution.h"
 #include "microfacet_distribution.h"
 
@@ -7,8 +8,10 @@ namespace kelvo::legacy {
 namespace {
 
 template <typename Dist>
-class MicrofacetDistributionImpl final : public Implements<MicrofacetDistributionInterface> {
+class MicrofacetDistributionImpl final
+    : public Implements<MicrofacetDistributionInterface, LegacyStateInterface> {
 public:
+    void VisitState(const LegacyStateVisitor& field) const override { _dist.Visit(field); }
     Result<void> Update(const DataDictionary& data) override { return _dist.Update(data); }
     double D(const Vec3& h, bool useTable, double& samplingDensity) const override {
         return _dist.D(h, useTable, samplingDensity);
