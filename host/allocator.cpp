@@ -41,6 +41,7 @@ void FailNthAllocation(int64_t n) {
     g_failAll.store(false);
     g_countdown.store(n > 0 ? n : 0);
 }
+bool AllocationFailurePending() { return g_countdown.load() > 0; }
 void FailAllAllocations() { g_failAll.store(true); }
 int64_t LiveAllocations() { return g_live.load(); }
 

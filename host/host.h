@@ -98,6 +98,9 @@ private:
 // --- Allocation ----------------------------------------------------------------------------
 // Makes the n-th framework allocation from now (1 = the next) fail; 0 disarms.
 void FailNthAllocation(int64_t n);
+// Whether the failure FailNthAllocation armed is still to come: a call that succeeds while
+// this is false went on past a failed allocation.
+bool AllocationFailurePending();
 // Every framework allocation from now fails until disarmed with FailNthAllocation(0).
 void FailAllAllocations();
 // Framework allocations not yet freed.

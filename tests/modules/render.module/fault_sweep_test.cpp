@@ -8,6 +8,8 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "host.h"
 #include "kelvo/assetmanagement.h"
@@ -207,8 +209,11 @@ TEST(FaultSweepTest, EveryRegisteredClassSurvivesEveryFailedAllocation) {
                     run = object.GetError();
                 else if (ops)
                     run = (*ops)(*object);
+                const bool failedNone = host::AllocationFailurePending();
                 host::FailNthAllocation(0);
                 done = run.Ok();
+                // A run that succeeds past a failed allocation hid the shortage.
+                EXPECT_TRUE(!done || failedNone) << e->GetId().Text() << " n=" << n;
                 if (!done) {
                     ASSERT_EQ(run.GetError().Message(), "Out of memory.")
                         << e->GetId().Text() << " n=" << n;
@@ -224,6 +229,89 @@ TEST(FaultSweepTest, EveryRegisteredClassSurvivesEveryFailedAllocation) {
         }
     }
     EXPECT_GT(swept, 30);
+}
+
+// The texture builds of every storage type, each pyramid on its own: allocation n fails
+// until the build succeeds without reaching it. Each failure is "Out of memory." and leaves
+// the pyramid unbuilt,
+// a retry on the same texture builds it with the texels of an undisturbed build, and
+// releasing the texture leaves nothing allocated.
+TEST(FaultSweepTest, TextureBuildsSurviveEveryFailedAllocation) {
+    auto picture = [](PixelFormat format) -> Result<StrongRef<ImageInterface>> {
+        // Odd sides: the halving steps replicate edges, the rip grid is not square.
+        constexpr int64_t kW = 7, kH = 5;
+        KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(kW, kH));
+        KELVO_ASSIGN_OR_RETURN(auto layer, CreateImageLayer(kW, kH, format, COLORPROFILE::LINEAR));
+        KELVO_ASSIGN_OR_RETURN(auto set,
+                               layer->SetPixelHandler(kPixelRgba32f, COLORPROFILE::LINEAR));
+        std::vector<float> row(4 * kW);
+        for (int64_t y = 0; y < kH; ++y) {
+            for (size_t i = 0; i < row.size(); ++i)
+                row[i] = float((i * 7 + size_t(y) * 13) % 17) / 16.0f;
+            KELVO_TRY(set->SetPixels(0, y, kW, row.data()));
+        }
+        KELVO_TRY(image->AddLayer(layer));
+        return image;
+    };
+    // Every view of a pyramid as bytes.
+    auto texels = [](const TextureInterface& t, TEXTUREPYRAMID pyramid) {
+        std::string bytes;
+        auto add = [&](const TextureLevelView& v) {
+            static constexpr size_t kSize[] = {1, 2, 4, 4, 8};
+            bytes.append(static_cast<const char*>(v.pixels),
+                         size_t(v.width * v.height * v.channels) * kSize[size_t(v.type)]);
+        };
+        if (pyramid == TEXTUREPYRAMID::MIPMAP)
+            for (int l = 0; l < t.GetMipLevelCount(); ++l) add(t.GetMipLevel(l));
+        else if (pyramid == TEXTUREPYRAMID::RIPMAP)
+            for (int x = 0; x < t.GetRipLevelCountX(); ++x)
+                for (int y = 0; y < t.GetRipLevelCountY(); ++y) add(t.GetRipLevel(x, y));
+        else
+            add(t.GetSummedArea());
+        return bytes;
+    };
+    int swept = 0;
+    for (uint8_t channels : {3, 4})
+        for (CHANNELTYPE type : {CHANNELTYPE::UINT8, CHANNELTYPE::UINT16, CHANNELTYPE::FLOAT32}) {
+            auto image = picture(PixelFormat{channels, type});
+            ASSERT_TRUE(image.Ok()) << image.GetError().Message();
+            for (auto pyramid :
+                 {TEXTUREPYRAMID::MIPMAP, TEXTUREPYRAMID::RIPMAP, TEXTUREPYRAMID::SUMMEDAREA}) {
+                auto reference = *CreateComponent<TextureInterface>();
+                ASSERT_TRUE(reference->Init(*image, {}).Ok());
+                if (!reference->Build(pyramid)) continue;  // not offered for this storage
+                const std::string expected = texels(*reference, pyramid);
+                const std::string label = std::string(TextureStorageName(reference->GetStorage())) +
+                                          " pyramid " + std::to_string(int(pyramid));
+                ++swept;
+                for (int64_t n = 1;; ++n) {
+                    ASSERT_LT(n, 10000) << label;
+                    const int64_t before = host::LiveAllocations();
+                    bool done = false;
+                    {
+                        auto texture = *CreateComponent<TextureInterface>();
+                        ASSERT_TRUE(texture->Init(*image, {}).Ok());
+                        host::FailNthAllocation(n);
+                        Result<void> built = texture->Build(pyramid);
+                        const bool failedNone = host::AllocationFailurePending();
+                        host::FailNthAllocation(0);
+                        done = built.Ok();
+                        // A build that succeeds past a failed allocation hid the shortage.
+                        EXPECT_TRUE(!done || failedNone) << label << " n=" << n;
+                        if (!done) {
+                            ASSERT_EQ(built.GetError().Message(), "Out of memory.")
+                                << label << " n=" << n;
+                            EXPECT_FALSE(texture->IsBuilt(pyramid)) << label << " n=" << n;
+                            ASSERT_TRUE(texture->Build(pyramid).Ok()) << label << " n=" << n;
+                        }
+                        EXPECT_EQ(texels(*texture, pyramid), expected) << label << " n=" << n;
+                    }
+                    ASSERT_EQ(host::LiveAllocations(), before) << label << " n=" << n;
+                    if (done) break;
+                }
+            }
+        }
+    EXPECT_GE(swept, 14);
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 
 #include "kelvo/data.h"
 #include "kelvo/ies.h"
+#include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/object.h"
 #include "kelvo/result.h"
 #include "kelvo/texture.h"
@@ -91,6 +92,10 @@ struct PreviewSettings {
     int threads = 0;                  // 0: every host thread
     int tileSize = 16;
     int sphereSegments = 64;  // tessellation of the curved shapes
+    // The distribution tables to share with other renderers (allocated and initialised by
+    // the caller, kept while the renderer lives); a new caches object of its own when null.
+    // Filling a new one costs a good part of a small swatch's first iteration.
+    StrongRef<MicrofacetDistributionCachesInterface> caches;
 };
 
 struct PreviewStatistics {

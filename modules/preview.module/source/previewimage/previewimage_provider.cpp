@@ -1,7 +1,9 @@
 #include "previewimage/previewimage_provider.h"
 
+#include <mutex>
 #include <string>
 
+#include "kelvo/registry.h"
 #include "previewimage/material_json.h"
 
 namespace kelvo::preview {
@@ -12,6 +14,31 @@ namespace {
 // One sample per pixel per iteration; more iterations than this is no preview.
 constexpr int64_t kMaxIterations = int64_t(1) << 20;
 constexpr int64_t kDefaultIterations = 16;
+
+// One caches object for every task alive at the same time: a sheet of swatches fills the
+// distribution tables once instead of once per swatch. Freed with the last task holding it.
+// The holder is this module's own object: the static reference to it must not reach into
+// the render module's code when this library is closed (the render module may be gone).
+struct SharedTables {
+    StrongRef<MicrofacetDistributionCachesInterface> caches;
+};
+
+Result<StrongRef<MicrofacetDistributionCachesInterface>> SharedCaches(StrongRef<void>& holder) {
+    static std::mutex lock;
+    static WeakRef<SharedTables> shared;
+    std::lock_guard guard(lock);
+    std::shared_ptr<SharedTables> tables = shared.lock();
+    if (!tables) {
+        KELVO_ASSIGN_OR_RETURN(StrongRef<MicrofacetDistributionCachesInterface> caches,
+                               CreateComponent<MicrofacetDistributionCachesInterface>());
+        KELVO_TRY(caches->Alloc());
+        caches->Init();
+        tables = std::make_shared<SharedTables>(SharedTables{std::move(caches)});
+        shared = tables;
+    }
+    holder = tables;
+    return tables->caches;
+}
 }  // namespace
 
 Result<StrongRef<PreviewImageTaskImpl>> PreviewImageTaskImpl::Create(
@@ -55,6 +82,7 @@ Result<void> PreviewImageTaskImpl::Advance(JobInterface& job) {
         if (_error || _index + 1 >= _count) return OK();
     }
     if (!_initialised) {
+        KELVO_ASSIGN_OR_RETURN(_settings.caches, SharedCaches(_sharedTables));
         KELVO_TRY(_renderer->Init(_settings, _material, _light));
         _initialised = true;
     }

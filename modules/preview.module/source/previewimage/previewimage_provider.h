@@ -37,6 +37,7 @@ private:
     PreviewMaterial _material;
     PreviewLight _light;
     int64_t _count = 0;
+    StrongRef<void> _sharedTables;  // keeps the tables shared with the other tasks
 
     mutable std::mutex _lock;  // guards what GetState and GetResult read
     StrongRef<PreviewRendererImpl> _renderer;

@@ -127,10 +127,13 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
     KELVO_TRY(_camera->Init(parameters, false));
     _fieldOfView = scene.camera.fieldOfView;
 
-    // One caches object for every model of this renderer.
-    KELVO_ASSIGN_OR_RETURN(_caches, CreateComponent<MicrofacetDistributionCachesInterface>());
-    KELVO_TRY(_caches->Alloc());
-    _caches->Init();
+    // One caches object for every model of this renderer, or the one the caller shares.
+    _caches = settings.caches;
+    if (!_caches) {
+        KELVO_ASSIGN_OR_RETURN(_caches, CreateComponent<MicrofacetDistributionCachesInterface>());
+        KELVO_TRY(_caches->Alloc());
+        _caches->Init();
+    }
     KELVO_ASSIGN_OR_RETURN(_materialData, CopyRecord(material.data, *_caches));
     KELVO_ASSIGN_OR_RETURN(_stageData, CopyRecord(nullptr, *_caches));
     {
