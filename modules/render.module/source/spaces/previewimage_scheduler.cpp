@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -18,13 +19,15 @@ namespace kelvo::nodes {
 namespace {
 
 // The process-wide instance. Never destroyed, so that a job ending during process exit
-// still finds a valid (empty) holder.
+// still finds a valid (empty) holder; it lives in static storage rather than on the heap,
+// because the module may be unloaded and loaded again (the scheduler's stop empties it).
 struct InstanceHolder {
     Spinlock lock;
     StrongRef<PreviewImageScheduler> scheduler;
 };
 InstanceHolder& Holder() {
-    static auto* holder = new InstanceHolder;
+    alignas(InstanceHolder) static unsigned char storage[sizeof(InstanceHolder)];
+    static auto* holder = new (storage) InstanceHolder;
     return *holder;
 }
 
