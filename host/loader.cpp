@@ -68,6 +68,13 @@ const ModuleLifecycle* Lifecycle(const EntryRecord* e) {
                                            : nullptr;
 }
 
+// A failed load unloads the module, so its error must not point into the module's memory
+// (its out-of-memory error and every error's source path live there).
+Error CopyOfModuleError(const Error& e) {
+    if (e.Kind() == ERRORKIND::OUTOFMEMORY) return Error::OutOfMemory();
+    return Error(e.Kind(), KELVO_HERE, e.Message(), e.Url());
+}
+
 void Stop(LoadedModule& m) {
     for (auto it = m.started.rbegin(); it != m.started.rend(); ++it)
         if ((*it)->stop) (*it)->stop();
@@ -82,7 +89,7 @@ Result<void> Start(LoadedModule& m) {
             Result<void> r = life->start();
             if (!r) {
                 Stop(m);
-                return r.GetError();
+                return CopyOfModuleError(r.GetError());
             }
         }
         m.started.push_back(life);

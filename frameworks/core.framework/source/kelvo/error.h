@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <new>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -109,9 +110,12 @@ public:
 
     // The single out-of-memory error; never allocates.
     static Error OutOfMemory() {
-        // Made once, at the first use, and never freed.
+        // Made once, at the first use, in static storage and never destroyed: a module that
+        // is unloaded and loaded again leaves nothing behind (the host copies a module's
+        // error before it unloads it).
+        alignas(Data) static unsigned char storage[sizeof(Data)];
         static Data* data =
-            new Data{{1}, ERRORKIND::OUTOFMEMORY, KELVO_HERE, "Out of memory.", {}, true};
+            new (storage) Data{{1}, ERRORKIND::OUTOFMEMORY, KELVO_HERE, "Out of memory.", {}, true};
         Error e;
         e._data = data;
         return e;
