@@ -100,6 +100,7 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status) {
     render->callback([&context, &status, o] {
         RunCommand(context, status, [&] { return RenderSwatches(*o); });
     });
+    AddPreviewSimulateCommand(*cmd, context, status);
 }
 
 }  // namespace kelvo::cli

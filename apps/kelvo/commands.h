@@ -29,6 +29,8 @@ void AddIesCommand(CLI::App& app, Context& context, int& status);
 void AddIntersectCommand(CLI::App& app, Context& context, int& status);
 void AddTextureCommand(CLI::App& app, Context& context, int& status);
 void AddPreviewCommand(CLI::App& app, Context& context, int& status);
+// kelvo preview simulate, added to the preview command group.
+void AddPreviewSimulateCommand(CLI::App& preview, Context& context, int& status);
 
 // kelvo modules --json, kelvo modules and kelvo config --json, as text.
 std::string ModulesJson();

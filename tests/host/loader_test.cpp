@@ -128,6 +128,31 @@ TEST(LoaderTest, RefusesBrokenModulesWithClearErrors) {
     EXPECT_TRUE(host::LoadedModules().empty());
 }
 
+// Start entries run in declaration order after the insertion, stop entries in reverse
+// before the removal; a module being unloaded is announced to the others first; a failing
+// start stops those started before it and unloads the module with its error.
+TEST(LoaderTest, StartAndStopEntriesRunInOrderAndAFailingStartUndoesTheLoad) {
+    using Lines = std::vector<std::string>;
+    host::CapturedDiagnostics diagnostics;
+    auto fixture = host::LoadModule(Fixture("kelvo_fixture_good"));
+    ASSERT_TRUE(fixture.Ok()) << fixture.GetError().Message();
+    EXPECT_EQ(diagnostics.Lines(), (Lines{"fixture: first started", "fixture: second started"}));
+    auto render = host::LoadModule(KELVO_RENDER_MODULE);
+    ASSERT_TRUE(render.Ok()) << render.GetError().Message();
+    host::UnloadModule(*render);
+    host::UnloadModule(*fixture);
+    EXPECT_EQ(diagnostics.Lines(), (Lines{"fixture: first started", "fixture: second started",
+                                          "fixture: net.kelvo.render unloading",
+                                          "fixture: second stopped", "fixture: first stopped"}));
+
+    host::CapturedDiagnostics failing;
+    EXPECT_EQ(host::LoadModule(Fixture("kelvo_fixture_failing_start")).GetError().Message(),
+              "Illegal state: The fixture cannot start.");
+    EXPECT_EQ(failing.Lines(), (Lines{"fixture: first started", "fixture: first stopped"}));
+    EXPECT_EQ(FindEntry(Id("net.kelvo.fixture.member")), nullptr);
+    EXPECT_TRUE(host::LoadedModules().empty());
+}
+
 // Every allocation of the insertion may fail: the load then fails with the one
 // out-of-memory error, leaves no entry and no allocation behind, and a retry loads.
 TEST(LoaderTest, LoadSurvivesEveryFailedAllocation) {
