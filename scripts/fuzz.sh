@@ -56,6 +56,8 @@ printf '%s\n' 'T{"op":"intersect","origin":[0,0,5],"direction":[0,0,-1],"tmax":1
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+# What Embree's TBB workers keep until the process ends (the JSON-lines target loads it).
+export LSAN_OPTIONS="${LSAN_OPTIONS:-suppressions=$PWD/scripts/lsan.supp}"
 for target in "${targets[@]}"; do
   case "$target" in
     ies) options=(-max_len=65536 -dict=fuzz/ies.dict); seeds=("${ies_seeds[@]}") ;;
