@@ -221,7 +221,9 @@ Result<std::vector<std::string>> WritePreviewSwatches(Context& context, const fs
     } sheets[] = {
         {"preview-models", models, "sphere", 64},
         {"preview-ies",
-         {nlohmann::json{{"colour", {0.8, 0.8, 0.8}}, {"ies", ies}}.dump()},
+         {nlohmann::json{
+             {"colour", {0.8, 0.8, 0.8}}, {"ies", ies}, {"environment", {0.05, 0.05, 0.05}}}
+              .dump()},
          "sphere",
          128},
         {"preview-textured", {nlohmann::json{{"texture", checker}}.dump()}, "sphere", 128},

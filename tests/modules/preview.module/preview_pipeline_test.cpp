@@ -1,7 +1,7 @@
 // Material swatches through the real preview pipeline: the preview module loaded as a
 // library, its legacy-material node space and provider reached by id, requests submitted to
 // the render module's scheduler. Orders are checked with the host's deterministic jobs,
-// release and unload on the real queue.
+// release and unload on the real queue, with the single-threaded Embree engine.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -28,6 +28,11 @@ host::ModuleHandle g_previewModule = nullptr;
 
 void LoadPreviewModule() {
     kelvo::testing::LoadEngineModule();
+    // The engine that builds on one thread: Embree's own build threads are not instrumented,
+    // and these tests run under the sanitizers too.
+    ASSERT_TRUE(
+        host::ConfigSet("g_polygonIntersection", "net.kelvo.render.intersectionclass.embreesingle")
+            .Ok());
     if (g_previewModule) return;
     auto module = host::LoadModule(KELVO_PREVIEW_MODULE);
     ASSERT_TRUE(module.Ok()) << module.GetError().Message();
@@ -250,6 +255,8 @@ TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTexture
         {R"({"data":{"shine":1}})", "sphere", 2,
          "Illegal argument: Unknown BSDF data key 'shine'."},
         {"[1]", "sphere", 2, "Illegal argument: The material must be a JSON object."},
+        {R"({"environment":"dark"})", "sphere", 2,
+         "Illegal argument: environment must be an array of 3 numbers."},
         {kLambert, "stage", 2,
          "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."},
         {kLambert, "sphere", 0, "Illegal argument: Invalid iteration count 0."},
@@ -278,6 +285,36 @@ TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTexture
     std::lock_guard guard(broken.lock);
     EXPECT_TRUE(broken.indices.empty());
     EXPECT_NE(broken.error.find("/nonexistent/wood.png"), std::string::npos) << broken.error;
+}
+
+TEST_F(PreviewPipelineTest, AFailedAllocationAnywhereEndsTheSwatchWithAnErrorAndNothingRepeated) {
+    host::SetDeterministicJobs(true);
+    ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    bool clean = false;
+    for (int64_t n = 1; n < 5000 && !clean; ++n) {
+        Swatch s;
+        auto r = Request("s", kGgx, 2, s);
+        host::FailNthAllocation(n);
+        Result<void> submitted = r->Submit();
+        host::RunPendingJobs();
+        host::FailNthAllocation(0);
+        r->Reset();
+        ASSERT_EQ(Stats().tasks, 0u) << n;
+        std::lock_guard guard(s.lock);
+        if (!submitted) {
+            EXPECT_EQ(submitted.GetError().Message(), "Out of memory.") << n;
+            continue;
+        }
+        // The images that did arrive came in order, each once; a failure ends the swatch.
+        for (size_t i = 0; i < s.indices.size(); ++i) ASSERT_EQ(s.indices[i], int64_t(i)) << n;
+        if (!s.error.empty()) {
+            EXPECT_EQ(s.error, "Out of memory.") << n;
+        } else {
+            ASSERT_EQ(s.indices.size(), 2u) << n;
+            clean = true;  // n lies beyond the allocations of a whole preview
+        }
+    }
+    EXPECT_TRUE(clean);
 }
 
 TEST_F(PreviewPipelineTest, ReleasingARequestStopsItWithinOneIterationAndDeliversNothingMore) {

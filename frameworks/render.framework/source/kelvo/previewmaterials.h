@@ -6,8 +6,10 @@
 // A legacy material is a dictionary holding the renderer's JSON object under
 // PREVIEWMATERIAL::JSON, for example
 //   {"model": "ggxbrdf", "data": {"roughness": 0.3}, "colour": [0.8, 0.4, 0.2],
-//    "texture": "wood.png", "textureMode": "mipmap", "ies": "spot.ies"}
-// ("model" a legacy BSDF class, by its last word or full id; every member optional).
+//    "texture": "wood.png", "textureMode": "mipmap", "ies": "spot.ies",
+//    "environment": [1, 1, 1]}
+// ("model" a legacy BSDF class, by its last word or full id; "environment" the radiance of
+// the uniform surroundings; every member optional).
 #pragma once
 
 #include "kelvo/id.h"

@@ -86,12 +86,23 @@ Result<TEXTUREMODE> ReadTextureMode(const json& v) {
     return it->second;
 }
 
-Result<void> ReadMaterialObject(const json& j, PreviewMaterial& m, PreviewLight& light) {
+Result<Col3> ReadColour(const json& c, std::string_view what) {
+    if (!c.is_array() || c.size() != 3)
+        return IllegalArgumentError(KELVO_HERE, "@ must be an array of 3 numbers.", what);
+    Col3 out;
+    KELVO_ASSIGN_OR_RETURN(out.r, ReadNumber(c[0], what));
+    KELVO_ASSIGN_OR_RETURN(out.g, ReadNumber(c[1], what));
+    KELVO_ASSIGN_OR_RETURN(out.b, ReadNumber(c[2], what));
+    return out;
+}
+
+Result<void> ReadMaterialObject(const json& j, PreviewMaterial& m, PreviewLight& light,
+                                Col3& environment) {
     if (!j.is_object())
         return IllegalArgumentError(KELVO_HERE, "The material must be a JSON object.");
     for (const auto& [key, value] : j.items())
         if (key != "model" && key != "data" && key != "colour" && key != "texture" &&
-            key != "ies" && key != "textureMode")
+            key != "ies" && key != "textureMode" && key != "environment")
             return IllegalArgumentError(KELVO_HERE, "Unknown material member '@'.", key);
     if (j.contains("model")) {
         KELVO_ASSIGN_OR_RETURN(std::string model, ReadString(j["model"], "model"));
@@ -102,12 +113,10 @@ Result<void> ReadMaterialObject(const json& j, PreviewMaterial& m, PreviewLight&
     KELVO_ASSIGN_OR_RETURN(m.data, NewObject<DataDictionary>());
     if (j.contains("data")) KELVO_TRY(ReadBsdfData(j["data"], *m.data));
     if (j.contains("colour")) {
-        const json& c = j["colour"];
-        if (!c.is_array() || c.size() != 3)
-            return IllegalArgumentError(KELVO_HERE, "colour must be an array of 3 numbers.");
-        KELVO_ASSIGN_OR_RETURN(m.colour.r, ReadNumber(c[0], "colour"));
-        KELVO_ASSIGN_OR_RETURN(m.colour.g, ReadNumber(c[1], "colour"));
-        KELVO_ASSIGN_OR_RETURN(m.colour.b, ReadNumber(c[2], "colour"));
+        KELVO_ASSIGN_OR_RETURN(m.colour, ReadColour(j["colour"], "colour"));
+    }
+    if (j.contains("environment")) {
+        KELVO_ASSIGN_OR_RETURN(environment, ReadColour(j["environment"], "environment"));
     }
     if (j.contains("texture")) {
         KELVO_ASSIGN_OR_RETURN(std::string url, ReadString(j["texture"], "texture"));
@@ -125,13 +134,13 @@ Result<void> ReadMaterialObject(const json& j, PreviewMaterial& m, PreviewLight&
 
 }  // namespace
 
-Result<void> ReadMaterialJson(std::string_view text, PreviewMaterial& material,
-                              PreviewLight& light) {
+Result<void> ReadMaterialJson(std::string_view text, PreviewMaterial& material, PreviewLight& light,
+                              Col3& environment) {
     return CatchOutOfMemory([&]() -> Result<void> {
         json j = json::parse(text, nullptr, false);
         if (j.is_discarded())
             return IllegalArgumentError(KELVO_HERE, "The material must be a JSON object.");
-        return ReadMaterialObject(j, material, light);
+        return ReadMaterialObject(j, material, light, environment);
     });
 }
 

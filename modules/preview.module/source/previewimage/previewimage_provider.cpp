@@ -47,7 +47,7 @@ Result<StrongRef<PreviewImageTaskImpl>> PreviewImageTaskImpl::Create(
     const Data* subject = request.Find(nodes::PREVIEWIMAGEREQUEST::SUBJECT);
     const std::string* json = subject ? subject->Get<std::string>() : nullptr;
     if (!json) return IllegalArgumentError(KELVO_HERE, "The preview request has no material.");
-    KELVO_TRY(ReadMaterialJson(*json, task->_material, task->_light));
+    KELVO_TRY(ReadMaterialJson(*json, task->_material, task->_light, task->_settings.environment));
 
     const std::string scene = request.Get<std::string>(
         nodes::PREVIEWIMAGEREQUEST::SCENETYPE, std::string(PreviewSceneName(PREVIEWSCENE::SPHERE)));
