@@ -20,6 +20,6 @@ skip=()
 # distribution, so the sanitizers cannot see their synchronisation: tests that build
 # scenes with it run in the default build only. The concurrent-query test (single-threaded
 # engine) stays in.
-engine='IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest'
+engine='IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest|PreviewPipelineTest'
 case "$preset" in asan|tsan) skip=(-LE heavy -E "$engine") ;; esac
 ctest --test-dir "$dir" --output-on-failure -j2 "${skip[@]}"

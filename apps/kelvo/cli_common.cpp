@@ -288,11 +288,18 @@ private:
 };
 }  // namespace
 
+namespace {
+std::istream* g_requestsOverride = nullptr;
+}
+
 std::istream& StandardInput() {
+    if (g_requestsOverride) return *g_requestsOverride;
     static DescriptorInput buffer(STDIN_FILENO);
     static std::istream in(&buffer);
     return in;
 }
+
+void SetStandardInput(std::istream* in) { g_requestsOverride = in; }
 
 // --- Writing files ---------------------------------------------------------------------------
 

@@ -148,6 +148,9 @@ Result<int> RunJsonLines(std::istream& in, std::ostream& out, const JsonLineHand
 // The process's stdin as a stream whose read errors (say, stdin is a folder) reach
 // RunJsonLines as errors rather than as an early end of input.
 std::istream& StandardInput();
+// Makes StandardInput return `in` (null: stdin again), so that a program can run the
+// commands in-process on requests of its own (the JSON-lines fuzzer). Not thread-safe.
+void SetStandardInput(std::istream* in);
 
 // --- Writing files ---------------------------------------------------------------------------
 
