@@ -62,7 +62,9 @@ for target in "${targets[@]}"; do
   case "$target" in
     ies) options=(-max_len=65536 -dict=fuzz/ies.dict); seeds=("${ies_seeds[@]}") ;;
     image) options=(-max_len=65536); seeds=("$image_seeds" tests/data/ies) ;;
-    jsonl) options=(-max_len=4096 -dict=fuzz/jsonl.dict); seeds=("$jsonl_seeds") ;;
+    # LeakSanitizer's thread stopper has crashed mid-run beside Embree's worker threads
+    # (a tool fault, on no input); leaks are still checked when the process ends.
+    jsonl) options=(-max_len=4096 -dict=fuzz/jsonl.dict -detect_leaks=0); seeds=("$jsonl_seeds") ;;
     *) echo "fuzz: unknown target '$target' (ies, image, jsonl)" >&2; exit 2 ;;
   esac
   corpus=build-fuzz/fuzz-corpus/$target
