@@ -225,7 +225,8 @@ struct PowerPlan {
 };
 
 // The bracket [k0, k0 + 1] of a key as IntensityAt finds it (k0 + 1 clamped to n - 1).
-[[gnu::always_inline]] inline size_t Bracket(const detail::BracketIndex& index, size_t n, double key) {
+[[gnu::always_inline]] inline size_t Bracket(const detail::BracketIndex& index, size_t n,
+                                             double key) {
     if (n < 2) return 0;
     const size_t j = index.Find(key);
     return (j == n ? n - 1 : j) - 1;
