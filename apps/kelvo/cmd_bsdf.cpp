@@ -9,55 +9,13 @@
 #include "cli_common.h"
 #include "commands.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
-#include "kelvo/legacy_renderers/bsdfdata.h"
+#include "kelvo/legacy_renderers/bsdfdata_json.h"
 #include "kelvo/legacy_renderers/legacystate.h"
 #include "kelvo/legacy_renderers/microfacetdistribution.h"
 #include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/registry.h"
 
 namespace kelvo::cli {
-
-Result<void> ReadBsdfData(const nlohmann::json& data, DataDictionary& record) {
-    if (!data.is_object()) return IllegalArgumentError(KELVO_HERE, "data must be an object.");
-    for (const auto& [name, value] : data.items()) {
-        const bsdfdata::KeyInfo* info = nullptr;
-        for (const auto& k : bsdfdata::kKeys) {
-            std::string_view id = k.key.Text();
-            if (id == name || id.substr(id.rfind('.') + 1) == name) info = &k;
-        }
-        if (!info) return IllegalArgumentError(KELVO_HERE, "Unknown BSDF data key '@'.", name);
-        switch (info->type) {
-            case bsdfdata::KEYTYPE::DOUBLE: {
-                KELVO_ASSIGN_OR_RETURN(double v, ReadNumber(value, name));
-                KELVO_TRY(record.Set(info->key, v));
-                break;
-            }
-            case bsdfdata::KEYTYPE::INT: {
-                KELVO_ASSIGN_OR_RETURN(int64_t v, ReadInteger(value, name));
-                KELVO_TRY(record.Set(info->key, v));
-                break;
-            }
-            case bsdfdata::KEYTYPE::BOOL: {
-                KELVO_ASSIGN_OR_RETURN(bool v, ReadBool(value, name));
-                KELVO_TRY(record.Set(info->key, v));
-                break;
-            }
-            case bsdfdata::KEYTYPE::STRING: {
-                KELVO_ASSIGN_OR_RETURN(std::string v, ReadString(value, name));
-                KELVO_TRY(record.Set(info->key, v));
-                break;
-            }
-            case bsdfdata::KEYTYPE::VEC2: {
-                KELVO_ASSIGN_OR_RETURN(Vec2 v, ReadVec2(value, name));
-                KELVO_TRY(record.Set(info->key, v));
-                break;
-            }
-            case bsdfdata::KEYTYPE::TABLE:
-                return IllegalArgumentError(KELVO_HERE, "@ is set by \"caches\": true.", name);
-        }
-    }
-    return OK();
-}
 
 namespace {
 using nlohmann::json;
@@ -149,7 +107,9 @@ Result<DataDictionary> BsdfSession::ReadRecord(const json& request) {
         KELVO_TRY(record.Set(bsdfdata::kBlurryDensityRow, 2000 * level));
         KELVO_TRY(record.Set(bsdfdata::kBlurrySamplingRow, 1000 * level));
     }
-    if (request.contains("data")) KELVO_TRY(ReadBsdfData(request["data"], record));
+    if (request.contains("data"))
+        KELVO_TRY(bsdfdata::ReadJson(request["data"], record, ReadNumber,
+                                     "@ is set by \"caches\": true."));
     return record;
 }
 

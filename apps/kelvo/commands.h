@@ -47,10 +47,6 @@ Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::st
 Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output,
                              int64_t size);
 
-// The members of a "data" object into a BSDF data record, by key (the suffix after
-// "net.kelvo.render.bsdfdata." or the whole id). Tables are never read from text.
-Result<void> ReadBsdfData(const nlohmann::json& data, DataDictionary& record);
-
 // The sheet of all fifteen legacy models (5 rows x 3 columns of lobe tiles, wo at 45
 // degrees), written to folder/"bsdf-sheet.png" with its legend in folder/"bsdf-sheet.txt".
 // Returns the file names written.

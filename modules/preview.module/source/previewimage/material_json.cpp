@@ -4,7 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "kelvo/legacy_renderers/bsdfdata.h"
+#include "kelvo/legacy_renderers/bsdfdata_json.h"
 
 namespace kelvo::preview {
 namespace {
@@ -19,54 +19,6 @@ Result<double> ReadNumber(const json& v, std::string_view what) {
 Result<std::string> ReadString(const json& v, std::string_view what) {
     if (!v.is_string()) return IllegalArgumentError(KELVO_HERE, "@ must be a string.", what);
     return v.get<std::string>();
-}
-
-Result<void> ReadBsdfData(const json& data, DataDictionary& record) {
-    if (!data.is_object()) return IllegalArgumentError(KELVO_HERE, "data must be an object.");
-    for (const auto& [name, value] : data.items()) {
-        const bsdfdata::KeyInfo* info = nullptr;
-        for (const auto& k : bsdfdata::kKeys) {
-            std::string_view id = k.key.Text();
-            if (id == name || id.substr(id.rfind('.') + 1) == name) info = &k;
-        }
-        if (!info) return IllegalArgumentError(KELVO_HERE, "Unknown BSDF data key '@'.", name);
-        switch (info->type) {
-            case bsdfdata::KEYTYPE::DOUBLE: {
-                KELVO_ASSIGN_OR_RETURN(double v, ReadNumber(value, name));
-                KELVO_TRY(record.Set(info->key, v));
-                break;
-            }
-            case bsdfdata::KEYTYPE::INT:
-                // Whole numbers only: nothing is rounded.
-                if (!value.is_number_integer())
-                    return IllegalArgumentError(KELVO_HERE, "@ must be an integer.", name);
-                KELVO_TRY(record.Set(info->key, value.get<int64_t>()));
-                break;
-            case bsdfdata::KEYTYPE::BOOL:
-                if (!value.is_boolean())
-                    return IllegalArgumentError(KELVO_HERE, "@ must be true or false.", name);
-                KELVO_TRY(record.Set(info->key, value.get<bool>()));
-                break;
-            case bsdfdata::KEYTYPE::STRING: {
-                KELVO_ASSIGN_OR_RETURN(std::string v, ReadString(value, name));
-                KELVO_TRY(record.Set(info->key, v));
-                break;
-            }
-            case bsdfdata::KEYTYPE::VEC2: {
-                if (!value.is_array() || value.size() != 2)
-                    return IllegalArgumentError(KELVO_HERE, "@ must be an array of 2 numbers.",
-                                                name);
-                KELVO_ASSIGN_OR_RETURN(double x, ReadNumber(value[0], name));
-                KELVO_ASSIGN_OR_RETURN(double y, ReadNumber(value[1], name));
-                KELVO_TRY(record.Set(info->key, Vec2{x, y}));
-                break;
-            }
-            case bsdfdata::KEYTYPE::TABLE:
-                // The renderer adds the distribution tables itself.
-                return IllegalArgumentError(KELVO_HERE, "Unknown BSDF data key '@'.", name);
-        }
-    }
-    return OK();
 }
 
 Result<TEXTUREMODE> ReadTextureMode(const json& v) {
@@ -111,7 +63,8 @@ Result<void> ReadMaterialObject(const json& j, PreviewMaterial& m, PreviewLight&
         KELVO_ASSIGN_OR_RETURN(m.model, Id::FromText(model));
     }
     KELVO_ASSIGN_OR_RETURN(m.data, NewObject<DataDictionary>());
-    if (j.contains("data")) KELVO_TRY(ReadBsdfData(j["data"], *m.data));
+    if (j.contains("data"))  // the renderer adds the distribution tables itself
+        KELVO_TRY(bsdfdata::ReadJson(j["data"], *m.data, ReadNumber, "Unknown BSDF data key '@'."));
     if (j.contains("colour")) {
         KELVO_ASSIGN_OR_RETURN(m.colour, ReadColour(j["colour"], "colour"));
     }
