@@ -33,31 +33,42 @@ InstanceHolder& Holder() {
 
 Error NoScheduler() { return IllegalStateError(KELVO_HERE, "Invalid Preview Image Scheduler"); }
 
-// Tasks to fail, collected under the scheduler lock and failed after it. A pass that fills
-// the list ends early and the dispatcher runs again.
-constexpr size_t kMaxFailuresPerPass = 16;
-struct Failures {
-    std::array<StrongRef<PreviewImageSchedulerEntry>, kMaxFailuresPerPass> entries;
-    std::array<Error, kMaxFailuresPerPass> errors;
-    size_t count = 0;
-    bool Full() const { return count == kMaxFailuresPerPass; }
-    void Add(StrongRef<PreviewImageSchedulerEntry> entry, Error error) {
-        entries[count] = std::move(entry);
-        errors[count] = std::move(error);
-        ++count;
+// A list of at most N values that constructs only what is added: the dispatcher runs after
+// every iteration and almost never has anything to put in its lists.
+template <typename T, size_t N>
+class FixedList {
+public:
+    FixedList() = default;
+    FixedList(const FixedList&) = delete;
+    FixedList& operator=(const FixedList&) = delete;
+    ~FixedList() { Clear(); }
+    size_t Size() const { return _size; }
+    bool Full() const { return _size == N; }
+    void Add(T value) { new (&_slots[_size++].value) T(std::move(value)); }
+    T& operator[](size_t i) { return _slots[i].value; }
+    void Clear() {
+        while (_size > 0) _slots[--_size].value.~T();
     }
-    // Delivers the errors, then stops what still runs.
-    void Run() {
-        for (size_t i = 0; i < count; ++i) {
-            entries[i]->Fail(errors[i]);
-            entries[i]->Interrupt(0);
-            entries[i].reset();
-        }
-        count = 0;
-    }
+
+private:
+    union Slot {
+        Slot() {}  // leaves value unconstructed
+        ~Slot() {}
+        T value;
+    };
+    std::array<Slot, N> _slots;
+    size_t _size = 0;
 };
 
 }  // namespace
+
+// What one dispatcher pass leaves to do after the lock: tasks to fail and normal tasks to
+// preempt. A pass that fills the failures ends early and the dispatcher runs again.
+struct PreviewImageScheduler::Pass {
+    static constexpr size_t kMaxFailures = 16;
+    FixedList<std::pair<StrongRef<PreviewImageSchedulerEntry>, Error>, kMaxFailures> failures;
+    FixedList<StrongRef<PreviewImageSchedulerEntry>, 8> preempted;
+};
 
 PreviewImageSubscription::~PreviewImageSubscription() {
     if (_armed) PreviewImageScheduler::Cancel(_id);
@@ -145,49 +156,87 @@ Result<StrongRef<PreviewImageSubscription>> PreviewImageScheduler::SubmitEntry(
 
 void PreviewImageScheduler::Dispatch() {
     for (;;) {
-        Failures failures;
-        std::array<StrongRef<PreviewImageSchedulerEntry>, 8> preempted;
-        size_t preemptedCount = 0;
+        Pass pass;
         {
             std::lock_guard lock(_lock);
             if (_stopped) return;
-            // Starts queued tasks until the running set holds `limit` ids.
-            auto fill = [&](RingQueue<uint64_t>& queue, HashSet<uint64_t>& running) {
-                uint64_t id;
-                while (running.Size() < size_t(_limit) && !failures.Full() && queue.Pop(id)) {
-                    StrongRef<PreviewImageSchedulerEntry>* entry = _table.Find(id);
-                    // A cancelled task, or a second queue entry of a task that iterates.
-                    if (!entry || _runningNormal.Contains(id) || _runningPriority.Contains(id))
-                        continue;
-                    Result<void> started =
-                        *entry ? (*entry)->Start(_queue)
-                               : Result<void>(IllegalStateError(KELVO_HERE, "Invalid task"));
-                    if (started) started = running.Insert(id).Ok() ? OK() : Error::OutOfMemory();
-                    if (!started) {
-                        StrongRef<PreviewImageSchedulerEntry> failed;
-                        _table.Take(id, failed);
-                        if (failed) failures.Add(std::move(failed), started.GetError());
-                    }
-                }
-            };
-            fill(_queuePriority, _runningPriority);
-            if (!_runningPriority.IsEmpty()) {
-                // Normal tasks give way: interrupted now, resumed when no priority task runs.
-                _runningNormal.ForEach([&](uint64_t id) {
-                    StrongRef<PreviewImageSchedulerEntry>* entry = _table.Find(id);
-                    if (entry && *entry && preemptedCount < preempted.size())
-                        preempted[preemptedCount++] = *entry;
-                });
-            } else if (!failures.Full()) {
-                fill(_queueNormal, _runningNormal);
-            }
+            DispatchLocked(pass);
         }
-        for (size_t i = 0; i < preemptedCount; ++i)
-            if (preempted[i]->Interrupt(1)) _preemptions.fetch_add(1);
-        const bool again = failures.Full();
-        failures.Run();
-        if (!again) return;
+        if (!Complete(pass)) return;
     }
+}
+
+void PreviewImageScheduler::StartLocked(uint64_t id,
+                                        const StrongRef<PreviewImageSchedulerEntry>& entry,
+                                        HashSet<uint64_t>& running, bool inserted, Pass& pass) {
+    Result<void> started =
+        entry ? entry->Start(_queue) : Result<void>(IllegalStateError(KELVO_HERE, "Invalid task"));
+    if (started && !inserted) started = running.Insert(id).Ok() ? OK() : Error::OutOfMemory();
+    if (started) return;
+    if (inserted) running.Erase(id);
+    StrongRef<PreviewImageSchedulerEntry> failed;
+    _table.Take(id, failed);
+    if (failed) pass.failures.Add({std::move(failed), started.GetError()});
+}
+
+void PreviewImageScheduler::DispatchLocked(Pass& pass) {
+    // Starts queued tasks until the running set holds `limit` ids.
+    auto fill = [&](RingQueue<uint64_t>& queue, HashSet<uint64_t>& running) {
+        uint64_t id;
+        while (running.Size() < size_t(_limit) && !pass.failures.Full() && queue.Pop(id)) {
+            StrongRef<PreviewImageSchedulerEntry>* entry = _table.Find(id);
+            // A cancelled task, or a second queue entry of a task that iterates.
+            if (!entry || _runningNormal.Contains(id) || _runningPriority.Contains(id)) continue;
+            StartLocked(id, *entry, running, false, pass);
+        }
+    };
+    fill(_queuePriority, _runningPriority);
+    if (!_runningPriority.IsEmpty()) {
+        // Normal tasks give way: interrupted now, resumed when no priority task runs.
+        _runningNormal.ForEach([&](uint64_t id) {
+            StrongRef<PreviewImageSchedulerEntry>* entry = _table.Find(id);
+            if (entry && *entry && !pass.preempted.Full()) pass.preempted.Add(*entry);
+        });
+    } else if (!pass.failures.Full()) {
+        fill(_queueNormal, _runningNormal);
+    }
+}
+
+bool PreviewImageScheduler::Complete(Pass& pass) {
+    for (size_t i = 0; i < pass.preempted.Size(); ++i)
+        if (pass.preempted[i]->Interrupt(1)) _preemptions.fetch_add(1);
+    pass.preempted.Clear();
+    const bool again = pass.failures.Full();
+    // Delivers the errors, then stops what still runs.
+    for (size_t i = 0; i < pass.failures.Size(); ++i) {
+        pass.failures[i].first->Fail(pass.failures[i].second);
+        pass.failures[i].first->Interrupt(0);
+    }
+    pass.failures.Clear();
+    return again;
+}
+
+bool PreviewImageScheduler::RestartLocked(uint64_t id, Pass& pass) {
+    // The task that ended wants its next iteration and nothing would be started before it:
+    // it is started again at once, as requeueing and dispatching would do, without passing
+    // through its queue and running set.
+    if (_stopped) return false;
+    HashSet<uint64_t>* running;
+    if (_runningPriority.Contains(id)) {
+        if (!_queuePriority.IsEmpty()) return false;
+        running = &_runningPriority;
+    } else if (_runningNormal.Contains(id)) {
+        if (!_queueNormal.IsEmpty() || !_queuePriority.IsEmpty() || !_runningPriority.IsEmpty())
+            return false;
+        running = &_runningNormal;
+    } else {
+        return false;
+    }
+    StrongRef<PreviewImageSchedulerEntry>* entry = _table.Find(id);
+    if (!entry) return false;  // cancelled meanwhile
+    StartLocked(id, *entry, *running, true, pass);
+    DispatchLocked(pass);
+    return true;
 }
 
 void PreviewImageScheduler::Finish(uint64_t id, bool requeue, bool quiet) {
@@ -197,13 +246,24 @@ void PreviewImageScheduler::Finish(uint64_t id, bool requeue, bool quiet) {
     StrongRef<PreviewImageSchedulerEntry> failed;
     bool unknown = false;
     {
-        std::lock_guard lock(self->_lock);
-        if (!requeue) self->_table.Take(id, dropped);
-        const bool normal = self->_runningNormal.Erase(id);
-        const bool priority = self->_runningPriority.Erase(id);
-        unknown = !quiet && !normal && !priority;
-        if (requeue && !(normal ? self->_queueNormal : self->_queuePriority).Push(id))
-            self->_table.Take(id, failed);
+        Pass pass;
+        bool restarted = false;
+        {
+            std::lock_guard lock(self->_lock);
+            if (requeue) restarted = self->RestartLocked(id, pass);
+            if (!restarted) {
+                if (!requeue) self->_table.Take(id, dropped);
+                const bool normal = self->_runningNormal.Erase(id);
+                const bool priority = self->_runningPriority.Erase(id);
+                unknown = !quiet && !normal && !priority;
+                if (requeue && !(normal ? self->_queueNormal : self->_queuePriority).Push(id))
+                    self->_table.Take(id, failed);
+            }
+        }
+        if (restarted) {
+            if (self->Complete(pass)) self->Dispatch();
+            return;
+        }
     }
     if (unknown) DiagnosticOutput("Unknown task under Id @", id);
     if (failed) failed->Fail(Error::OutOfMemory());

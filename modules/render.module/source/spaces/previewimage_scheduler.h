@@ -82,8 +82,20 @@ public:
     ~PreviewImageScheduler();
 
 private:
+    struct Pass;
     static StrongRef<PreviewImageScheduler> Instance();
     void Dispatch();
+    // The parts of a dispatcher pass: under the lock, then after it (true when the pass
+    // ended early and the dispatcher must run again).
+    void DispatchLocked(Pass& pass);
+    bool Complete(Pass& pass);
+    // Starts the task's next iteration and keeps its id in `running` (`inserted`: it is
+    // there already); a task that cannot start is taken out and failed after the lock.
+    void StartLocked(uint64_t id, const StrongRef<PreviewImageSchedulerEntry>& entry,
+                     HashSet<uint64_t>& running, bool inserted, Pass& pass);
+    // Under the lock: starts the next iteration of a task whose iteration has ended, when
+    // the dispatcher would start it next anyway, then completes the pass; false otherwise.
+    bool RestartLocked(uint64_t id, Pass& pass);
     void Stop(bool cancel);
 
     Spinlock _lock;

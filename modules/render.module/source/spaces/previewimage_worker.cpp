@@ -86,16 +86,22 @@ Result<void> PreviewImageSchedulerEntry::Start(const StrongRef<JobQueueInterface
     if (_job) return IllegalStateError(KELVO_HERE, "The task has already started");
     _interrupt.store(0);
     if (!_task) return IllegalArgumentError(KELVO_HERE, "Invalid user task");
-    KELVO_ASSIGN_OR_RETURN(
-        StrongRef<JobInterface> job,
-        CreateJob(kPreviewImageIterationJobName,
-                  [task = _task](JobInterface& self) { return task->Iterate(self); }));
-    KELVO_TRY(job->AddObserver([weak = weak_from_this(), id = _id](JobInterface& ended) {
-        if (StrongRef<PreviewImageSchedulerEntry> self = weak.lock())
-            self->EndOfIteration(ended);
-        else
-            EndOfOrphanIteration(id);
-    }));
+    // The work holds the task by pointer, which fits in the function object (no allocation
+    // per iteration). The observer keeps it alive meanwhile: a job holds its observers until
+    // its work has ended. The observer lets go of it first thing, so that nothing of the
+    // provider is held once a waiter for the job has returned.
+    PreviewImageProviderTaskInterface* task = _task.get();
+    KELVO_ASSIGN_OR_RETURN(StrongRef<JobInterface> job,
+                           CreateJob(kPreviewImageIterationJobName,
+                                     [task](JobInterface& self) { return task->Iterate(self); }));
+    KELVO_TRY(job->AddObserver(
+        [weak = weak_from_this(), id = _id, keep = _task](JobInterface& ended) mutable {
+            keep.reset();
+            if (StrongRef<PreviewImageSchedulerEntry> self = weak.lock())
+                self->EndOfIteration(ended);
+            else
+                EndOfOrphanIteration(id);
+        }));
     _job = job;
     Result<void> queued = queue->Enqueue(job);
     if (!queued) _job.reset();
@@ -167,16 +173,13 @@ void PreviewImageSchedulerEntry::EndOfIteration(JobInterface& job) {
         } else if (state->index >= 0 && state->index < state->count) {
             bool delivered = true;
             if (state->index != _lastDeliveredIndex) {
-                delivered = DeliverResult(*state).Ok();
+                delivered = DeliverResult(task, *state).Ok();
                 _lastDeliveredIndex = state->index;
             }
             requeue = delivered && _lastDeliveredIndex + 1 < state->count;
         }
     }
-    {
-        std::lock_guard delivery(_deliveryMutex);
-        if (_closed) requeue = false;
-    }
+    if (_closed.load()) requeue = false;
     if (!requeue) SetCompleted();
     {
         std::lock_guard slot(_slotLock);
@@ -185,13 +188,10 @@ void PreviewImageSchedulerEntry::EndOfIteration(JobInterface& job) {
     PreviewImageScheduler::Finish(_id, requeue, quiet);
 }
 
-Result<void> PreviewImageSchedulerEntry::DeliverResult(const PreviewImageIterationState& state) {
+Result<void> PreviewImageSchedulerEntry::DeliverResult(
+    const StrongRef<PreviewImageProviderTaskInterface>& task,
+    const PreviewImageIterationState& state) {
     Result<void> made = CatchOutOfMemory([&]() -> Result<void> {
-        StrongRef<PreviewImageProviderTaskInterface> task;
-        {
-            std::lock_guard slot(_slotLock);
-            task = _task;
-        }
         if (!task) return IllegalArgumentError(KELVO_HERE, "Invalid user task");
         KELVO_ASSIGN_OR_RETURN(DataDictionary result, task->GetResult());
         KELVO_TRY(result.Set(PREVIEWIMAGEREQUEST::ITERATIONINDEX, state.index));

@@ -72,7 +72,9 @@ private:
     void EndOfIteration(JobInterface& job);
     // Reports the end of an iteration whose entry is gone.
     static void EndOfOrphanIteration(uint64_t id);
-    Result<void> DeliverResult(const PreviewImageIterationState& state);
+    // `task` is the one the ending iteration ran (the task stays while the job is in the slot).
+    Result<void> DeliverResult(const StrongRef<PreviewImageProviderTaskInterface>& task,
+                               const PreviewImageIterationState& state);
     void Deliver(const Result<DataDictionary>& result);
     void SetCompleted();
 
@@ -87,9 +89,9 @@ private:
     StrongRef<JobInterface> _job;
 
     // Deliveries hold this (re-entrant: a callback may release its own request); Interrupt
-    // with flag 0 closes the entry under it.
+    // with flag 0 closes the entry under it. The end of an iteration only reads the flag.
     std::recursive_mutex _deliveryMutex;
-    bool _closed = false;
+    std::atomic<bool> _closed{false};
 
     StrongRef<PreviewImageProviderTaskInterface> _task;
     StrongRef<PreviewImageResultCompleteFuncInterface> _resultComplete;

@@ -74,6 +74,16 @@ TEST_F(PreviewSchedulerTest, PriorityPreemptsRunningNormalTasksWhichResumeOneIte
     EXPECT_EQ(n1->GetCompletionCount(), 1);
 }
 
+TEST_F(PreviewSchedulerTest, PriorityTasksTakeTurnsTooAndATaskLeftAloneGoesOnAtOnce) {
+    ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    auto n = Entry("n", Task(2)), p1 = Entry("p1", Task(2)), p2 = Entry("p2", Task(2));
+    auto sn = Submit(n), s1 = Submit(p1, true), s2 = Submit(p2, true);
+    host::RunPendingJobs();
+    EXPECT_EQ(recorder.Order(), "p1:0 p2:0 p1:1 p2:1 n:0 n:1");
+    EXPECT_EQ(n->GetCompletionCount(), 1);
+    EXPECT_EQ(Stats().runningNormal + Stats().runningPriority + Stats().tasks, 0u);
+}
+
 TEST_F(PreviewSchedulerTest, SameTaskSubmittedTwiceKeepsOneEntryAndDeliversEachIndexOnce) {
     ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
     auto a = Entry("a", Task(1)), b = Entry("b", Task(2));
@@ -130,9 +140,31 @@ TEST_F(PreviewSchedulerTest, CancelRemovesTheTaskAndLaterReportsAreUnknownUnless
     EXPECT_EQ(diag.Lines()[0], "Unknown task under Id " + std::to_string(id));
 }
 
+TEST_F(PreviewSchedulerTest, AStrayRequeueOfAnIteratingTaskFailsItAndFreesItsPlace) {
+    ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    auto a = Entry("a", Task(2)), b = Entry("b", Task(1));
+    auto sa = Submit(a);  // its iteration is queued
+    host::CapturedDiagnostics diag;
+    PreviewImageScheduler::Finish(a->GetId(), true, true);
+    EXPECT_EQ(recorder.Order(), "a:Illegal state: The task has already started");
+    EXPECT_EQ(Stats().runningNormal + Stats().tasks, 0u);
+    // Forgotten at once: the end of its cancelled iteration is reported as unknown.
+    ASSERT_EQ(diag.Lines().size(), 1u);
+    EXPECT_EQ(diag.Lines()[0], "Unknown task under Id " + std::to_string(a->GetId()));
+    auto sb = Submit(b);
+    host::RunPendingJobs();
+    EXPECT_EQ(recorder.Order(), "a:Illegal state: The task has already started b:0");
+}
+
 TEST_F(PreviewSchedulerTest, AfterShutdownSubmissionsGetAHandleButNothingStarts) {
     ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
+    // The iteration that runs ends; the task asks for the next one, which never starts.
+    auto running = Entry("r", Task(3));
+    auto sr = Submit(running);
     PreviewImageScheduler::Shutdown(false);
+    EXPECT_EQ(recorder.Order(), "r:0");
+    EXPECT_EQ(Stats().runningNormal, 0u);
+    EXPECT_EQ(Stats().queuedNormal, 1u);
     auto e = Entry("a", Task(1));
     auto s = Submit(e);
     EXPECT_NE(s, nullptr);
