@@ -235,7 +235,9 @@ bool PreviewImageScheduler::RestartLocked(uint64_t id, Pass& pass) {
     StrongRef<PreviewImageSchedulerEntry>* entry = _table.Find(id);
     if (!entry) return false;  // cancelled meanwhile
     StartLocked(id, *entry, *running, true, pass);
-    DispatchLocked(pass);
+    // After a normal task nothing else can start; after a priority one, normal tasks may
+    // have to give way or may start if it could not.
+    if (running == &_runningPriority) DispatchLocked(pass);
     return true;
 }
 
