@@ -139,14 +139,14 @@ __attribute__((target("avx2"))) int64_t HalveRgba8Avx2(const uint8_t* a, const u
             sums[k] = _mm256_srli_epi16(
                 _mm256_add_epi16(_mm256_maddubs_epi16(p, ones), _mm256_maddubs_epi16(q, ones)), 2);
         }
-        // Packing works within 128-bit halves; the permute puts the texels back in order.
+        // Packing works within 128-bit halves; the permute (quarters 0, 2, 1, 3) puts the
+        // texels back in order.
         const __m256i packed = _mm256_packus_epi16(sums[0], sums[1]);
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 4 * x),
                             _mm256_permute4x64_epi64(packed, 0xD8));
     }
     return x;
 }
-
 #endif
 
 // Averages texels (2x, 2x+1) of rows a and b into texel x, for x below `pairs`; with b == a
