@@ -186,6 +186,37 @@ inline void HalveRgba8(const uint8_t* a, const uint8_t* b, uint8_t* out, int64_t
     }
 }
 
+// Running sums of four 8-bit channels along a row, plus the row above when there is one,
+// four texels a step with the channels widened to 32 bits (the scalar loop spends most of
+// its time on one channel at a time). Carries the sums on in `run`; returns the texels done.
+inline int64_t SumRowRgba8(const uint8_t* in, const uint32_t* above, uint32_t* out, int64_t w,
+                           uint32_t run[4]) {
+    int64_t x = 0;
+#if defined(__SSE2__)
+    const __m128i zero = _mm_setzero_si128();
+    __m128i sum = _mm_loadu_si128(reinterpret_cast<const __m128i*>(run));
+    for (; x + 4 <= w; x += 4) {
+        const __m128i px = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 4 * x));
+        const __m128i lo = _mm_unpacklo_epi8(px, zero), hi = _mm_unpackhi_epi8(px, zero);
+        const __m128i texels[4] = {_mm_unpacklo_epi16(lo, zero), _mm_unpackhi_epi16(lo, zero),
+                                   _mm_unpacklo_epi16(hi, zero), _mm_unpackhi_epi16(hi, zero)};
+        for (int k = 0; k < 4; ++k) {
+            sum = _mm_add_epi32(sum, texels[k]);
+            const int64_t at = 4 * (x + k);
+            const __m128i value =
+                above ? _mm_add_epi32(sum,
+                                      _mm_loadu_si128(reinterpret_cast<const __m128i*>(above + at)))
+                      : sum;
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + at), value);
+        }
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(run), sum);
+#else
+    (void)in, (void)above, (void)out, (void)w, (void)run;
+#endif
+    return x;
+}
+
 template <typename VEC>
 const Component<VEC>* Row(const MipMapLevel<VEC>& level, int64_t y) {
     return reinterpret_cast<const Component<VEC>*>(level.pixels.data() + y * level.width);
@@ -452,7 +483,10 @@ Result<void> SummedAreaData<VEC>::Fill(const MipMapLevel<VEC>& base, PixelArray<
             E* out = sums.data() + y * rowValues;
             const E* above = y == bandStart(b) ? nullptr : out - rowValues;
             E run[N] = {};
-            for (int64_t x = 0; x < w; ++x)
+            int64_t x = 0;
+            if constexpr (N == 4 && std::is_same_v<E, uint32_t>)
+                x = SumRowRgba8(in, above, out, w, run);
+            for (; x < w; ++x)
                 for (int c = 0; c < N; ++c) {
                     run[c] += in[x * N + c];
                     out[x * N + c] = above ? E(run[c] + above[x * N + c]) : run[c];
