@@ -465,23 +465,44 @@ template <typename E>
 Result<void> SummedAreaData<VEC>::Fill(const MipMapLevel<VEC>& base, PixelArray<E>& sums) {
     constexpr int N = TexelTraits<VEC>::kChannels;
     const int64_t w = base.width, h = base.height, rowValues = w * N;
-    // One band of rows per worker, each summed in a single pass (the table is the bulk of
-    // the traffic, so it is written once); then the rows of each later band add the sums
-    // of the bands above them.
+    // One band of rows per worker. The table is the bulk of the traffic, so it is written
+    // once: each band first learns the table's row above it from the picture (the column
+    // sums of the bands above, summed along x), then sums its rows on from there.
     const int64_t bands =
         w * h < kParallelTexels ? 1 : std::clamp<int64_t>(HostThreadCount(), 1, h);
-    PixelArray<E> carries;
+    PixelArray<E> carries;  // carries[b - 1]: the table's row above band b
     KELVO_TRY(CatchOutOfMemory([&]() -> Result<void> {
         sums.resize(size_t(rowValues * h));
         carries.resize(size_t(rowValues * (bands - 1)));
         return OK();
     }));
     auto bandStart = [&](int64_t b) { return b * h / bands; };
-    KELVO_TRY(ParallelFor(0, bands, [&](int64_t b) {
+    auto carry = [&](int64_t b) { return carries.data() + (b - 1) * rowValues; };
+    if (bands > 1) {
+        // In strips of columns too, so that every worker reads its share of the picture.
+        const int64_t strips = std::clamp<int64_t>(HostThreadCount(), 1, w);
+        KELVO_TRY(ParallelFor(0, (bands - 1) * strips, [&](int64_t job) {
+            const int64_t b = 1 + job / strips, strip = job % strips;
+            const int64_t from = strip * w / strips * N, to = (strip + 1) * w / strips * N;
+            E* column = carry(b);
+            std::fill(column + from, column + to, E(0));
+            for (int64_t y = bandStart(b - 1); y < bandStart(b); ++y) {
+                const uint8_t* in = Row(base, y);
+                for (int64_t i = from; i < to; ++i) column[i] += in[i];
+            }
+        }));
+        for (int64_t b = 1; b < bands; ++b) {
+            E* row = carry(b);  // the band above, its column sums summed along x
+            for (int64_t i = N; i < rowValues; ++i) row[i] += row[i - N];
+            if (b > 1)  // and the row above that band
+                for (int64_t i = 0; i < rowValues; ++i) row[i] += carry(b - 1)[i];
+        }
+    }
+    return ParallelFor(0, bands, [&](int64_t b) {
         for (int64_t y = bandStart(b); y < bandStart(b + 1); ++y) {
             const uint8_t* in = Row(base, y);
             E* out = sums.data() + y * rowValues;
-            const E* above = y == bandStart(b) ? nullptr : out - rowValues;
+            const E* above = y > bandStart(b) ? out - rowValues : b > 0 ? carry(b) : nullptr;
             E run[N] = {};
             int64_t x = 0;
             if constexpr (N == 4 && std::is_same_v<E, uint32_t>)
@@ -492,22 +513,6 @@ Result<void> SummedAreaData<VEC>::Fill(const MipMapLevel<VEC>& base, PixelArray<
                     out[x * N + c] = above ? E(run[c] + above[x * N + c]) : run[c];
                 }
         }
-    }));
-    if (bands == 1) return OK();
-    // carries[b - 1]: the sums of every row above band b.
-    for (int64_t b = 1; b < bands; ++b) {
-        E* carry = carries.data() + (b - 1) * rowValues;
-        const E* last = sums.data() + (bandStart(b) - 1) * rowValues;
-        const E* before = b > 1 ? carry - rowValues : nullptr;
-        for (int64_t i = 0; i < rowValues; ++i)
-            carry[i] = before ? E(before[i] + last[i]) : last[i];
-    }
-    return ParallelFor(bandStart(1), h, [&](int64_t y) {
-        int64_t b = 1;
-        while (bandStart(b + 1) <= y) ++b;
-        const E* carry = carries.data() + (b - 1) * rowValues;
-        E* out = sums.data() + y * rowValues;
-        for (int64_t i = 0; i < rowValues; ++i) out[i] += carry[i];
     });
 }
 
