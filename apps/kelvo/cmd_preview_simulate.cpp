@@ -42,7 +42,7 @@ double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(
 // What one task did, written by the queue threads and read by the main thread.
 struct TaskRecord {
     bool priority = false;
-    int64_t cancelAfter = -1;  // deliveries before the cancellation; -1 for none
+    int64_t cancelAfter = -1;  // images (by index) before the cancellation; -1 for none
     nodes::PreviewImageRequestInterface* request = nullptr;
     std::atomic<bool> cancelled{false};
     std::atomic<bool> done{false};
@@ -76,6 +76,9 @@ public:
     SimulatedTask(Simulation& sim, TaskRecord& record) : _sim(sim), _record(record) {}
 
     Result<void> Iterate(JobInterface& job) override {
+        // The last image is done. A preemption that landed after its work discarded its
+        // delivery; running again without advancing has the scheduler deliver it now.
+        if (_index.load() + 1 >= _sim.options.iterations) return OK();
         const double from = _sim.Now();
         const auto until =
             Clock::now() + std::chrono::duration<double, std::milli>(_sim.options.spinMs);
@@ -185,10 +188,13 @@ Result<StrongRef<nodes::PreviewImageRequestInterface>> MakeRequest(
             const int64_t index = r->Get<int64_t>(PREVIEWIMAGEREQUEST::ITERATIONINDEX, -1);
             if (record.deliveries.fetch_add(1) == 0) record.firstImageMs.store(sim.Now());
             record.lastIndex.store(index);
-            if (index + 1 >= sim.options.iterations)
+            // By the image's index, not by the count of deliveries: a preemption may discard
+            // an image, and the cancellation must still come. From the callback itself, so it
+            // cannot come too late.
+            if (record.cancelAfter > 0 && index + 1 >= record.cancelAfter)
+                Cancel(record);
+            else if (index + 1 >= sim.options.iterations)
                 record.done.store(true);
-            else if (record.deliveries.load() == record.cancelAfter)
-                Cancel(record);  // from the callback itself, so it cannot come too late
         }));
     KELVO_TRY(data.Set(PREVIEWIMAGEREQUEST::RESULTCOMPLETEFUNC, std::move(callback)));
     KELVO_TRY(data.Set(PREVIEWIMAGEREQUEST::TEXTURESIZE,

@@ -115,15 +115,15 @@ void PreviewImageScheduler::Release() {
 PreviewImageScheduler::~PreviewImageScheduler() = default;
 
 Result<StrongRef<PreviewImageSubscription>> PreviewImageScheduler::Submit(
-    const DataDictionary& request, bool priority) {
+    const DataDictionary& request, bool priority, const Publish& publish) {
     if (!Instance()) return NoScheduler();
     KELVO_ASSIGN_OR_RETURN(StrongRef<PreviewImageSchedulerEntry> entry,
                            PreviewImageSchedulerEntry::Create(request));
-    return SubmitEntry(entry, priority);
+    return SubmitEntry(entry, priority, publish);
 }
 
 Result<StrongRef<PreviewImageSubscription>> PreviewImageScheduler::SubmitEntry(
-    const StrongRef<PreviewImageSchedulerEntry>& entry, bool priority) {
+    const StrongRef<PreviewImageSchedulerEntry>& entry, bool priority, const Publish& publish) {
     StrongRef<PreviewImageScheduler> self = Instance();
     if (!self) return NoScheduler();
     const uint64_t id = entry->GetId();
@@ -149,8 +149,11 @@ Result<StrongRef<PreviewImageSubscription>> PreviewImageScheduler::SubmitEntry(
         }
     }
     replaced.reset();
-    self->Dispatch();
     subscription->_armed = true;
+    // Handed over before anything starts: this thread may not run again until the task has
+    // delivered, and its callback may let go of it meanwhile.
+    if (publish) publish(std::move(subscription));
+    self->Dispatch();
     return subscription;
 }
 

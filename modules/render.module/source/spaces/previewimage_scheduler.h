@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "kelvo/entry.h"
 #include "kelvo/hashmap.h"
@@ -57,13 +58,19 @@ public:
     // Shuts the installed scheduler down and uninstalls it.
     static void Release();
 
+    // Takes the subscription once the task is registered and before its first iteration can
+    // start, so that its holder can cancel it from the first result callback on.
+    using Publish = std::function<void(StrongRef<PreviewImageSubscription>)>;
+
     // Builds the request's entry and submits it. Fails with "Illegal state: Invalid Preview
     // Image Scheduler" when none is installed, the entry's errors, or out of memory (nothing
-    // stays queued).
+    // stays queued). Returns the subscription, or nothing when it went to `publish`.
     static Result<StrongRef<PreviewImageSubscription>> Submit(const DataDictionary& request,
-                                                              bool priority);
+                                                              bool priority,
+                                                              const Publish& publish = {});
     static Result<StrongRef<PreviewImageSubscription>> SubmitEntry(
-        const StrongRef<PreviewImageSchedulerEntry>& entry, bool priority);
+        const StrongRef<PreviewImageSchedulerEntry>& entry, bool priority,
+        const Publish& publish = {});
     // One iteration job of the task has ended.
     static void Finish(uint64_t id, bool requeue, bool quiet);
     // The task's subscription was released.

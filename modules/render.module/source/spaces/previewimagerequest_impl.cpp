@@ -19,13 +19,16 @@ public:
     StrongRef<DataDictionary> GetData() const override { return _data; }
 
     Result<void> Submit() override {
-        Reset();  // the earlier preview is cancelled before the new one starts
+        const uint64_t generation = Release();  // the earlier preview goes before the new one
         const int64_t purpose = _data->Get<int64_t>(PREVIEWIMAGEREQUEST::PURPOSE, 0);
-        KELVO_ASSIGN_OR_RETURN(StrongRef<PreviewImageSubscription> subscription,
-                               PreviewImageScheduler::Submit(
-                                   *_data, purpose == int64_t(PREVIEWIMAGEPURPOSE::PRIORITY)));
-        std::lock_guard lock(_lock);
-        _subscription = std::move(subscription);
+        // Stored before the preview can start, so that a Reset from its first callback
+        // cancels it; a Reset that came while Submit ran cancels it at once.
+        auto publish = [this, generation](StrongRef<PreviewImageSubscription> subscription) {
+            std::lock_guard lock(_lock);
+            if (_generation == generation) _subscription = std::move(subscription);
+        };  // a subscription not stored is released after the lock: cancelled
+        KELVO_TRY(PreviewImageScheduler::Submit(
+            *_data, purpose == int64_t(PREVIEWIMAGEPURPOSE::PRIORITY), publish));
         return OK();
     }
 
@@ -38,16 +41,21 @@ public:
         return StrongRef<PreviewImageRequestInterface>(std::move(copy));
     }
 
-    void Reset() override {
+    void Reset() override { (void)Release(); }
+
+private:
+    // Lets go of the preview held so far; returns the generation that begins.
+    uint64_t Release() {
         StrongRef<PreviewImageSubscription> released;  // cancelled outside the lock
         std::lock_guard lock(_lock);
         released = std::move(_subscription);
+        return ++_generation;
     }
 
-private:
     StrongRef<DataDictionary> _data;
-    mutable Spinlock _lock;  // guards _subscription
+    mutable Spinlock _lock;  // guards _subscription and _generation
     StrongRef<PreviewImageSubscription> _subscription;
+    uint64_t _generation = 0;  // counts Submit and Reset calls
 };
 
 Result<void> StartScheduler() { return PreviewImageScheduler::Create(); }

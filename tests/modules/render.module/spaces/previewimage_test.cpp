@@ -187,8 +187,10 @@ TEST_F(PreviewSchedulerTest, RequestsSubmitCopyAndReset) {
     auto task = Task(3);
     struct Provider final : Implements<PreviewImageProviderInterface> {
         StrongRef<SyntheticTask> task;
+        PreviewImageRequestInterface* resetDuringSubmit = nullptr;
         Result<StrongRef<PreviewImageProviderTaskInterface>> CreateTask(
             const DataDictionary&) override {
+            if (resetDuringSubmit) resetDuringSubmit->Reset();
             return StrongRef<PreviewImageProviderTaskInterface>(task);
         }
     };
@@ -213,6 +215,29 @@ TEST_F(PreviewSchedulerTest, RequestsSubmitCopyAndReset) {
     ASSERT_TRUE(request->Submit().Ok());
     host::RunPendingJobs();
     EXPECT_EQ(recorder.Order(), "r:0 r:0");
+    // A Reset that comes while Submit runs (from another thread, or a callback) cancels the
+    // preview being submitted.
+    provider->task = Task(2);
+    provider->resetDuringSubmit = request.get();
+    ASSERT_TRUE(request->Submit().Ok());
+    EXPECT_EQ(Stats().tasks, 0u);
+    host::RunPendingJobs();
+    EXPECT_EQ(recorder.Order(), "r:0 r:0");
+    // The handle is handed over before the first iteration can start: the submitting thread
+    // may not run again before the first callback, which may let go of the preview.
+    size_t runningAtHandOver = 99;
+    StrongRef<PreviewImageSubscription> handed;
+    auto returned = PreviewImageScheduler::SubmitEntry(
+        Entry("h", Task(1)), false, [&](StrongRef<PreviewImageSubscription> s) {
+            runningAtHandOver = Stats().runningNormal;
+            handed = std::move(s);
+        });
+    ASSERT_TRUE(returned.Ok());
+    EXPECT_FALSE(*returned);
+    EXPECT_EQ(runningAtHandOver, 0u);
+    EXPECT_EQ(Stats().runningNormal, 1u);
+    handed.reset();
+    EXPECT_EQ(Stats().tasks, 0u);
     PreviewImageScheduler::Release();
     EXPECT_EQ(request->Submit().GetError().Message(),
               "Illegal state: Invalid Preview Image Scheduler");
