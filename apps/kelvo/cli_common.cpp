@@ -96,23 +96,31 @@ Result<std::string> ReadString(const json& v, std::string_view what) {
     return v.get<std::string>();
 }
 
+namespace {
+// An array of exactly n numbers; any other value, or an element that is no number, gets
+// the one message that says what the member must be.
+Result<void> ReadNumbers(const json& v, std::string_view what, double* out, size_t n) {
+    bool ok = v.is_array() && v.size() == n;
+    for (size_t i = 0; ok && i < n; ++i) {
+        Result<double> x = ReadNumber(v[i], what);
+        ok = x.Ok();
+        if (ok) out[i] = *x;
+    }
+    if (!ok) return IllegalArgumentError(KELVO_HERE, "@ must be an array of @ numbers.", what, n);
+    return OK();
+}
+}  // namespace
+
 Result<Vec2> ReadVec2(const json& v, std::string_view what) {
-    if (!v.is_array() || v.size() != 2)
-        return IllegalArgumentError(KELVO_HERE, "@ must be an array of 2 numbers.", what);
-    KELVO_ASSIGN_OR_RETURN(double x, ReadNumber(v[0], what));
-    KELVO_ASSIGN_OR_RETURN(double y, ReadNumber(v[1], what));
-    return Vec2{x, y};
+    double c[2];
+    KELVO_TRY(ReadNumbers(v, what, c, 2));
+    return Vec2{c[0], c[1]};
 }
 
 Result<Vec3> ReadVec3(const json& v, std::string_view what) {
-    if (!v.is_array() || v.size() != 3)
-        return IllegalArgumentError(KELVO_HERE, "@ must be an array of 3 numbers.", what);
-    Vec3 out;
-    double* c[] = {&out.x, &out.y, &out.z};
-    for (size_t i = 0; i < 3; ++i) {
-        KELVO_ASSIGN_OR_RETURN(*c[i], ReadNumber(v[i], what));
-    }
-    return out;
+    double c[3];
+    KELVO_TRY(ReadNumbers(v, what, c, 3));
+    return Vec3{c[0], c[1], c[2]};
 }
 
 Result<Matrix> ReadMatrix(const json& v, std::string_view what) {
