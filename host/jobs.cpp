@@ -31,10 +31,13 @@ public:
     }
 
     void Submit(Task task) {
-        std::lock_guard lock(_mutex);
-        _tasks.push_back(std::move(task));
-        if (_deterministic) return;
-        if (_threads.empty()) Start();
+        {
+            std::lock_guard lock(_mutex);
+            _tasks.push_back(std::move(task));
+            if (_deterministic) return;
+            if (_threads.empty()) Start();
+        }
+        // Outside the lock, so that the woken worker does not wait for it at once.
         _wake.notify_one();
     }
 
@@ -49,6 +52,13 @@ public:
         }
         task();
         return true;
+    }
+
+    // No task waits and tokens may keep their thread (never in deterministic mode, where
+    // each task is one step that a test drives).
+    bool Idle() {
+        std::lock_guard lock(_mutex);
+        return !_deterministic && _tasks.empty();
     }
 
     bool Deterministic() {
@@ -331,34 +341,42 @@ private:
         GetPool().Submit([self = shared_from_this()] { self->RunToken(); });
     }
 
-    // One job of this queue; then the token goes back into the pool or retires.
+    // One job of this queue; then the token goes back into the pool or retires. While
+    // nothing else waits in the pool it runs the next job at once, on this thread: handing
+    // it to another worker would only cost a wake-up.
     void RunToken() {
-        StrongRef<JobImpl> job;
-        {
-            std::lock_guard lock(_mutex);
-            if (!_pending.empty()) {
-                job = std::move(_pending.front());
-                _pending.pop_front();
-                _running.push_back(job);
+        for (;;) {
+            StrongRef<JobImpl> job;
+            {
+                std::lock_guard lock(_mutex);
+                if (!_pending.empty()) {
+                    job = std::move(_pending.front());
+                    _pending.pop_front();
+                    _running.push_back(job);
+                }
+            }
+            if (job) {
+                job->RunQueued();
+                std::lock_guard lock(_mutex);
+                std::erase(_running, job);
+            }
+            bool again = false;
+            {
+                std::lock_guard lock(_mutex);
+                if (!_pending.empty())
+                    again = true;
+                else
+                    --_tokens;
+            }
+            if (!again) {
+                _idle.notify_all();
+                return;
+            }
+            if (!GetPool().Idle()) {
+                SubmitToken();
+                return;
             }
         }
-        if (job) {
-            job->RunQueued();
-            std::lock_guard lock(_mutex);
-            std::erase(_running, job);
-        }
-        bool again = false;
-        {
-            std::lock_guard lock(_mutex);
-            if (!_pending.empty())
-                again = true;
-            else
-                --_tokens;
-        }
-        if (again)
-            SubmitToken();
-        else
-            _idle.notify_all();
     }
 
     const std::string _name;

@@ -1,6 +1,7 @@
 // A spin lock for short critical sections. Waiting spins with a back-off that doubles
-// from 16 to 2048 pause instructions per round; once a waiter has spun 262,144 times
-// it also calls g_CpuYieldDelegate on every round, when the host has set one.
+// from 16 pause instructions per round and starts over at 16 past 2048, so that a waiter
+// looks again soon however long it has waited; once it has spun more than 262,144 times it
+// calls g_CpuYieldDelegate instead of spinning, when the host has set one.
 #pragma once
 
 #include <atomic>
@@ -27,13 +28,15 @@ public:
         for (;;) {
             // Wait on a plain load so waiters do not bounce the cache line.
             while (_locked.load(std::memory_order_relaxed)) {
+                if (total > kYieldAfter) {
+                    if (auto yield = g_CpuYieldDelegate) {
+                        yield();
+                        continue;
+                    }
+                }
                 for (uint32_t i = 0; i < spins; ++i) Pause();
                 total += spins;
-                if (spins < kMaxSpins) spins *= 2;
-                if (total >= kYieldAfter) {
-                    auto yield = g_CpuYieldDelegate;
-                    if (yield) yield();
-                }
+                spins = spins < kMaxSpins ? spins * 2 : kFirstSpins;
             }
             if (!_locked.exchange(true, std::memory_order_acquire)) return;
         }
