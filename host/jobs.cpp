@@ -3,7 +3,8 @@
 //
 // The pool runs tasks in FIFO order. A queue puts at most its thread count of "tokens"
 // into the pool; a token runs one job of its queue and, if more are pending, goes to the
-// back of the pool again, so queues share the pool round-robin.
+// back of the pool again, so queues share the pool round-robin (with nothing else waiting
+// in the pool, it stays on its worker and runs the next one).
 #include "kelvo/jobs.h"
 
 #include <algorithm>

@@ -5,9 +5,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <set>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "host.h"
@@ -125,6 +128,57 @@ TEST_F(JobsTest, QueueKeepsItsThreadLimitAndOrder) {
     EXPECT_LE(most.load(), 2);
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}));
     for (auto& j : jobs) EXPECT_EQ(j->GetState(), JOBSTATE::ENDED);
+}
+
+// A chain of jobs, each enqueued by its predecessor's end-of-job observer, as preview
+// iterations are.
+struct Chain {
+    StrongRef<JobQueueInterface> queue;
+    std::string name;
+    int left = 0;
+    std::function<void()> first;  // runs inside the first job
+    std::mutex* lock = nullptr;
+    std::vector<std::string>* order = nullptr;
+    std::vector<std::thread::id> threads;
+
+    void Next() {
+        if (left-- == 0) return;
+        auto job = MakeJob(name, [this](JobInterface&) -> Result<void> {
+            if (first) std::exchange(first, nullptr)();
+            threads.push_back(std::this_thread::get_id());
+            if (order) {
+                std::lock_guard guard(*lock);
+                order->push_back(name);
+            }
+            return OK();
+        });
+        EXPECT_TRUE(job->AddObserver([this](JobInterface&) { Next(); }).Ok());
+        EXPECT_TRUE(queue->Enqueue(job).Ok());
+    }
+};
+
+TEST_F(JobsTest, AChainKeepsItsWorkerUntilAnotherQueueWaitsThenTheyTakeTurns) {
+    // Alone in the pool, the chain's jobs run one after another on one worker: no wake-ups.
+    Chain alone{*CreateJobQueue("Alone", 1), "a", 50};
+    alone.Next();
+    alone.queue->WaitAll();
+    ASSERT_EQ(alone.threads.size(), 50u);
+    EXPECT_EQ(std::set<std::thread::id>(alone.threads.begin(), alone.threads.end()).size(), 1u);
+
+    // Two chains on a one-thread pool alternate once both are queued.
+    host::SetHostThreads(1);
+    std::mutex lock;
+    std::vector<std::string> order;
+    Chain a{*CreateJobQueue("A", 1), "a", 4, {}, &lock, &order};
+    Chain b{*CreateJobQueue("B", 1), "b", 4, {}, &lock, &order};
+    auto bQueued = *CreateConditionVariable();
+    a.first = [&] { bQueued->Wait(); };
+    a.Next();
+    b.Next();
+    bQueued->Set();
+    a.queue->WaitAll();
+    b.queue->WaitAll();
+    EXPECT_EQ(order, (std::vector<std::string>{"a", "b", "a", "b", "a", "b", "a", "b"}));
 }
 
 TEST_F(JobsTest, CancelAllEndsEveryJobAndWaitAllReturns) {
