@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstdio>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "host.h"
@@ -43,6 +42,7 @@ StrongRef<nodes::PreviewImageRequestInterface> Request(int64_t size, int64_t cou
             std::exit(1);
         }
         delivered.fetch_add(1);
+        delivered.notify_all();
     });
     Check(d.Set(REQUEST::RESULTCOMPLETEFUNC, *f));
     Check(d.Set(REQUEST::TEXTURESIZE, Vec2{double(size), double(size)}));
@@ -52,8 +52,9 @@ StrongRef<nodes::PreviewImageRequestInterface> Request(int64_t size, int64_t cou
     return *request;
 }
 
+// Blocks rather than spins: on two cores a spinning waiter takes its time from the render.
 void WaitFor(const std::atomic<int64_t>& delivered, int64_t n) {
-    while (delivered.load() < n) std::this_thread::yield();
+    for (int64_t seen = delivered.load(); seen < n; seen = delivered.load()) delivered.wait(seen);
 }
 
 StrongRef<PreviewRendererInterface> Direct(
