@@ -101,7 +101,8 @@ private:
     void StartLocked(uint64_t id, const StrongRef<PreviewImageSchedulerEntry>& entry,
                      HashSet<uint64_t>& running, bool inserted, Pass& pass);
     // Under the lock: starts the next iteration of a task whose iteration has ended, when
-    // the dispatcher would start it next anyway, then completes the pass; false otherwise.
+    // the dispatcher would start it next anyway (after a priority task, the rest of the
+    // dispatcher pass runs too); false otherwise.
     bool RestartLocked(uint64_t id, Pass& pass);
     void Stop(bool cancel);
 

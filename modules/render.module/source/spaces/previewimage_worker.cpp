@@ -87,7 +87,7 @@ Result<void> PreviewImageSchedulerEntry::Start(const StrongRef<JobQueueInterface
     _interrupt.store(0);
     if (!_task) return IllegalArgumentError(KELVO_HERE, "Invalid user task");
     // The work holds the task by pointer, which fits in the function object (no allocation
-    // per iteration). The observer keeps it alive meanwhile: a job holds its observers until
+    // for the work). The observer keeps it alive meanwhile: a job holds its observers until
     // its work has ended. The observer lets go of it first thing, so that nothing of the
     // provider is held once a waiter for the job has returned.
     PreviewImageProviderTaskInterface* task = _task.get();
