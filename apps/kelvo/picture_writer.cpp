@@ -24,32 +24,33 @@ Result<void> Export(const std::string& target, const ImageInterface& image, cons
     });
 }
 
-// Copies the layer's rows into a new one-layer image in the given format and profile; the
-// layer's handler converts.
-Result<StrongRef<ImageInterface>> Converted(ImageLayerInterface& layer, StoredPixels to) {
-    const int64_t w = layer.GetWidth(), h = layer.GetHeight();
-    KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(w, h));
-    KELVO_ASSIGN_OR_RETURN(auto out, CreateImageLayer(w, h, to.format, to.profile));
-    KELVO_ASSIGN_OR_RETURN(auto reader, layer.GetPixelHandler(to.format, to.profile));
-    KELVO_ASSIGN_OR_RETURN(auto writer, out->SetPixelHandler(to.format, to.profile));
+// The image with every layer converted to the given format and profile (a format that
+// holds one layer warns about the others, as for any image); the layers' handlers convert.
+Result<StrongRef<ImageInterface>> Converted(const ImageInterface& image, StoredPixels to) {
+    const int64_t w = image.GetWidth(), h = image.GetHeight();
+    KELVO_ASSIGN_OR_RETURN(auto out, CreateImage(w, h));
     std::vector<uint8_t> row(size_t(w) * to.format.GetBytesPerPixel());
-    for (int64_t y = 0; y < h; ++y) {
-        KELVO_TRY(reader->GetPixels(0, y, w, row.data()));
-        KELVO_TRY(writer->SetPixels(0, y, w, row.data()));
+    for (int64_t i = 0; i < image.GetLayerCount(); ++i) {
+        StrongRef<ImageLayerInterface> layer = image.GetLayer(i);
+        KELVO_ASSIGN_OR_RETURN(auto copy, CreateImageLayer(w, h, to.format, to.profile));
+        KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(to.format, to.profile));
+        KELVO_ASSIGN_OR_RETURN(auto writer, copy->SetPixelHandler(to.format, to.profile));
+        for (int64_t y = 0; y < h; ++y) {
+            KELVO_TRY(reader->GetPixels(0, y, w, row.data()));
+            KELVO_TRY(writer->SetPixels(0, y, w, row.data()));
+        }
+        KELVO_TRY(out->AddLayer(copy));
     }
-    KELVO_TRY(image->AddLayer(out));
-    return image;
+    return out;
 }
 
 }  // namespace
 
-StoredPixels PicturePolicy(const Id& fileFormat, PixelFormat format) {
+StoredPixels PicturePolicy(const Id& fileFormat, PixelFormat format, COLORPROFILE profile) {
     if (fileFormat == kExrFormat)
         return {{format.channels, CHANNELTYPE::FLOAT32}, COLORPROFILE::LINEAR};
-    // TIFF holds whatever a pipeline works in: floats stay linear light, integers stay sRGB.
-    if (fileFormat == kTiffFormat)
-        return format.IsFloat() ? StoredPixels{format, COLORPROFILE::LINEAR}
-                                : StoredPixels{format, COLORPROFILE::SRGB};
+    // TIFF holds whatever a pipeline works in, and every layer as a page: nothing to convert.
+    if (fileFormat == kTiffFormat) return {format, profile};
     // The rest are for viewing: sRGB integers, 16-bit pictures keeping their precision.
     const CHANNELTYPE type =
         format.type == CHANNELTYPE::UINT16 ? CHANNELTYPE::UINT16 : CHANNELTYPE::UINT8;
@@ -74,7 +75,7 @@ Result<void> WritePicture(const std::string& target, const PictureView& picture,
     KELVO_ASSIGN_OR_RETURN(Id format, PictureFormatFor(target, options.format));
     const StoredPixels stored = options.keepPixelFormat
                                     ? StoredPixels{picture.format, picture.profile}
-                                    : PicturePolicy(format, picture.format);
+                                    : PicturePolicy(format, picture.format, picture.profile);
     KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(picture.width, picture.height));
     KELVO_ASSIGN_OR_RETURN(
         auto layer, CreateImageLayer(picture.width, picture.height, stored.format, stored.profile));
@@ -96,11 +97,12 @@ Result<void> WritePicture(const std::string& target, const ImageInterface& image
     if (!layer)
         return IllegalArgumentError(KELVO_HERE, "Invalid picture of @ x @.", image.GetWidth(),
                                     image.GetHeight());
-    const StoredPixels stored = PicturePolicy(format, layer->GetPixelFormat());
+    const StoredPixels stored =
+        PicturePolicy(format, layer->GetPixelFormat(), layer->GetColorProfile());
     if (options.keepPixelFormat ||
         (layer->GetPixelFormat() == stored.format && layer->GetColorProfile() == stored.profile))
         return Export(target, image, format, options.half);
-    KELVO_ASSIGN_OR_RETURN(auto converted, Converted(*layer, stored));
+    KELVO_ASSIGN_OR_RETURN(auto converted, Converted(image, stored));
     return Export(target, *converted, format, options.half);
 }
 

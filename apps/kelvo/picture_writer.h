@@ -2,7 +2,7 @@
 // here, so that a file of one format holds the same kind of values whichever command wrote
 // it:
 //   - OpenEXR keeps linear light in 32-bit floats (16-bit halves when asked);
-//   - TIFF keeps the pixels' own type: floats as linear light, integers as sRGB;
+//   - TIFF keeps the pixels as they are (and every layer of an image, as pages);
 //   - every other format (PNG, ...) gets sRGB integers, which any viewer shows right: 8-bit,
 //     or 16-bit for 16-bit pixels;
 //   - `keepPixelFormat` stores the pixels as given instead (a texture level written for
@@ -46,13 +46,13 @@ struct PictureOptions {
     bool half = false;             // OpenEXR: 16-bit half floats
 };
 
-// What the policy stores pixels of `format` as in a file of `fileFormat` (above); the
-// channels are kept.
+// What the policy stores pixels of `format` and `profile` as in a file of `fileFormat`
+// (above); the channels are kept.
 struct StoredPixels {
     PixelFormat format;
     COLORPROFILE profile;
 };
-StoredPixels PicturePolicy(const Id& fileFormat, PixelFormat format);
+StoredPixels PicturePolicy(const Id& fileFormat, PixelFormat format, COLORPROFILE profile);
 
 // The file format a picture written to `target` takes: `format` when given, else the first
 // registered format whose suffix the target has. Fails with "No file format writes @."
@@ -64,8 +64,8 @@ Result<Id> PictureFormatFor(const std::string& target, const Id& format = {});
 // CreateImage's range, with PictureFormatFor's errors and the export's own.
 Result<void> WritePicture(const std::string& target, const PictureView& picture,
                           const PictureOptions& options = {});
-// Writes layer 0 of the image to `target` by the policy (its pixels converted when the
-// policy stores another format).
+// Writes the image to `target` by the policy: as it is when the policy stores its first
+// layer's format and profile, else with every layer converted to what the policy stores.
 Result<void> WritePicture(const std::string& target, const ImageInterface& image,
                           const PictureOptions& options = {});
 

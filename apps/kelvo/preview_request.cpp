@@ -164,7 +164,7 @@ PreviewProgress PreviewInbox::Get(size_t slot) const {
 
 std::vector<PreviewProgress> PreviewInbox::GetAll() const {
     std::lock_guard lock(_lock);
-    return {_slots.begin(), _slots.end()};
+    return std::vector<PreviewProgress>(_slots.begin(), _slots.end());
 }
 
 size_t PreviewInbox::Size() const {

@@ -373,9 +373,8 @@ TEST_F(ImageCommandTest, ThePictureWriterStoresWhatEachFormatsViewersExpect) {
 
 TEST_F(ImageCommandTest, ThePictureWriterSkipsRowPaddingAndRefusesBadPicturesByName) {
     // Two rows of one pixel, 16 bytes apart.
-    std::vector<uint8_t> padded(19, 0);
-    padded[0] = 10, padded[1] = 20, padded[2] = 30, padded[16] = 40, padded[17] = 50;
-    padded[18] = 60;
+    const std::vector<uint8_t> padded = {10, 20, 30, 0, 0, 0, 0,  0,  0, 0,
+                                         0,  0,  0,  0, 0, 0, 40, 50, 60};
     PictureView view = PictureView::Of(1, 2, kPixelRgb8, padded.data());
     view.rowBytes = 16;
     ASSERT_TRUE(WritePicture(Path("p.png"), view).Ok());
