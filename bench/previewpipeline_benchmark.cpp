@@ -21,7 +21,9 @@ namespace {
 
 namespace REQUEST = nodes::PREVIEWIMAGEREQUEST;
 
-constexpr const char* kMaterial = R"({"model":"ggxbrdf","data":{"roughness":0.3}})";
+// The material {"model": "ggxbrdf", "data": {"roughness": 0.3}} as its typed entries.
+constexpr Id kGgxModel("net.kelvo.render.bsdflegacyclass.ggxbrdf");
+constexpr Id kRoughness("net.kelvo.render.bsdfdata.roughness");
 
 void Check(const Result<void>& r) {
     if (!r) {
@@ -47,7 +49,9 @@ StrongRef<nodes::PreviewImageRequestInterface> Request(int64_t size, int64_t cou
     Check(d.Set(REQUEST::RESULTCOMPLETEFUNC, *f));
     Check(d.Set(REQUEST::TEXTURESIZE, Vec2{double(size), double(size)}));
     Check(d.Set(REQUEST::ITERATIONCOUNT, count));
-    Check(d.Set(REQUEST::SUBJECT, std::string(kMaterial)));
+    Check(d.Set(PREVIEWMATERIAL::MODEL, kGgxModel));
+    Check(d.Set(kRoughness, 0.3));
+    Check(d.Set(REQUEST::SUBJECT, kLegacyMaterialNodeSpace));
     Check(d.Set(REQUEST::PROVIDER, kPreviewImageProviderClass));
     return *request;
 }
@@ -65,9 +69,9 @@ StrongRef<PreviewRendererInterface> Direct(
     s.width = s.height = size;
     s.caches = std::move(caches);
     PreviewMaterial m;
-    m.model = Id("net.kelvo.render.bsdflegacyclass.ggxbrdf");
+    m.model = kGgxModel;
     m.data = *NewObject<DataDictionary>();
-    Check(m.data->Set(Id("net.kelvo.render.bsdfdata.roughness"), 0.3));
+    Check(m.data->Set(kRoughness, 0.3));
     Check((*r)->Init(s, m, {}));
     return *r;
 }

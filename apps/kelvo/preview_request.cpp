@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "cli_common.h"
+#include "kelvo/legacy_renderers/previewmaterial_json.h"
 #include "kelvo/nodes/nodespace.h"
 #include "kelvo/previewmaterials.h"
 #include "kelvo/registry.h"
@@ -45,7 +46,8 @@ Result<PreviewMaterialInput> ParsePreviewMaterial(std::string_view text) {
     std::string label = "lambertbrdf";
     if (j.contains("model") && j["model"].is_string()) label = j["model"].get<std::string>();
     out.label = label.substr(label.rfind('.') + 1);
-    KELVO_TRY(out.material.Set(PREVIEWMATERIAL::JSON, j.dump()));
+    // The one reading of the material: the node space and the provider take typed entries.
+    KELVO_TRY(ReadPreviewMaterialJson(j, out.material));
     return out;
 }
 

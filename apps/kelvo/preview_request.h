@@ -45,11 +45,12 @@ namespace kelvo::cli {
 struct PreviewMaterialInput {
     std::string label;  // the model's last word ("lambertbrdf" when none is named)
     Id space;
-    DataDictionary material;  // what the space's configure function reads
+    DataDictionary material;  // its typed entries, what the space's configure function reads
 };
 
-// Reads a material. Fails with "Illegal argument: --material must be a JSON object." and
-// "space must be a string.".
+// Reads a material, once. Fails with "Illegal argument: --material must be a JSON object.",
+// "space must be a string." and the material's own errors ("Unknown material member '@'.",
+// "colour must be an array of 3 numbers.", ...).
 Result<PreviewMaterialInput> ParsePreviewMaterial(std::string_view text);
 
 struct PreviewRequestSettings {

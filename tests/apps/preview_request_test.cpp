@@ -1,6 +1,8 @@
 // The tool's preview requests, in-process: materials and settings read once with their
 // bounds, and an inbox whose waiting thread sleeps until a delivery or Ctrl-C and misses
 // none of them.
+#include "preview_request.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +13,6 @@
 
 #include "host.h"
 #include "kelvo/previewmaterials.h"
-#include "preview_request.h"
 
 namespace kelvo::cli {
 namespace {
@@ -36,9 +37,18 @@ TEST_F(PreviewRequestTest, MaterialsAndSettingsAreReadOnceWithTheirBoundsAndMess
     ASSERT_TRUE(m.Ok()) << m.GetError().Message();
     EXPECT_EQ(m->label, "ggxbrdf");
     EXPECT_EQ(m->space, Id("net.kelvo.x.y"));
-    // The space is the requester's business: the material passed on no longer names it.
-    EXPECT_EQ(m->material.Get<std::string>(PREVIEWMATERIAL::JSON),
-              R"({"model":"net.kelvo.render.bsdflegacyclass.ggxbrdf"})");
+    // The space is the requester's business: the material passed on holds the model alone,
+    // already typed.
+    EXPECT_EQ(m->material.Size(), 1u);
+    EXPECT_EQ(m->material.Get<Id>(PREVIEWMATERIAL::MODEL),
+              Id("net.kelvo.render.bsdflegacyclass.ggxbrdf"));
+    // The material is read here, once: its errors come before any request is built.
+    EXPECT_EQ(ParsePreviewMaterial(R"({"space": "net.kelvo.x.y", "color": [1, 1, 1]})")
+                  .GetError()
+                  .Message(),
+              "Illegal argument: Unknown material member 'color'.");
+    EXPECT_EQ(ParsePreviewMaterial(R"({"colour": [1, 1, "1"]})").GetError().Message(),
+              "Illegal argument: colour must be an array of 3 numbers.");
     m = ParsePreviewMaterial("{}");
     ASSERT_TRUE(m.Ok());
     EXPECT_EQ(m->label, "lambertbrdf");

@@ -6,11 +6,15 @@
 
 #include <chrono>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "host.h"
+#include "kelvo/legacy_renderers/previewmaterial_json.h"
 #include "kelvo/nodes/nodespace.h"
 #include "kelvo/nodes/previewimage.h"
 #include "kelvo/previewmaterials.h"
@@ -67,6 +71,11 @@ constexpr const char* kGgx =
 constexpr const char* kLambert = R"({"model":"lambertbrdf","colour":[0.2,0.6,0.9]})";
 constexpr const char* kOrenNayar = R"({"model":"orennayarbrdf"})";
 
+// The material's typed entries, read once from its text as a requester does.
+Result<void> ReadMaterial(const std::string& text, DataDictionary& into) {
+    return ReadPreviewMaterialJson(nlohmann::json::parse(text, nullptr, false), into);
+}
+
 class PreviewPipelineTest : public ::testing::Test {
 protected:
     void SetUp() override { LoadPreviewModule(); }
@@ -101,7 +110,10 @@ protected:
         (void)d.Set(REQUEST::RESULTCOMPLETEFUNC, *f);
         (void)d.Set(REQUEST::TEXTURESIZE, Vec2{double(size), double(size)});
         (void)d.Set(REQUEST::ITERATIONCOUNT, count);
-        (void)d.Set(REQUEST::SUBJECT, material);
+        if (!material.empty()) {
+            EXPECT_TRUE(ReadMaterial(material, d).Ok()) << material;
+            (void)d.Set(REQUEST::SUBJECT, kLegacyMaterialNodeSpace);
+        }
         (void)d.Set(REQUEST::PROVIDER, kPreviewImageProviderClass);
         if (priority) (void)d.Set(REQUEST::PURPOSE, int64_t(PREVIEWIMAGEPURPOSE::PRIORITY));
         return *request;
@@ -113,7 +125,7 @@ protected:
         settings.width = settings.height = size;
         PreviewMaterial m;
         PreviewLight light;
-        // The provider's own reading of the JSON is what is compared; only the model and
+        // The provider's own reading of the entries is what is compared; only the model and
         // colour of the three test materials matter here.
         auto made = CreateClass<PreviewRendererInterface>(kPreviewRendererClass);
         EXPECT_TRUE(made.Ok());
@@ -221,13 +233,22 @@ TEST_F(PreviewPipelineTest, TheLegacySpaceDerivesFromTheBaseAndConfiguresRequest
     auto configure = Query<ConfigurePreviewImageRequestInterface>(*f->Get<StrongRef<Object>>());
     ASSERT_TRUE(configure);
 
+    // An empty material is the default one; a typed material's entries reach the request as
+    // they are, and only its own: what the material holds beside them stays behind.
     DataDictionary material, request;
-    EXPECT_EQ(configure->Configure(material, request).GetError().Message(),
-              "Illegal argument: The material has no net.kelvo.preview.material.json.");
-    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::JSON, std::string(kGgx)).Ok());
-    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::SCENE, std::string("cube")).Ok());
     ASSERT_TRUE(configure->Configure(material, request).Ok());
-    EXPECT_EQ(request.Get<std::string>(REQUEST::SUBJECT), kGgx);
+    EXPECT_EQ(request.Get<Id>(REQUEST::SUBJECT), kLegacyMaterialNodeSpace);
+    EXPECT_FALSE(request.Contains(PREVIEWMATERIAL::MODEL));
+    ASSERT_TRUE(ReadMaterial(kGgx, material).Ok());
+    ASSERT_TRUE(material.Set(PREVIEWMATERIAL::SCENE, std::string("cube")).Ok());
+    ASSERT_TRUE(material.Set(REQUEST::PURPOSE, int64_t(PREVIEWIMAGEPURPOSE::PRIORITY)).Ok());
+    ASSERT_TRUE(configure->Configure(material, request).Ok());
+    EXPECT_EQ(request.Get<Id>(PREVIEWMATERIAL::MODEL),
+              Id("net.kelvo.render.bsdflegacyclass.ggxbrdf"));
+    EXPECT_EQ(request.Get<double>(Id("net.kelvo.render.bsdfdata.roughness")), 0.3);
+    EXPECT_EQ(request.Get<Col3>(PREVIEWMATERIAL::COLOUR), (Col3{0.8, 0.4, 0.2}));
+    EXPECT_FALSE(request.Contains(REQUEST::PURPOSE));
+    EXPECT_FALSE(request.Contains(PREVIEWMATERIAL::SCENE));
     EXPECT_EQ(request.Get<Id>(REQUEST::PROVIDER), kPreviewImageProviderClass);
     EXPECT_EQ(request.Get<std::string>(REQUEST::SCENETYPE), "cube");
     EXPECT_EQ(request.Get<int64_t>(REQUEST::ITERATIONCOUNT), kPreviewDefaultIterations);
@@ -248,35 +269,64 @@ TEST_F(PreviewPipelineTest, TheLegacySpaceDerivesFromTheBaseAndConfiguresRequest
     ExpectImage(a.last, Direct(kGgx, 2));
 }
 
-TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTextureEndsOnlyItsSwatch) {
-    Swatch s;
-    struct Case {
-        std::string material;
-        std::string scene;
-        int64_t count;
-        std::string error;
-    } cases[] = {
-        {R"({"color":[1,1,1]})", "sphere", 2, "Illegal argument: Unknown material member 'color'."},
-        {R"({"data":{"shine":1}})", "sphere", 2,
-         "Illegal argument: Unknown BSDF data key 'shine'."},
-        {"[1]", "sphere", 2, "Illegal argument: The material must be a JSON object."},
-        {R"({"environment":"dark"})", "sphere", 2,
+TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedWhenReadAndAnUnreadableTextureEndsOnlyItsSwatch) {
+    // Read once, by the requester: every message names the member at fault.
+    const std::pair<const char*, const char*> materials[] = {
+        {R"({"color":[1,1,1]})", "Illegal argument: Unknown material member 'color'."},
+        {R"({"data":{"shine":1}})", "Illegal argument: Unknown BSDF data key 'shine'."},
+        {R"({"data":{"roughness":"0.3"}})", "Illegal argument: roughness must be a number."},
+        {R"({"data":[0.3]})", "Illegal argument: data must be an object."},
+        {"[1]", "Illegal argument: The material must be a JSON object."},
+        {R"({"environment":"dark"})",
          "Illegal argument: environment must be an array of 3 numbers."},
-        {kLambert, "stage", 2,
-         "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."},
-        {kLambert, "sphere", 0, "Illegal argument: Invalid iteration count 0."},
+        {R"({"colour":[1,"1",1]})", "Illegal argument: colour must be an array of 3 numbers."},
+        {R"({"colour":[1,1]})", "Illegal argument: colour must be an array of 3 numbers."},
+        {R"({"model":3})", "Illegal argument: model must be a string."},
+        {R"({"textureMode":"trilinear"})",
+         "Illegal argument: Unknown texture mode 'trilinear' (nearest, bilinear, mipmap, "
+         "ripmap, summedarea)."},
+        {R"({"ies":null})", "Illegal argument: ies must be a string."},
     };
-    for (const Case& c : cases) {
-        auto r = Request("x", c.material, c.count, s);
-        (void)r->GetData()->Set(REQUEST::SCENETYPE, c.scene);
+    for (const auto& [text, error] : materials) {
+        DataDictionary entries;
+        Result<void> read = ReadMaterial(text, entries);
+        ASSERT_FALSE(read.Ok()) << text;
+        EXPECT_EQ(read.GetError().Message(), error) << text;
+    }
+    // Every member read to its type; the short model name made a full id.
+    DataDictionary entries;
+    ASSERT_TRUE(ReadMaterial(R"({"model":"net.kelvo.render.bsdflegacyclass.wardbrdf",
+        "textureMode":"ripmap","texture":"wood.png","ies":"spot.ies","environment":[1,2,3],
+        "data":{"simplemodel":true}})",
+                             entries)
+                    .Ok());
+    EXPECT_EQ(entries.Get<Id>(PREVIEWMATERIAL::MODEL),
+              Id("net.kelvo.render.bsdflegacyclass.wardbrdf"));
+    EXPECT_EQ(entries.Get<int64_t>(PREVIEWMATERIAL::TEXTUREMODE), int64_t(TEXTUREMODE::RIPMAP));
+    EXPECT_EQ(entries.Get<Col3>(PREVIEWMATERIAL::ENVIRONMENT), (Col3{1, 2, 3}));
+    EXPECT_TRUE(entries.Find(PREVIEWMATERIAL::TEXTURE)->Get<Url>());
+    EXPECT_TRUE(entries.Find(PREVIEWMATERIAL::IES)->Get<Url>());
+    EXPECT_TRUE(entries.Get<bool>(Id("net.kelvo.render.bsdfdata.simplemodel")));
+
+    // The request's own checks, at submit.
+    Swatch s;
+    const std::tuple<std::string, int64_t, std::string> requests[] = {
+        {"stage", 2, "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."},
+        {"sphere", 0, "Illegal argument: Invalid iteration count 0."},
+    };
+    for (const auto& [scene, count, error] : requests) {
+        auto r = Request("x", kLambert, count, s);
+        (void)r->GetData()->Set(REQUEST::SCENETYPE, scene);
         Result<void> submitted = r->Submit();
-        ASSERT_FALSE(submitted.Ok()) << c.material;
-        EXPECT_EQ(submitted.GetError().Message(), c.error);
+        ASSERT_FALSE(submitted.Ok()) << scene;
+        EXPECT_EQ(submitted.GetError().Message(), error);
     }
     auto none = Request("x", "", 2, s);
-    (void)none->GetData()->Set(REQUEST::SUBJECT, int64_t(1));
-    EXPECT_EQ(none->Submit().GetError().Message(),
-              "Illegal argument: The preview request has no material.");
+    for (Data subject : {Data(int64_t(1)), Data(std::string(kLambert)), Data()}) {
+        (void)none->GetData()->Set(REQUEST::SUBJECT, subject);
+        EXPECT_EQ(none->Submit().GetError().Message(),
+                  "Illegal argument: The preview request has no material.");
+    }
 
     // The texture is read by the first iteration: its error reaches the callback, naming
     // the file, and the swatch beside it renders to the end.

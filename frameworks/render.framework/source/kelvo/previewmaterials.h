@@ -3,13 +3,15 @@
 // image request for a material, and its preview image provider, whose task runs one
 // iteration of the preview renderer per pipeline iteration.
 //
-// A legacy material is a dictionary holding the renderer's JSON object under
-// PREVIEWMATERIAL::JSON, for example
+// A legacy material is a dictionary of typed entries, read once from the renderer's JSON
+// object (kelvo/legacy_renderers/previewmaterial_json.h), for example
 //   {"model": "ggxbrdf", "data": {"roughness": 0.3}, "colour": [0.8, 0.4, 0.2],
 //    "texture": "wood.png", "textureMode": "mipmap", "ies": "spot.ies",
 //    "environment": [1, 1, 1]}
-// ("model" a legacy BSDF class, by its last word or full id; "environment" the radiance of
-// the uniform surroundings; every member optional).
+// ("model" a legacy BSDF class, by its last word or full id; "data" the BSDF data record,
+// whose entries sit in the dictionary under their own keys; "environment" the radiance of
+// the uniform surroundings; every member optional, so an empty dictionary is the default
+// material).
 #pragma once
 
 #include "kelvo/id.h"
@@ -21,15 +23,26 @@ inline constexpr Id kPreviewImageProviderClass("net.kelvo.preview.previewimagepr
 
 // Attributes of a legacy material.
 namespace PREVIEWMATERIAL {
-// string: the material as the renderer's JSON object (above).
-inline constexpr Id JSON("net.kelvo.preview.material.json");
+// Id: the legacy BSDF class (the Lambert model when absent).
+inline constexpr Id MODEL("net.kelvo.preview.material.model");
+// Col3: multiplies the model's value; the environment's radiance (white when absent).
+inline constexpr Id COLOUR("net.kelvo.preview.material.colour");
+inline constexpr Id ENVIRONMENT("net.kelvo.preview.material.environment");
+// Url: the colour texture and the light's IES profile (none when absent).
+inline constexpr Id TEXTURE("net.kelvo.preview.material.texture");
+inline constexpr Id IES("net.kelvo.preview.material.ies");
+// int64: a TEXTUREMODE value (mipmap when absent).
+inline constexpr Id TEXTUREMODE("net.kelvo.preview.material.texturemode");
 // string: "open", "sphere", "cube" or "plane"; the sphere when absent.
 inline constexpr Id SCENE("net.kelvo.preview.material.scene");
+// What the node space copies into a request (SCENE goes to the request's SCENETYPE).
+inline constexpr Id kAttributes[] = {MODEL, COLOUR, ENVIRONMENT, TEXTURE, IES, TEXTUREMODE};
 }  // namespace PREVIEWMATERIAL
 
-// Request attributes the provider reads beside the pipeline's own: SUBJECT (string, the
-// material's JSON), SCENETYPE (string, a scene name), TEXTURESIZE (the rendered size) and
-// ITERATIONCOUNT (int64, 1 to 2^20; one sample per pixel each; 16 when absent).
+// Request attributes the provider reads beside the pipeline's own: SUBJECT (the Id
+// kLegacyMaterialNodeSpace: a legacy material, whose entries sit in the request beside it),
+// SCENETYPE (string, a scene name), TEXTURESIZE (the rendered size) and ITERATIONCOUNT (int64, 1 to
+// 2^20; one sample per pixel each; 16 when absent).
 namespace PREVIEWPROVIDERREQUEST {
 // int64: the renderer's seed (0 when absent).
 inline constexpr Id SEED("net.kelvo.preview.previewimagerequest.seed");

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "kelvo/legacy_renderers/previewmaterial_json.h"
 #include "kelvo/previewmaterials.h"
 #include "kelvo/previewrenderer.h"
 #include "kelvo/registry.h"
@@ -12,11 +13,10 @@ namespace REQUEST = nodes::PREVIEWIMAGEREQUEST;
 
 Result<void> ConfigureLegacyMaterialRequestImpl::Configure(const DataDictionary& material,
                                                            DataDictionary& request) {
-    const Data* json = material.Find(PREVIEWMATERIAL::JSON);
-    const std::string* text = json ? json->Get<std::string>() : nullptr;
-    if (!text)
-        return IllegalArgumentError(KELVO_HERE, "The material has no @.", PREVIEWMATERIAL::JSON);
-    KELVO_TRY(request.Set(REQUEST::SUBJECT, *text));
+    // The material's entries go into the request as they are: read once, never as text.
+    for (const auto& [key, value] : material)
+        if (IsPreviewMaterialEntry(key)) KELVO_TRY(request.Set(key, value));
+    KELVO_TRY(request.Set(REQUEST::SUBJECT, kLegacyMaterialNodeSpace));
     KELVO_TRY(request.Set(REQUEST::PROVIDER, kPreviewImageProviderClass));
     if (const Data* scene = material.Find(PREVIEWMATERIAL::SCENE)) {
         KELVO_TRY(request.Set(REQUEST::SCENETYPE, *scene));

@@ -9,10 +9,11 @@
 
 namespace kelvo::preview {
 
-// Fills a request for a legacy material: SUBJECT (the material's JSON), PROVIDER (this
-// module's provider class), SCENETYPE (the material's scene, the sphere by default) and
-// ITERATIONCOUNT (kPreviewDefaultIterations) where the request has none of its own. Fails with
-// "Illegal argument: The material has no @." without PREVIEWMATERIAL::JSON.
+// Fills a request for a legacy material: its typed entries (kelvo/previewmaterials.h),
+// SUBJECT (kLegacyMaterialNodeSpace), PROVIDER (this module's provider class), SCENETYPE
+// (the material's scene, the sphere by default) and ITERATIONCOUNT
+// (kPreviewDefaultIterations) where the request has none of its own. Any dictionary is a
+// material: an empty one is the default.
 class ConfigureLegacyMaterialRequestImpl final
     : public Implements<nodes::ConfigurePreviewImageRequestInterface> {
 public:

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "kelvo/registry.h"
-#include "previewimage/material_json.h"
+#include "previewimage/material_entries.h"
 
 namespace kelvo::preview {
 
@@ -41,10 +41,10 @@ Result<StrongRef<MicrofacetDistributionCachesInterface>> SharedCaches(StrongRef<
 Result<StrongRef<PreviewImageTaskImpl>> PreviewImageTaskImpl::Create(
     const DataDictionary& request) {
     KELVO_ASSIGN_OR_RETURN(StrongRef<PreviewImageTaskImpl> task, NewObject<PreviewImageTaskImpl>());
-    const Data* subject = request.Find(nodes::PREVIEWIMAGEREQUEST::SUBJECT);
-    const std::string* json = subject ? subject->Get<std::string>() : nullptr;
-    if (!json) return IllegalArgumentError(KELVO_HERE, "The preview request has no material.");
-    KELVO_TRY(ReadMaterialJson(*json, task->_material, task->_light, task->_settings.environment));
+    if (request.Get<Id>(nodes::PREVIEWIMAGEREQUEST::SUBJECT) != kLegacyMaterialNodeSpace)
+        return IllegalArgumentError(KELVO_HERE, "The preview request has no material.");
+    KELVO_TRY(
+        ReadMaterialEntries(request, task->_material, task->_light, task->_settings.environment));
 
     const std::string scene = request.Get<std::string>(
         nodes::PREVIEWIMAGEREQUEST::SCENETYPE, std::string(PreviewSceneName(PREVIEWSCENE::SPHERE)));

@@ -14,8 +14,8 @@ namespace kelvo::preview {
 
 class PreviewImageTaskImpl final : public Implements<nodes::PreviewImageProviderTaskInterface> {
 public:
-    // Reads the request (see kelvo/previewmaterials.h). Fails with "Illegal argument: The
-    // preview request has no material.", the material's JSON errors, "Illegal argument:
+    // Reads the request and the material's typed entries in it (see kelvo/previewmaterials.h).
+    // Fails with "Illegal argument: The preview request has no material.", "Illegal argument:
     // Unknown scene '@' (open, sphere, cube, plane)." and "Illegal argument: Invalid
     // iteration count @.".
     static Result<StrongRef<PreviewImageTaskImpl>> Create(const DataDictionary& request);
