@@ -249,6 +249,30 @@ TEST_F(PreviewPipelineTest, TheLegacySpaceDerivesFromTheBaseAndConfiguresRequest
     EXPECT_EQ(request.Get<Col3>(PREVIEWMATERIAL::COLOUR), (Col3{0.8, 0.4, 0.2}));
     EXPECT_FALSE(request.Contains(REQUEST::PURPOSE));
     EXPECT_FALSE(request.Contains(PREVIEWMATERIAL::SCENE));
+    // A requester holding only text: the space reads it once, its members winning over
+    // entries beside it; bad text touches nothing.
+    DataDictionary text, fromText;
+    ASSERT_TRUE(text.Set(PREVIEWMATERIAL::COLOUR, Col3{1, 1, 1}).Ok());
+    ASSERT_TRUE(text.Set(PREVIEWMATERIAL::JSON, std::string(kGgx)).Ok());
+    ASSERT_TRUE(configure->Configure(text, fromText).Ok());
+    EXPECT_EQ(fromText.Get<Col3>(PREVIEWMATERIAL::COLOUR), (Col3{0.8, 0.4, 0.2}));
+    EXPECT_EQ(fromText.Get<double>(Id("net.kelvo.render.bsdfdata.roughness")), 0.3);
+    EXPECT_FALSE(fromText.Contains(PREVIEWMATERIAL::JSON));
+    const std::pair<Data, const char*> badTexts[] = {
+        {std::string(R"({"colour":[1,)"),
+         "Illegal argument: The material is not valid JSON (byte 13)."},
+        {std::string(R"({"colour": [1e999, 1, 1]})"),
+         "Illegal argument: The material holds a number beyond the range of doubles."},
+        {std::string(R"({"colour": [1, 1]})"),
+         "Illegal argument: colour must be an array of 3 numbers."},
+        {int64_t(3), "Illegal argument: net.kelvo.preview.material.json must be a string."},
+    };
+    for (const auto& [bad, error] : badTexts) {
+        DataDictionary given, filled;
+        ASSERT_TRUE(given.Set(PREVIEWMATERIAL::JSON, bad).Ok());
+        EXPECT_EQ(configure->Configure(given, filled).GetError().Message(), error);
+        EXPECT_FALSE(filled.Contains(PREVIEWMATERIAL::COLOUR));
+    }
     EXPECT_EQ(request.Get<Id>(REQUEST::PROVIDER), kPreviewImageProviderClass);
     EXPECT_EQ(request.Get<std::string>(REQUEST::SCENETYPE), "cube");
     EXPECT_EQ(request.Get<int64_t>(REQUEST::ITERATIONCOUNT), kPreviewDefaultIterations);

@@ -33,6 +33,10 @@ inline constexpr Id TEXTURE("net.kelvo.preview.material.texture");
 inline constexpr Id IES("net.kelvo.preview.material.ies");
 // int64: a TEXTUREMODE value (mipmap when absent).
 inline constexpr Id TEXTUREMODE("net.kelvo.preview.material.texturemode");
+// string: the whole material as the JSON object above, for a requester that holds only
+// text. The node space reads it into the entries once (they win over entries beside it);
+// nothing after the space sees text.
+inline constexpr Id JSON("net.kelvo.preview.material.json");
 // string: "open", "sphere", "cube" or "plane"; the sphere when absent.
 inline constexpr Id SCENE("net.kelvo.preview.material.scene");
 // What the node space copies into a request (SCENE goes to the request's SCENETYPE).

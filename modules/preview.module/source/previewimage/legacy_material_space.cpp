@@ -1,5 +1,6 @@
 #include "previewimage/legacy_material_space.h"
 
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "kelvo/legacy_renderers/previewmaterial_json.h"
@@ -11,11 +12,43 @@ namespace kelvo::preview {
 
 namespace REQUEST = nodes::PREVIEWIMAGEREQUEST;
 
+namespace {
+
+// A material given as text: parsed here, once, into the request's entries (none of them
+// when the text fails).
+Result<void> ReadMaterialText(const std::string& text, DataDictionary& request) {
+    using nlohmann::json;
+    return CatchOutOfMemory([&]() -> Result<void> {
+        json j;
+        try {
+            j = json::parse(text);
+        } catch (const json::out_of_range&) {
+            return IllegalArgumentError(KELVO_HERE,
+                                        "The material holds a number beyond the range of doubles.");
+        } catch (const json::parse_error& e) {
+            return IllegalArgumentError(KELVO_HERE, "The material is not valid JSON (byte @).",
+                                        e.byte);
+        }
+        DataDictionary entries;
+        KELVO_TRY(ReadPreviewMaterialJson(j, entries));
+        for (const auto& [key, value] : entries) KELVO_TRY(request.Set(key, value));
+        return OK();
+    });
+}
+
+}  // namespace
+
 Result<void> ConfigureLegacyMaterialRequestImpl::Configure(const DataDictionary& material,
                                                            DataDictionary& request) {
     // The material's entries go into the request as they are: read once, never as text.
     for (const auto& [key, value] : material)
         if (IsPreviewMaterialEntry(key)) KELVO_TRY(request.Set(key, value));
+    if (const Data* json = material.Find(PREVIEWMATERIAL::JSON)) {
+        const std::string* text = json->Get<std::string>();
+        if (!text)
+            return IllegalArgumentError(KELVO_HERE, "@ must be a string.", PREVIEWMATERIAL::JSON);
+        KELVO_TRY(ReadMaterialText(*text, request));
+    }
     KELVO_TRY(request.Set(REQUEST::SUBJECT, kLegacyMaterialNodeSpace));
     KELVO_TRY(request.Set(REQUEST::PROVIDER, kPreviewImageProviderClass));
     if (const Data* scene = material.Find(PREVIEWMATERIAL::SCENE)) {

@@ -13,7 +13,10 @@ namespace kelvo::preview {
 // SUBJECT (kLegacyMaterialNodeSpace), PROVIDER (this module's provider class), SCENETYPE
 // (the material's scene, the sphere by default) and ITERATIONCOUNT
 // (kPreviewDefaultIterations) where the request has none of its own. Any dictionary is a
-// material: an empty one is the default.
+// material: an empty one is the default. A material given as text (PREVIEWMATERIAL::JSON)
+// fails here with "Illegal argument: The material is not valid JSON (byte @).", "Illegal
+// argument: The material holds a number beyond the range of doubles." and the reader's
+// errors (kelvo/legacy_renderers/previewmaterial_json.h).
 class ConfigureLegacyMaterialRequestImpl final
     : public Implements<nodes::ConfigurePreviewImageRequestInterface> {
 public:
