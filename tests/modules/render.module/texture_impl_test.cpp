@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "host.h"
+#include "implementation/texture_kernels.h"
 #include "kelvo/registry.h"
 #include "texture_test_util.h"
 
