@@ -3,13 +3,14 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <system_error>
 #include <vector>
 
 #include "../image_test_util.h"
-#include "../modules/render.module/ies_test_util.h"
 #include "cli_common.h"
+#include "cli_test_util.h"
 #include "host.h"
 #include "kelvo/mediasession_output.h"
 
@@ -137,6 +138,20 @@ TEST(KelvoToolTest, ModulesAndConfigShowWhatTheModuleDeclares) {
     for (const char* id : {"net.kelvo.render.ray", "net.kelvo.render.registry.cameraclasses",
                            "g_polygonIntersection", "net.kelvo.render.interface.rendergeneral"})
         EXPECT_NE(modules.out.find(id), std::string::npos) << id;
+    // Classes reached by id alone are listed after the registries, each once.
+    const size_t outside = modules.out.find("\noutside any registry (");
+    ASSERT_NE(outside, std::string::npos) << modules.out;
+    for (const char* line :
+         {"net.kelvo.class.nodespace.base  [class]",
+          "net.kelvo.nodes.class.materialexchange.default  [class]",
+          "net.kelvo.nodes.class.previewimagerequest  [class]", "TextureImpl  [component]"})
+        EXPECT_NE(modules.out.find(std::string("\n  ") + line + "\n", outside), std::string::npos)
+            << line;
+    auto listed = nlohmann::json::parse(Kelvo("modules --json").out)["outsideRegistries"];
+    std::set<std::string> ids;
+    for (const auto& e : listed) EXPECT_TRUE(ids.insert(e["id"].get<std::string>()).second) << e;
+    EXPECT_TRUE(ids.count("net.kelvo.nodes.class.previewimagerequest"));
+    EXPECT_FALSE(ids.count("net.kelvo.render.cameraclass.perspective"));  // in a registry
 
     ToolRun config = Kelvo("config --json");
     ASSERT_EQ(config.status, 0) << config.out;

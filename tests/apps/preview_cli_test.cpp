@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "../modules/render.module/ies_test_util.h"
+#include "cli_test_util.h"
 
 namespace kelvo::cli {
 namespace {

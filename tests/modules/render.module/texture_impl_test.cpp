@@ -11,7 +11,7 @@
 
 namespace kelvo {
 namespace {
-using namespace texture_test;
+using namespace testing_texture;
 
 // A plain reference: a level as components, halved with clamped neighbours.
 template <typename T>
