@@ -3,12 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <system_error>
+#include <vector>
 
 #include "json_text.h"
 
@@ -19,6 +21,56 @@ using nlohmann::json;
 int Fail(const Error& error) {
     std::cerr << "kelvo: " << error.Message() << '\n';
     return 1;
+}
+
+namespace {
+// Edits (insertions, deletions, substitutions, swaps of neighbours) from a to b.
+size_t EditDistance(std::string_view a, std::string_view b) {
+    std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+    for (size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+    for (size_t i = 1; i <= a.size(); ++i)
+        for (size_t j = 1; j <= b.size(); ++j) {
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
+                                d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+        }
+    return d[a.size()][b.size()];
+}
+}  // namespace
+
+Error UnknownCommandError(const CLI::App& app) {
+    const CLI::App* command = &app;
+    std::string path = app.get_name();
+    for (;;) {
+        auto given = command->get_subcommands();
+        if (given.empty()) break;
+        command = given.front();
+        path += " " + command->get_name();
+    }
+    auto names = command->get_subcommands([](const CLI::App*) { return true; });
+    const auto left = command->remaining(false);
+    if (names.empty() || left.empty() || left.front().empty() || left.front()[0] == '-') return {};
+    const std::string& word = left.front();
+    // Suggested only when close: at most two edits, and fewer than the word has letters.
+    size_t best = std::min<size_t>(2, word.size() - 1);
+    std::vector<std::string> nearest;
+    for (const CLI::App* sub : names) {
+        const size_t d = EditDistance(word, sub->get_name());
+        if (d > best) continue;
+        if (d < best) nearest.clear();
+        best = d;
+        nearest.push_back(sub->get_name());
+    }
+    std::string message =
+        "'" + word + "' is not a " + path + " command. See '" + path + " --help'.";
+    if (!nearest.empty()) {
+        message += nearest.size() == 1 ? "\n\nThe most similar command is"
+                                       : "\n\nThe most similar commands are";
+        for (const auto& n : nearest) message += "\n\t" + n;
+    }
+    return UnexpectedError(KELVO_HERE, "@", message);
 }
 
 namespace {
