@@ -34,12 +34,16 @@ function(kelvo_add_module name)
   target_link_options(${name} PRIVATE -Wl,--version-script=${KELVO_EXPORT_MAP}
     $<$<NOT:$<AND:$<CXX_COMPILER_ID:Clang>,$<CONFIG:Asan,Tsan>>>:-Wl,--no-undefined>)
   install(TARGETS ${name} LIBRARY DESTINATION lib/kelvo/modules/${ARG_FOLDER})
-  if(NOT ARG_WHITEBOX)
-    set(ARG_WHITEBOX ${name}_objects)
-  endif()
   add_library(${name}_whitebox INTERFACE)
   target_include_directories(${name}_whitebox INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/source)
-  target_link_libraries(${name}_whitebox INTERFACE ${ARG_WHITEBOX} kelvo::host)
+  if(ARG_WHITEBOX)
+    target_link_libraries(${name}_whitebox INTERFACE ${ARG_WHITEBOX} kelvo::host)
+  else()
+    # An object library named in an interface passes on its usage requirements only, so
+    # its objects are handed on as sources.
+    target_sources(${name}_whitebox INTERFACE $<TARGET_OBJECTS:${name}_objects>)
+    target_link_libraries(${name}_whitebox INTERFACE ${name}_objects kelvo::host)
+  endif()
 endfunction()
 set(KELVO_EXPORT_MAP ${CMAKE_SOURCE_DIR}/cmake/module_exports.map)
 
