@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "kelvo/description_slots.h"
 #include "kelvo/id.h"
@@ -114,4 +115,5 @@ extern void (*g_CpuYieldDelegate)();
                             {}};                                                   \
     __attribute__((visibility("default"))) void (*g_CpuYieldDelegate)() = nullptr; \
     }                                                                              \
-    static_assert(sizeof(dependencies) > 0, "a module lists its framework dependencies")
+    static_assert(std::extent_v<decltype(dependencies)> > 0,                       \
+                  "dependencies must be an array of framework ids")
