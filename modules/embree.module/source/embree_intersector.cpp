@@ -137,28 +137,48 @@ float FloatAbove(double d) {
     return double(f) < d ? std::nextafter(f, std::numeric_limits<float>::infinity()) : f;
 }
 
-// Fills an Embree ray; false for a ray that cannot hit anything.
-bool SetRay(RTCRay& out, const Ray& ray, const RayLimits& limits, unsigned id) {
+// Embree stops the process on a ray with a coordinate beyond about 1.8e18 (its own
+// validity assertion). Directions are rescaled by a power of two into a safe range, which
+// is exact and leaves the distances to scale back; an origin that far out is refused.
+constexpr double kLargestOrigin = 1.0e18;
+constexpr double kLongestDirection = 0x1p40, kShortestDirection = 0x1p-40;
+
+// Fills an Embree ray; false for a ray that cannot hit anything. Embree's distances along
+// the stored direction are ldexp(t, shift) along `ray`'s.
+bool SetRay(RTCRay& out, const Ray& ray, const RayLimits& limits, unsigned id, int& shift) {
     const Vec3& o = ray.origin;
-    const Vec3& d = ray.direction;
-    bool usable = std::isfinite(o.x) && std::isfinite(o.y) && std::isfinite(o.z) &&
-                  std::isfinite(d.x) && std::isfinite(d.y) && std::isfinite(d.z) &&
-                  (d.x != 0.0 || d.y != 0.0 || d.z != 0.0) && limits.tmax >= limits.tmin &&
+    Vec3 d = ray.direction;
+    const double longest = std::max({std::abs(d.x), std::abs(d.y), std::abs(d.z)});
+    bool usable = std::abs(o.x) <= kLargestOrigin && std::abs(o.y) <= kLargestOrigin &&
+                  std::abs(o.z) <= kLargestOrigin && std::isfinite(d.x) && std::isfinite(d.y) &&
+                  std::isfinite(d.z) && longest > 0.0 && limits.tmax >= limits.tmin &&
                   limits.tmax >= 0.0;
+    double tmin = std::max(limits.tmin, 0.0), tmax = limits.tmax;
+    shift = 0;
+    if (usable && (longest > kLongestDirection || longest < kShortestDirection)) {
+        std::frexp(longest, &shift);  // the longest component lands in [0.5, 1)
+        d = {std::ldexp(d.x, -shift), std::ldexp(d.y, -shift), std::ldexp(d.z, -shift)};
+        tmin = std::ldexp(tmin, shift);
+        tmax = std::ldexp(tmax, shift);
+        shift = -shift;
+    }
     out.org_x = float(o.x);
     out.org_y = float(o.y);
     out.org_z = float(o.z);
     out.dir_x = float(d.x);
     out.dir_y = float(d.y);
     out.dir_z = float(d.z);
-    out.tnear = FloatAbove(std::max(limits.tmin, 0.0));
-    out.tfar = FloatBelow(limits.tmax);
+    out.tnear = FloatAbove(tmin);
+    out.tfar = FloatBelow(tmax);
     out.time = 0.0f;
     out.mask = ~0u;
     out.id = id;
     out.flags = 0;
     if (!usable) {
-        // Inactive for Embree's packet calls: tnear beyond tfar.
+        // Inactive for Embree's packet calls: tnear beyond tfar, and nothing Embree rejects.
+        out.org_x = out.org_y = out.org_z = 0.0f;
+        out.dir_x = out.dir_y = 0.0f;
+        out.dir_z = 1.0f;
         out.tnear = 1.0f;
         out.tfar = 0.0f;
     }
@@ -327,12 +347,13 @@ public:
         if (!_scene) return false;
         QueryContext context = MakeContext(&limits, 1, RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT);
         RTCRayHit rayHit;
-        if (!SetRay(rayHit.ray, ray, limits, 0)) return false;
+        int shift = 0;
+        if (!SetRay(rayHit.ray, ray, limits, 0, shift)) return false;
         rayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
         rayHit.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
         rtcIntersect1(_scene, &context.base, &rayHit);
         if (rayHit.hit.geomID == RTC_INVALID_GEOMETRY_ID) return false;
-        FillHit(ray, rayHit, hit);
+        FillHit(ray, rayHit, shift, hit);
         return true;
     }
 
@@ -340,7 +361,8 @@ public:
         if (!_scene) return false;
         QueryContext context = MakeContext(&limits, 1, RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT);
         RTCRay embreeRay;
-        if (!SetRay(embreeRay, ray, limits, 0)) return false;
+        int shift = 0;
+        if (!SetRay(embreeRay, ray, limits, 0, shift)) return false;
         rtcOccluded1(_scene, &context.base, &embreeRay);
         return embreeRay.tfar == -std::numeric_limits<float>::infinity();
     }
@@ -348,12 +370,13 @@ public:
     void IntersectPacket(const Ray* rays, const RayLimits* limits, IntersectionResult64* hits,
                          size_t count) const override {
         RTCRayHit chunk[kStreamChunk];
+        int shifts[kStreamChunk];
         for (size_t start = 0; start < count; start += kStreamChunk) {
             size_t n = std::min(kStreamChunk, count - start);
             for (size_t i = 0; i < n; ++i) hits[start + i] = IntersectionResult64{};
             if (!_scene) continue;
             for (size_t i = 0; i < n; ++i) {
-                SetRay(chunk[i].ray, rays[start + i], limits[start + i], unsigned(i));
+                SetRay(chunk[i].ray, rays[start + i], limits[start + i], unsigned(i), shifts[i]);
                 chunk[i].hit.geomID = RTC_INVALID_GEOMETRY_ID;
                 chunk[i].hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
             }
@@ -362,7 +385,7 @@ public:
             rtcIntersect1M(_scene, &context.base, chunk, unsigned(n), sizeof(RTCRayHit));
             for (size_t i = 0; i < n; ++i)
                 if (chunk[i].hit.geomID != RTC_INVALID_GEOMETRY_ID)
-                    FillHit(rays[start + i], chunk[i], hits[start + i]);
+                    FillHit(rays[start + i], chunk[i], shifts[i], hits[start + i]);
         }
     }
 
@@ -375,8 +398,9 @@ public:
                 std::fill(occluded + start, occluded + start + n, false);
                 continue;
             }
+            int shift = 0;  // occlusion has no distance to scale back
             for (size_t i = 0; i < n; ++i)
-                SetRay(chunk[i], rays[start + i], limits[start + i], unsigned(i));
+                SetRay(chunk[i], rays[start + i], limits[start + i], unsigned(i), shift);
             QueryContext context =
                 MakeContext(limits + start, n, RTC_INTERSECT_CONTEXT_FLAG_COHERENT);
             rtcOccluded1M(_scene, &context.base, chunk, unsigned(n), sizeof(RTCRay));
@@ -426,7 +450,9 @@ private:
         }
     }
 
-    void FillHit(const Ray& ray, const RTCRayHit& rayHit, IntersectionResult64& hit) const {
+    // `shift` turns Embree's distance into one along the caller's direction (SetRay).
+    void FillHit(const Ray& ray, const RTCRayHit& rayHit, int shift,
+                 IntersectionResult64& hit) const {
         unsigned objectIndex = rayHit.hit.instID[0] != RTC_INVALID_GEOMETRY_ID
                                    ? rayHit.hit.instID[0]
                                    : rayHit.hit.geomID;
@@ -458,7 +484,7 @@ private:
         // millionths of the triangle's size; the ray meets the triangle's plane far more
         // precisely in double. Grazing rays keep Embree's answer.
         const Vec3 normal = Cross(p1 - p0, p2 - p0);
-        hit.distance = double(rayHit.ray.tfar);
+        hit.distance = std::ldexp(double(rayHit.ray.tfar), shift);
         Vec3 position = p0 * w + p1 * u + p2 * v;
         const Vec3 origin =
             object.identity ? ray.origin : object.inverse.TransformPoint(ray.origin);
