@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "cli_common.h"
+#include "host.h"
 #include "kelvo/image.h"
 #include "kelvo/mediasession_fileformats.h"
 #include "kelvo/mediasession_output.h"
@@ -35,19 +36,30 @@ constexpr int64_t kMaxIterations = int64_t(1) << 20;
 
 // Set by Ctrl-C while a sheet renders.
 std::atomic<bool> g_interrupted{false};
-extern "C" void OnInterrupt(int /*signal*/) { g_interrupted.store(true); }
+// A swatch's texture or light profile may come from a pipe that never sends: its read is
+// interrupted too, so that the run can let go of the swatch.
+extern "C" void OnInterrupt(int /*signal*/) {
+    g_interrupted.store(true);
+    host::InterruptInputs(true);
+}
 
-// Ctrl-C stops the run instead of the process while this lives.
+// Ctrl-C stops the run instead of the process while this lives; a second Ctrl-C ends the
+// process as usual.
 class InterruptGuard {
 public:
     InterruptGuard() {
         g_interrupted.store(false);
+        host::InterruptInputs(false);
         struct sigaction action {};
         action.sa_handler = &OnInterrupt;
+        action.sa_flags = SA_RESETHAND;
         sigemptyset(&action.sa_mask);
         sigaction(SIGINT, &action, &_previous);
     }
-    ~InterruptGuard() { sigaction(SIGINT, &_previous, nullptr); }
+    ~InterruptGuard() {
+        sigaction(SIGINT, &_previous, nullptr);
+        host::InterruptInputs(false);
+    }
     InterruptGuard(const InterruptGuard&) = delete;
     InterruptGuard& operator=(const InterruptGuard&) = delete;
 
