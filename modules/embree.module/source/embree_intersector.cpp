@@ -141,16 +141,18 @@ float FloatAbove(double d) {
 // validity assertion). Directions are rescaled by a power of two into a safe range, which
 // is exact and leaves the distances to scale back; an origin that far out is refused.
 constexpr double kLargestOrigin = 1.0e18;
+constexpr double kEmbreeLargest = 1.7e18;  // a margin below Embree's 1.844e18
 constexpr double kLongestDirection = 0x1p40, kShortestDirection = 0x1p-40;
 
 // Fills an Embree ray; false for a ray that cannot hit anything. Embree's distances along
 // the stored direction are ldexp(t, shift) along `ray`'s.
-bool SetRay(RTCRay& out, const Ray& ray, const RayLimits& limits, unsigned id, int& shift) {
+bool SetRay(RTCRay& out, const Ray& ray, const RayLimits& limits, unsigned id, int& shift,
+            double originLimit) {
     const Vec3& o = ray.origin;
     Vec3 d = ray.direction;
     const double longest = std::max({std::abs(d.x), std::abs(d.y), std::abs(d.z)});
-    bool usable = std::abs(o.x) <= kLargestOrigin && std::abs(o.y) <= kLargestOrigin &&
-                  std::abs(o.z) <= kLargestOrigin && std::isfinite(d.x) && std::isfinite(d.y) &&
+    bool usable = std::abs(o.x) <= originLimit && std::abs(o.y) <= originLimit &&
+                  std::abs(o.z) <= originLimit && std::isfinite(d.x) && std::isfinite(d.y) &&
                   std::isfinite(d.z) && longest > 0.0 && limits.tmax >= limits.tmin &&
                   limits.tmax >= 0.0;
     double tmin = std::max(limits.tmin, 0.0), tmax = limits.tmax;
@@ -183,6 +185,26 @@ bool SetRay(RTCRay& out, const Ray& ray, const RayLimits& limits, unsigned id, i
         out.tfar = 0.0f;
     }
     return usable;
+}
+
+// How far out on any axis a ray may start so that Embree, moving it into the frame of an
+// instance placed by these single-precision columns, still stays within its limits; 0 for
+// a placement that cannot be traced (singular or extreme once rounded to float).
+double InstanceReach(const float columns[12]) {
+    const Vec3 x{columns[0], columns[1], columns[2]}, y{columns[3], columns[4], columns[5]},
+        z{columns[6], columns[7], columns[8]};
+    const double det = Dot(x, Cross(y, z));
+    if (det == 0.0 || !std::isfinite(det)) return 0.0;
+    // The inverse's rows are these cross products over the determinant.
+    double rows = 0.0;
+    for (const Vec3& r : {Cross(y, z), Cross(z, x), Cross(x, y)})
+        rows = std::max(rows, (std::abs(r.x) + std::abs(r.y) + std::abs(r.z)) / std::abs(det));
+    const double offset =
+        std::max({std::abs(columns[9]), std::abs(columns[10]), std::abs(columns[11])});
+    // Directions (below 1 per component) must stay far inside the range too.
+    if (!std::isfinite(rows) || rows > 1e17 || !std::isfinite(offset)) return 0.0;
+    const double reach = std::min(kLargestOrigin, kEmbreeLargest / rows - offset);
+    return reach >= 1.0 ? reach : 0.0;
 }
 
 Vec3 ToDouble(const Vec3f& v) { return {double(v.x), double(v.y), double(v.z)}; }
@@ -320,6 +342,14 @@ public:
                     float(m.xAxis.x), float(m.xAxis.y),  float(m.xAxis.z),  float(m.yAxis.x),
                     float(m.yAxis.y), float(m.yAxis.z),  float(m.zAxis.x),  float(m.zAxis.y),
                     float(m.zAxis.z), float(m.offset.x), float(m.offset.y), float(m.offset.z)};
+                // Embree inverts the placement in float and asserts on the rays it moves
+                // with it: a placement singular or extreme in float hides its copy.
+                const double reach = InstanceReach(columnMajor);
+                if (reach == 0.0) {
+                    rtcReleaseGeometry(geometry);
+                    continue;
+                }
+                _originLimit = std::min(_originLimit, reach);
                 rtcSetGeometryTransform(geometry, 0, RTC_FORMAT_FLOAT3X4_COLUMN_MAJOR, columnMajor);
                 rtcCommitGeometry(geometry);
             }
@@ -348,7 +378,7 @@ public:
         QueryContext context = MakeContext(&limits, 1, RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT);
         RTCRayHit rayHit;
         int shift = 0;
-        if (!SetRay(rayHit.ray, ray, limits, 0, shift)) return false;
+        if (!SetRay(rayHit.ray, ray, limits, 0, shift, _originLimit)) return false;
         rayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
         rayHit.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
         rtcIntersect1(_scene, &context.base, &rayHit);
@@ -362,7 +392,7 @@ public:
         QueryContext context = MakeContext(&limits, 1, RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT);
         RTCRay embreeRay;
         int shift = 0;
-        if (!SetRay(embreeRay, ray, limits, 0, shift)) return false;
+        if (!SetRay(embreeRay, ray, limits, 0, shift, _originLimit)) return false;
         rtcOccluded1(_scene, &context.base, &embreeRay);
         return embreeRay.tfar == -std::numeric_limits<float>::infinity();
     }
@@ -376,7 +406,8 @@ public:
             for (size_t i = 0; i < n; ++i) hits[start + i] = IntersectionResult64{};
             if (!_scene) continue;
             for (size_t i = 0; i < n; ++i) {
-                SetRay(chunk[i].ray, rays[start + i], limits[start + i], unsigned(i), shifts[i]);
+                SetRay(chunk[i].ray, rays[start + i], limits[start + i], unsigned(i), shifts[i],
+                       _originLimit);
                 chunk[i].hit.geomID = RTC_INVALID_GEOMETRY_ID;
                 chunk[i].hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
             }
@@ -400,7 +431,8 @@ public:
             }
             int shift = 0;  // occlusion has no distance to scale back
             for (size_t i = 0; i < n; ++i)
-                SetRay(chunk[i], rays[start + i], limits[start + i], unsigned(i), shift);
+                SetRay(chunk[i], rays[start + i], limits[start + i], unsigned(i), shift,
+                       _originLimit);
             QueryContext context =
                 MakeContext(limits + start, n, RTC_INTERSECT_CONTEXT_FLAG_COHERENT);
             rtcOccluded1M(_scene, &context.base, chunk, unsigned(n), sizeof(RTCRay));
@@ -444,6 +476,7 @@ private:
     void ReleaseScene() {
         if (_scene) rtcReleaseScene(_scene);
         _scene = nullptr;
+        _originLimit = kLargestOrigin;
         for (Mesh& mesh : _meshes) {
             if (mesh.scene) rtcReleaseScene(mesh.scene);
             mesh.scene = nullptr;
@@ -535,6 +568,8 @@ private:
     const Engine& _engine;
     std::shared_ptr<Device> _device;
     RTCScene _scene = nullptr;
+    // How far out rays may start in the committed scene (InstanceReach of its instances).
+    double _originLimit = kLargestOrigin;
     Vector<Mesh> _meshes;
     Vector<SceneObject> _objects;
 };

@@ -272,6 +272,30 @@ TEST_P(IntersectorTest, RaysOfExtremeMagnitude) {
     EXPECT_FALSE(scene->Occluded(broken, {}));
 }
 
+// Embree inverts an instance's placement in float and moves rays with it: a placement that
+// is singular or extreme once rounded to float must hide its copy, not stop the process.
+TEST_F(EmbreeModuleTest, PlacementsSingularInFloatHideTheirCopy) {
+    for (const Id& engine : {kEmbreeIntersectionClass, kEmbreeSingleIntersectionClass}) {
+        auto scene = Create(engine);
+        OwnedTriangleMesh square = MakeSquareMesh(1.0);
+        int32_t mesh = *scene->AddMesh(square.View());
+        ASSERT_TRUE(scene->AddInstance(mesh, Matrix{{0, 0, -2}}).Ok());
+        ASSERT_TRUE(
+            scene->AddInstance(mesh, Matrix{{0, 0, 0}, {1e-314, 0, 0}, {0, 1, 0}, {0, 0, 1}}).Ok());
+        ASSERT_TRUE(
+            scene->AddInstance(mesh, Matrix{{0, 0, 1}, {1e-30, 0, 0}, {0, 1e-30, 0}, {0, 0, 1e-30}})
+                .Ok());
+        ASSERT_TRUE(scene->Commit().Ok());
+        IntersectionResult64 hit;
+        for (const Vec3& origin : {Vec3{0, 0.5, 5}, Vec3{0, 0, 5}, Vec3{1e-20, 0, 0.5}}) {
+            ASSERT_TRUE(scene->Intersect(MakeRay(origin, {0, 0, -1}), {}, hit)) << origin.z;
+            EXPECT_EQ(hit.objectIndex, 0);
+            EXPECT_NEAR(hit.distance, origin.z + 2, 1e-9);
+            EXPECT_TRUE(scene->Occluded(MakeRay(origin, {0, 0, -1}), {}));
+        }
+    }
+}
+
 TEST_P(IntersectorTest, OcclusionAndPacketsAgreeWithSingleClosestHits) {
     std::vector<Ray> rays;
     std::vector<RayLimits> limits;
