@@ -4,10 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <system_error>
 #include <vector>
@@ -379,6 +380,44 @@ Error AboutTarget(const Error& e, const std::string& temp, const std::string& ta
     if (e.Kind() == ERRORKIND::OUTOFMEMORY) return e;
     return Error(e.Kind(), e.Location(), replace(e.Message()), replace(e.Url()));
 }
+
+// The process's file-creation mask, read without changing it (umask() would, for a moment,
+// for every thread).
+mode_t CreationMask() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("Umask:", 0) == 0) return mode_t(std::strtoul(line.c_str() + 6, nullptr, 8));
+    return 022;
+}
+
+// A new, empty file beside `real` that nobody can have prepared: its name has a random
+// part and it is created exclusively, as mkstemp does, so a link or file planted under
+// the name is never opened. It keeps `real`'s suffix, so that the format is chosen alike,
+// and gives up letters of the stem to stay within the file system's name limit.
+Result<int> CreateTemporary(const fs::path& real, fs::path& temp) {
+    const fs::path folder = real.parent_path().empty() ? fs::path(".") : real.parent_path();
+    long limit = ::pathconf(folder.c_str(), _PC_NAME_MAX);
+    if (limit <= 0) limit = NAME_MAX;
+    const std::string suffix = real.extension().string(), mark = ".kelvo-XXXXXX";
+    std::string stem = real.stem().string();
+    const long room = limit - long(1 + mark.size() + suffix.size());
+    if (room < 0)
+        return IoError(KELVO_HERE, real.string(), "Cannot write '@': @.", real.string(),
+                       host::FileProblem(real, ENAMETOOLONG));
+    if (long(stem.size()) > room) {
+        stem.resize(size_t(room));
+        while (!stem.empty() && (static_cast<unsigned char>(stem.back()) & 0xc0) == 0x80)
+            stem.pop_back();  // no half letters
+        if (!stem.empty() && static_cast<unsigned char>(stem.back()) >= 0xc0) stem.pop_back();
+    }
+    std::string name = (real.parent_path() / ("." + stem + mark + suffix)).string();
+    int fd = ::mkstemps(name.data(), int(suffix.size()));
+    if (fd < 0)
+        return IoError(KELVO_HERE, real.string(), "Cannot write '@': @.", real.string(),
+                       host::FileProblem(real, errno));
+    temp = name;
+    return fd;
+}
 }  // namespace
 
 Result<void> WriteOutput(const fs::path& target,
@@ -392,17 +431,30 @@ Result<void> WriteOutput(const fs::path& target,
         std::error_code ec;
         if (fs::path c = fs::canonical(target, ec); !ec) real = c;
     }
-    static std::atomic<int> counter{0};
-    const fs::path temp =
-        real.parent_path() / ("." + real.stem().string() + ".kelvo-" + std::to_string(::getpid()) +
-                              "-" + std::to_string(counter++) + real.extension().string());
-    Result<void> done = write(temp);
+    fs::path temp;
+    KELVO_ASSIGN_OR_RETURN(const int fd, CreateTemporary(real, temp));
+    // Held open to the end: the file written must still be the one created here.
+    struct Descriptor {
+        int fd;
+        ~Descriptor() { ::close(fd); }
+    } held{fd};
     std::error_code ec;
-    if (!done) {
+    auto fail = [&](const Error& e) {
         fs::remove(temp, ec);
-        return AboutTarget(done.GetError(), temp.string(), target.string());
+        return AboutTarget(e, temp.string(), target.string());
+    };
+    // The old file's permissions, or what a plain new file would get.
+    ::fchmod(fd, exists ? (st.st_mode & 07777) : (0666 & ~CreationMask()));
+    Result<void> done = write(temp);
+    if (!done) return fail(done.GetError());
+    struct stat made, now;
+    if (::fstat(fd, &made) != 0 || ::lstat(temp.c_str(), &now) != 0 || !S_ISREG(now.st_mode) ||
+        made.st_dev != now.st_dev || made.st_ino != now.st_ino) {
+        fs::remove(temp, ec);
+        return IoError(KELVO_HERE, target.string(),
+                       "Cannot write '@': its temporary file @ was replaced while written.",
+                       target.string(), temp.string());
     }
-    if (exists) fs::permissions(temp, fs::perms(st.st_mode & 07777), ec);
     if (::rename(temp.c_str(), real.c_str()) != 0) {
         int error = errno;
         fs::remove(temp, ec);
