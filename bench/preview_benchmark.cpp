@@ -7,6 +7,7 @@
 #include <mutex>
 #include <vector>
 
+#include "bench_main.h"
 #include "host.h"
 #include "kelvo/config.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
@@ -121,18 +122,8 @@ BENCHMARK(BM_EngineSameRays)->Unit(benchmark::kMillisecond)->UseRealTime();
 }  // namespace
 }  // namespace kelvo
 
-int main(int argc, char** argv) {
-    using namespace kelvo;
-    auto module = host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
-    if (!module) {
-        std::fprintf(stderr, "cannot attach the render module: %s\n",
-                     module.GetError().ToString().c_str());
-        return 1;
-    }
-    if (auto e = host::LoadModule(KELVO_EMBREE_MODULE); !e) {
-        std::fprintf(stderr, "cannot load the Embree module: %s\n", e.GetError().Message().c_str());
-        return 1;
-    }
+kelvo::Result<void> kelvo::bench::SetUp() {
+    KELVO_TRY(LoadModules({KELVO_EMBREE_MODULE}));
     host::SetHostThreads(2);
     g_recordingEntry.kind = ENTRYKIND::CLASS;
     g_recordingEntry.idText = kRecordingClass.Text().data();
@@ -142,9 +133,5 @@ int main(int argc, char** argv) {
     g_recordingEntry.kindId = kIntersectionClassKind;
     g_recordingEntry.source = KELVO_HERE;
     g_recordingEntry.create = &CreateInstance<RecordingIntersector>;
-    if (!host::InsertEntry(g_recordingEntry)) return 1;
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return host::InsertEntry(g_recordingEntry);
 }

@@ -4,11 +4,15 @@
 #include <ImfChannelList.h>
 #include <ImfFrameBuffer.h>
 #include <ImfHeader.h>
+#include <ImfIO.h>
 #include <ImfInputFile.h>
 #include <ImfOutputFile.h>
 #include <ImfStandardAttributes.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <vector>
 
 #include "imagefiles.h"
@@ -107,6 +111,61 @@ Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path,
     }
 }
 
+// A file written through stdio that keeps its first failure. The library writes the line
+// offset table and flushes in destructors that swallow errors (a full disk then left an
+// empty file and no word): the writer checks Finish() after the library is done.
+class CheckedOStream final : public Imf::OStream {
+public:
+    explicit CheckedOStream(const std::filesystem::path& path)
+        : Imf::OStream(path.c_str()), _file(std::fopen(path.c_str(), "wb")) {
+        if (!_file) _error = errno ? errno : EIO;
+    }
+    CheckedOStream(const CheckedOStream&) = delete;
+    CheckedOStream& operator=(const CheckedOStream&) = delete;
+    ~CheckedOStream() override {
+        if (_file) std::fclose(_file);
+    }
+
+    void write(const char c[], int n) override {
+        if (!_error && std::fwrite(c, 1, size_t(n), _file) != size_t(n)) Fail();
+        Check();
+    }
+    // Never throws: the library asks for the position outside its guard in a destructor.
+    uint64_t tellp() override {
+        const off_t at = ::ftello(_file);
+        if (at >= 0) return uint64_t(at);
+        Fail();
+        return 0;
+    }
+    void seekp(uint64_t pos) override {
+        Check();
+        if (::fseeko(_file, off_t(pos), SEEK_SET) != 0) Fail();
+        Check();
+    }
+
+    // Flushes and closes the file; the first error of the whole write, 0 when none.
+    int Finish() {
+        if (_file) {
+            if (std::fflush(_file) != 0) Fail();
+            if (std::fclose(_file) != 0) Fail();
+            _file = nullptr;
+        }
+        return _error;
+    }
+    int Failure() const { return _error; }
+
+private:
+    void Fail() {
+        if (!_error) _error = errno ? errno : EIO;
+    }
+    void Check() const {
+        if (_error) throw std::runtime_error(std::strerror(_error));
+    }
+
+    std::FILE* _file;
+    int _error = 0;
+};
+
 // Layer 0 in linear light, as 32-bit floats, or 16-bit halves with kExportOptionHalf.
 Result<void> WriteExr(const std::filesystem::path& path, const std::string& url,
                       const ImageInterface& image, const DataDictionary& options) {
@@ -140,9 +199,20 @@ Result<void> WriteExr(const std::filesystem::path& path, const std::string& url,
             header.channels().insert(names[k], Imf::Channel(type));
             fb.insert(names[k], Imf::Slice(type, base + k * size, size * c, size * c * size_t(w)));
         }
-        Imf::OutputFile file(path.c_str(), header);
-        file.setFrameBuffer(fb);
-        file.writePixels(int(h));
+        CheckedOStream stream(path);
+        if (stream.Failure())
+            return IoError(KELVO_HERE, url, "Cannot write @: @.", url,
+                           FileProblem(path, stream.Failure()));
+        try {
+            Imf::OutputFile file(stream, header);
+            file.setFrameBuffer(fb);
+            file.writePixels(int(h));
+        } catch (const std::exception&) {
+            if (!stream.Finish()) throw;  // not a failed write: the library's own message
+        }
+        if (int error = stream.Finish())
+            return IoError(KELVO_HERE, url, "Cannot write OpenEXR @: @.", url,
+                           FileProblem(path, error));
         return OK();
     } catch (const std::bad_alloc&) {
         return Error::OutOfMemory();

@@ -53,6 +53,11 @@ namespace kelvo::cli {
 // Prints "kelvo: <message>" on stderr and returns the exit status 1.
 int Fail(const Error& error);
 
+// After a failed parse: when the deepest command given has subcommands and a word named
+// none of them, the error that says so and suggests the nearest ("'previwe' is not a kelvo
+// command. ..."), as git does. An empty Error otherwise.
+Error UnknownCommandError(const CLI::App& app);
+
 namespace detail {
 // Loads the modules, runs the body (exceptions become errors), then flushes stdout: a
 // failed write there, such as a full disk or /dev/full, is an error too. Returns the status.

@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::CallForAllHelp& e) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
+        if (kelvo::Error unknown = UnknownCommandError(app)) return Fail(unknown);
         return Fail(UnexpectedError(KELVO_HERE, "@", e.what()));
     }
     return status;

@@ -3,13 +3,14 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <system_error>
 #include <vector>
 
 #include "../image_test_util.h"
-#include "../modules/render.module/ies_test_util.h"
 #include "cli_common.h"
+#include "cli_test_util.h"
 #include "host.h"
 #include "kelvo/mediasession_output.h"
 #include "picture_writer.h"
@@ -138,6 +139,20 @@ TEST(KelvoToolTest, ModulesAndConfigShowWhatTheModuleDeclares) {
     for (const char* id : {"net.kelvo.render.ray", "net.kelvo.render.registry.cameraclasses",
                            "g_polygonIntersection", "net.kelvo.render.interface.rendergeneral"})
         EXPECT_NE(modules.out.find(id), std::string::npos) << id;
+    // Classes reached by id alone are listed after the registries, each once.
+    const size_t outside = modules.out.find("\noutside any registry (");
+    ASSERT_NE(outside, std::string::npos) << modules.out;
+    for (const char* line :
+         {"net.kelvo.class.nodespace.base  [class]",
+          "net.kelvo.nodes.class.materialexchange.default  [class]",
+          "net.kelvo.nodes.class.previewimagerequest  [class]", "TextureImpl  [component]"})
+        EXPECT_NE(modules.out.find(std::string("\n  ") + line + "\n", outside), std::string::npos)
+            << line;
+    auto listed = nlohmann::json::parse(Kelvo("modules --json").out)["outsideRegistries"];
+    std::set<std::string> ids;
+    for (const auto& e : listed) EXPECT_TRUE(ids.insert(e["id"].get<std::string>()).second) << e;
+    EXPECT_TRUE(ids.count("net.kelvo.nodes.class.previewimagerequest"));
+    EXPECT_FALSE(ids.count("net.kelvo.render.cameraclass.perspective"));  // in a registry
 
     ToolRun config = Kelvo("config --json");
     ASSERT_EQ(config.status, 0) << config.out;
@@ -154,6 +169,62 @@ TEST(KelvoToolTest, ModulesAndConfigShowWhatTheModuleDeclares) {
     EXPECT_EQ(nlohmann::json::parse(set.out)[2]["value"], "true");
 }
 
+// A word that names no command is named back with the nearest commands, at any depth; a
+// command given without its subcommand keeps the parser's own message.
+TEST(KelvoToolTest, AMisspeltCommandIsNamedWithTheNearestCommands) {
+    EXPECT_EQ(Kelvo("previwe"), Failed("'previwe' is not a kelvo command. See 'kelvo --help'."
+                                       "\n\nThe most similar command is\n\tpreview"));
+    EXPECT_EQ(Kelvo("preview rendr --size 8"),
+              Failed("'rendr' is not a kelvo preview command. See 'kelvo preview --help'."
+                     "\n\nThe most similar command is\n\trender"));
+    EXPECT_EQ(Kelvo("imag info x.png"), Failed("'imag' is not a kelvo command. See 'kelvo --help'."
+                                               "\n\nThe most similar command is\n\timage"));
+    // Two edits from both: every equally near command, in the order of kelvo --help.
+    EXPECT_EQ(Kelvo("imges"), Failed("'imges' is not a kelvo command. See 'kelvo --help'."
+                                     "\n\nThe most similar commands are\n\timage\n\ties"));
+    ToolRun bare = Kelvo("preview");
+    EXPECT_EQ(bare.status, 1);
+    EXPECT_EQ(bare.out.find("is not a"), std::string::npos) << bare.out;
+}
+
+// --help lists exactly the operations the session answers.
+TEST(KelvoToolTest, BsdfHelpListsEveryOperation) {
+    ToolRun help = Kelvo("bsdf --help");
+    ASSERT_EQ(help.status, 0) << help.out;
+    std::istringstream lines(help.out.substr(help.out.find("Operations (")));
+    std::string line;
+    std::getline(lines, line);
+    std::set<std::string> listed;
+    while (std::getline(lines, line) && line.rfind("  ", 0) == 0)
+        listed.insert(line.substr(2, line.find(' ', 2) - 2));
+    const std::set<std::string> expected = {"new",
+                                            "update",
+                                            "reset",
+                                            "ComputeBSDF",
+                                            "SampleF",
+                                            "PdfIndirect",
+                                            "ComputeBSDFFrame",
+                                            "ComputeMIPAngle",
+                                            "ComputeAngle",
+                                            "ComputeF_UVW",
+                                            "D",
+                                            "G",
+                                            "Sample",
+                                            "cache",
+                                            "caches",
+                                            "state",
+                                            "models"};
+    EXPECT_EQ(listed, expected);
+    std::string requests;
+    for (const auto& op : listed) requests += R"({"op":")" + op + "\"}\n";
+    ToolRun answers = Kelvo("bsdf", requests + R"({"op":"Nope"})");
+    EXPECT_EQ(answers.status, 0);
+    const size_t unknown = answers.out.find("Unknown operation");
+    EXPECT_NE(unknown, std::string::npos) << answers.out;
+    EXPECT_EQ(answers.out.find("Unknown operation", unknown + 1), std::string::npos)
+        << answers.out;  // only Nope's
+}
+
 TEST(KelvoToolTest, ErrorsGoToStderrWithStatusOne) {
     EXPECT_EQ(
         Kelvo("--set g_runUnitTestRenderStatistics=maybe config"),
@@ -163,7 +234,8 @@ TEST(KelvoToolTest, ErrorsGoToStderrWithStatusOne) {
     EXPECT_EQ(Kelvo("--set g_runUnitTestRenderStatistic=true config"),
               Failed("Illegal argument: Configuration variable g_runUnitTestRenderStatistic "
                      "not found."));
-    EXPECT_EQ(Kelvo("nosuchcommand").status, 1);
+    EXPECT_EQ(Kelvo("nosuchcommand"),
+              Failed("'nosuchcommand' is not a kelvo command. See 'kelvo --help'."));
     EXPECT_EQ(Kelvo("--help").status, 0);
     // A full disk on stdout and a folder as stdin.
     EXPECT_EQ(Shell(Tool("modules") + " 2>&1 >/dev/full"),

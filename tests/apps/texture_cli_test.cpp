@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "../modules/render.module/ies_test_util.h"
+#include "cli_test_util.h"
 
 namespace {
 using namespace kelvo::testing_cli;

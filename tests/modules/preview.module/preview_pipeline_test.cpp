@@ -31,7 +31,7 @@ namespace REQUEST = PREVIEWIMAGEREQUEST;
 host::ModuleHandle g_previewModule = nullptr;
 
 void LoadPreviewModule() {
-    kelvo::testing::LoadEngineModule();
+    kelvo::testing_preview::LoadEngineModule();
     // The engine that builds on one thread: Embree's own build threads are not instrumented,
     // and these tests run under the sanitizers too.
     ASSERT_TRUE(

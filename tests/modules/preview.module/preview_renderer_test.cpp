@@ -50,7 +50,7 @@ double Rms(const std::vector<float>& a, const std::vector<float>& b) {
 
 class PreviewRendererTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { testing::LoadEngineModule(); }
+    static void SetUpTestSuite() { testing_preview::LoadEngineModule(); }
 };
 
 // A convex white Lambert sphere under a uniform environment reflects exactly what arrives;

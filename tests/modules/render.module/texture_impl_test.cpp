@@ -5,12 +5,13 @@
 #include <cstring>
 
 #include "host.h"
+#include "implementation/texture_kernels.h"
 #include "kelvo/registry.h"
 #include "texture_test_util.h"
 
 namespace kelvo {
 namespace {
-using namespace texture_test;
+using namespace testing_texture;
 
 // A plain reference: a level as components, halved with clamped neighbours.
 template <typename T>

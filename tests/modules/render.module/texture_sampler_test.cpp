@@ -13,7 +13,7 @@
 
 namespace kelvo {
 namespace {
-using namespace texture_test;
+using namespace testing_texture;
 namespace fs = std::filesystem;
 
 constexpr TEXTUREMODE kModes[] = {TEXTUREMODE::NEAREST, TEXTUREMODE::BILINEAR, TEXTUREMODE::MIPMAP,

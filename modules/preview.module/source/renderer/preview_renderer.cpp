@@ -92,6 +92,8 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
         return IllegalArgumentError(KELVO_HERE, "Preview size @ x @ is out of range.",
                                     settings.width, settings.height);
     _settings = settings;
+    // An iteration takes at least one sample; paths past 64 bounces add nothing a swatch
+    // shows; tiles stay between one pixel and a size that still splits among the workers.
     _settings.samplesPerIteration = std::max(1, settings.samplesPerIteration);
     _settings.maxDepth = std::clamp(settings.maxDepth, 0, 64);
     _settings.tileSize = std::clamp(settings.tileSize, 1, 1024);
@@ -103,6 +105,7 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
     KELVO_ASSIGN_OR_RETURN(const EntryRecord* engine, general->GetDefaultIntersector());
     KELVO_ASSIGN_OR_RETURN(_scene, CreateIntersector(*engine));
     _intersectorId = std::string(engine->GetId().Text());
+    // Fewer than 4 segments is no sphere; more than 1024 only costs memory at swatch sizes.
     const SceneData scene = MakeScene(settings.scene, std::clamp(settings.sphereSegments, 4, 1024));
     _objectUsesMaterial.clear();
     for (const MeshData& m : scene.meshes) {
@@ -331,6 +334,7 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         if (!(pdf > 0.0) || IsBlack(f) || !std::isfinite(pdf)) break;
         throughput = throughput * colour * f * (kInvPi * std::abs(wi.z) / pdf);
         if (depth + 1 >= kRouletteDepth) {
+            // Below 1, so that even a bright path may end and its weight stays bounded.
             const double q = std::min(0.95, MaxComponent(throughput));
             if (!(q > 0.0) || random.Next() >= q) break;
             throughput = throughput * (1.0 / q);

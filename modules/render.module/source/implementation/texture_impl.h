@@ -86,9 +86,6 @@ struct MipMapLevel {
 inline int64_t HalvedSize(int64_t n) { return n < 2 ? 1 : (n + 1) / 2; }
 int CountMipLevels(int64_t width, int64_t height);
 int CountRipLevels(int64_t size);
-// Whether 8-bit levels may be halved with AVX2 where the processor has it (the default).
-// Tests turn it off to check the SSE2 and scalar loops on any machine.
-void AllowAvx2Halving(bool allow);
 // Whether a summed area table of this size needs 64-bit entries: 32 bits hold
 // width × height × 255 only up to 4104 × 4104 texels.
 constexpr bool SummedAreaNeedsWideEntries(int64_t width, int64_t height) {
