@@ -44,9 +44,9 @@ inline constexpr Id kAttributes[] = {MODEL, COLOUR, ENVIRONMENT, TEXTURE, IES, T
 }  // namespace PREVIEWMATERIAL
 
 // Request attributes the provider reads beside the pipeline's own: SUBJECT (the Id
-// kLegacyMaterialNodeSpace: a legacy material, whose entries sit in the request beside it),
-// SCENETYPE (string, a scene name), TEXTURESIZE (the rendered size) and ITERATIONCOUNT (int64, 1 to
-// 2^20; one sample per pixel each; 16 when absent).
+// kLegacyMaterialNodeSpace: a legacy material, whose entries sit in the request beside
+// it), SCENETYPE (string, a scene name), TEXTURESIZE (the rendered size) and
+// ITERATIONCOUNT (int64, 1 to 2^20; one sample per pixel each; 16 when absent).
 namespace PREVIEWPROVIDERREQUEST {
 // int64: the renderer's seed (0 when absent).
 inline constexpr Id SEED("net.kelvo.preview.previewimagerequest.seed");
