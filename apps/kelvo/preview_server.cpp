@@ -155,7 +155,7 @@ const std::array<uint8_t, 4097>& SrgbTable() {
 uint8_t ToSrgb8(float v) {
     // NaN and negative values are black, values above one white.
     const float x = v > 0.0f ? std::min(v, 1.0f) : 0.0f;
-    return SrgbTable()[size_t(x * 4096.0f + 0.5f)];
+    return SrgbTable()[size_t(std::lround(x * 4096.0f))];
 }
 
 std::string Base64(const uint8_t* data, size_t size) {
@@ -663,8 +663,8 @@ Result<json> PreviewServer::Impl::ReadBody(const httplib::Request& req) {
 }
 
 void PreviewServer::Impl::Routes() {
-    auto page = [this](const std::string& text, const char* type) {
-        return [this, &text, type](const httplib::Request&, httplib::Response& res) {
+    auto page = [](const std::string& text, const char* type) {
+        return [&text, type](const httplib::Request&, httplib::Response& res) {
             res.set_header("Cache-Control", "no-store");
             res.set_header("X-Content-Type-Options", "nosniff");
             res.set_content(text, type);
@@ -713,22 +713,24 @@ void PreviewServer::Impl::Routes() {
     _server.Post("/api/release", post("release", &Impl::Release));
 
     // Whatever httplib refuses itself (an oversized body, an unknown path) gets our words.
-    _server.set_error_handler([this](const httplib::Request& req, httplib::Response& res) {
-        if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;  // ours
-        std::string op = req.path.rfind("/api/", 0) == 0 ? req.path.substr(5) : req.path;
-        std::string message;
-        if (res.status == 413)
-            message = FormatMessage("Illegal argument: The request body is larger than @ bytes.",
-                                    int64_t(_options.maxBodyBytes));
-        else if (res.status == 404)
-            message = FormatMessage("Illegal argument: There is nothing at '@'.", req.path);
-        else
-            message = FormatMessage("Illegal argument: HTTP status @.", int64_t(res.status));
-        Answer(res, res.status, {{"op", op}, {"error", message}});
-        return httplib::Server::HandlerResponse::Handled;
-    });
+    _server.set_error_handler(httplib::Server::HandlerWithResponse(
+        [this](const httplib::Request& req, httplib::Response& res) {
+            if (!res.body.empty()) return httplib::Server::HandlerResponse::Unhandled;  // ours
+            std::string op = req.path.rfind("/api/", 0) == 0 ? req.path.substr(5) : req.path;
+            std::string message;
+            if (res.status == 413)
+                message =
+                    FormatMessage("Illegal argument: The request body is larger than @ bytes.",
+                                  int64_t(_options.maxBodyBytes));
+            else if (res.status == 404)
+                message = FormatMessage("Illegal argument: There is nothing at '@'.", req.path);
+            else
+                message = FormatMessage("Illegal argument: HTTP status @.", int64_t(res.status));
+            Answer(res, res.status, {{"op", op}, {"error", message}});
+            return httplib::Server::HandlerResponse::Handled;
+        }));
     _server.set_exception_handler(
-        [this](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+        [this](const httplib::Request&, httplib::Response& res, const std::exception_ptr&) {
             Answer(res, 500, {{"error", "Illegal state: The request failed."}});
         });
 }
@@ -755,6 +757,7 @@ Result<int> PreviewServer::Impl::Start() {
     _server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
     _server.set_payload_max_length(_options.maxBodyBytes);
     _server.set_keep_alive_max_count(100);
+    _server.set_keep_alive_timeout(1);  // an idle connection holds a thread, and Stop waits
     _server.set_read_timeout(5, 0);
     _server.set_write_timeout(5, 0);
     Routes();

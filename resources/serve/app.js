@@ -17,6 +17,7 @@ const state = {
   editRequest: 0,      // the request that answers that edit
   frameAt: new Map(),  // request -> arrival of its first frame (may beat the POST's answer)
   lastPixels: null,    // the editor's previous frame, for the refinement figure
+  lastRequest: 0,      // the request it belongs to
   view: 'editor',
   sheetRequests: new Map(),
 };
@@ -156,6 +157,14 @@ function chooseModel(name, values) {
   buildKeys();
 }
 
+// A file named in pasted JSON is chosen even when the list lacks it: the server judges it.
+function setFile(id, value) {
+  const select = $(id);
+  const name = typeof value === 'string' ? value : '';
+  if (name && ![...select.options].some((o) => o.value === name)) select.add(new Option(name, name));
+  select.value = name;
+}
+
 // Pasted JSON sets the controls; members no control shows go to the server as they are.
 function applyJson() {
   let m;
@@ -172,9 +181,9 @@ function applyJson() {
   showError('');
   chooseModel(m.model || 'lambertbrdf', m.data);
   if (Array.isArray(m.colour) && m.colour.length === 3) $('colour').value = linearToHex(m.colour);
-  $('texture').value = typeof m.texture === 'string' ? m.texture : '';
+  setFile('texture', m.texture);
   if (m.textureMode) $('textureMode').value = m.textureMode;
-  $('ies').value = typeof m.ies === 'string' ? m.ies : '';
+  setFile('ies', m.ies);
   edited();
 }
 
@@ -183,8 +192,9 @@ function applyJson() {
 function edited() {
   if (state.editAt === null) state.editAt = performance.now();
   showJson();
-  submitEditor();
-  if (state.view === 'sheet') submitSheet();
+  // The sheet refines as normal requests: an editor request would preempt it.
+  if (state.view === 'editor') submitEditor();
+  else submitSheet();
 }
 
 // One POST at a time: edits that come meanwhile are sent together when it answers, so a
@@ -264,8 +274,9 @@ function editorFrame(frame) {
     if (state.frameAt.size > 64) state.frameAt.delete(state.frameAt.keys().next().value);
   }
   if (frame.request < state.editorRequest) return;  // a replaced request's last word
-  const fresh = frame.request !== state.editorRequest || !state.lastPixels;
+  const fresh = frame.request !== state.lastRequest || !state.lastPixels;
   state.editorRequest = frame.request;
+  state.lastRequest = frame.request;
   if (state.editAt !== null && state.editRequest === frame.request) reportLatency(now);
 
   const pixels = decode(frame);
@@ -318,8 +329,8 @@ function buildSheet() {
     cell.append(canvas, name, s);
     cell.addEventListener('click', () => {
       chooseModel(m.model);
+      showJson();
       setView('editor');
-      edited();
     });
     sheet.append(cell);
   }
@@ -361,8 +372,12 @@ function setView(view) {
   $('sheet-view').hidden = view !== 'sheet';
   $('tab-editor').classList.toggle('active', view === 'editor');
   $('tab-sheet').classList.toggle('active', view === 'sheet');
-  if (view === 'sheet') submitSheet();
-  else releaseSheet();
+  if (view === 'sheet') {
+    submitSheet();
+  } else {
+    releaseSheet();
+    submitEditor();
+  }
 }
 
 // --- Start ---------------------------------------------------------------------------------

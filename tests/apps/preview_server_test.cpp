@@ -464,10 +464,13 @@ TEST_F(PreviewServerTest, BoundsClientsSlotsAndPixels) {
     o.maxSlots = 2;
     o.maxClientPixels = 64 * 64;
     Start(o);
-    EventStream a(port), b(port), c(port);
+    EventStream a(port);
     const int64_t client = a.Next("hello")["client"];
+    EventStream b(port);
     EXPECT_FALSE(b.Next("hello").is_null());
+    EventStream c(port);
     EXPECT_TRUE(c.Next("hello", 2s).is_null());  // the third gets 503 and no stream
+    EXPECT_TRUE(c.Ended());
     EXPECT_EQ(Stats()["clients"], 2);
     EXPECT_EQ(Post("/api/render", Render(client, "one", {}, 32, 4096)).first, 200);
     EXPECT_EQ(Post("/api/render", Render(client, "two", {}, 32, 4096)).first, 200);

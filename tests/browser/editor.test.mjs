@@ -90,11 +90,11 @@ describe('kelvo preview serve in chromium', () => {
     const c = document.getElementById('swatch');
     return Array.from(c.getContext('2d').getImageData(0, 0, c.width, c.height).data);
   });
-  // Waits for the editor's newest request to deliver its last iteration.
-  const finished = () => until('the last iteration', async () => {
+  // Waits for the editor's newest request of `count` iterations to deliver its last one.
+  const finished = (count) => until('the last iteration', async () => {
     const f = await frames();
     const last = f[f.length - 1];
-    return last && last.iteration === last.count && last;
+    return last && last.iteration === last.count && (!count || last.count === count) && last;
   });
 
   it('builds the controls from the server\'s description of ggxbrdf', async () => {
@@ -112,7 +112,7 @@ describe('kelvo preview serve in chromium', () => {
      async () => {
     await page.fill('#iterations', '48');
     await page.dispatchEvent('#iterations', 'change');
-    const before = await finished();
+    const before = await finished(48);
     const smooth = await swatch();
 
     await page.fill('#key-roughness', '0.85');
