@@ -72,7 +72,7 @@ const std::vector<ModelDescription>& Models() {
            0,
            0,
            0,
-           {"", "denim", "shantung", "charmeuse", "twill", "gabardine", "polyester"}}}},
+           {"denim", "shantung", "charmeuse", "twill", "gabardine", "polyester", ""}}}},
         {"blurrysimplebrdf",
          "Blurry simple",
          {exponent,

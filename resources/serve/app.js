@@ -10,6 +10,7 @@ const state = {
   model: null,         // the chosen model's description
   values: {},          // data key -> value of the chosen model
   extraData: {},       // keys pasted in JSON that no control shows (the server judges them)
+  extraMembers: {},    // likewise for members of the material
   editorRequest: 0,    // newest request of the editor slot
   posting: false,      // a render POST is on its way
   dirty: false,        // an edit came while posting
@@ -80,7 +81,8 @@ function material(modelName, values) {
 }
 
 function editorMaterial() {
-  return material(state.model.model, { ...state.extraData, ...state.values });
+  return { ...material(state.model.model, { ...state.extraData, ...state.values }),
+           ...state.extraMembers };
 }
 
 function showJson() {
@@ -179,7 +181,9 @@ function applyJson() {
     return;
   }
   showError('');
+  const known = ['model', 'data', 'colour', 'texture', 'textureMode', 'ies'];
   chooseModel(m.model || 'lambertbrdf', m.data);
+  state.extraMembers = Object.fromEntries(Object.entries(m).filter(([k]) => !known.includes(k)));
   if (Array.isArray(m.colour) && m.colour.length === 3) $('colour').value = linearToHex(m.colour);
   setFile('texture', m.texture);
   if (m.textureMode) $('textureMode').value = m.textureMode;

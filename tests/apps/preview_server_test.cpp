@@ -436,7 +436,9 @@ TEST_F(PreviewServerTest, StreamsRefiningFramesUntilTheLastAndReleasesOnReplace)
     EXPECT_EQ(s["submitted"], 3);
     EXPECT_EQ(s["completed"], 2);
     EXPECT_EQ(s["released"], 1);
-    EXPECT_EQ(s["alive"], 0);
+    EXPECT_EQ(s["alive"], 1);  // the completed request stays in its slot while the tab lives
+    stream.Close();
+    EXPECT_EQ(WaitStats([](const json& j) { return j["alive"] == 0; })["alive"], 0);
 }
 
 TEST_F(PreviewServerTest, AClosedStreamReleasesEveryRequestOfItsClient) {
@@ -472,11 +474,11 @@ TEST_F(PreviewServerTest, BoundsClientsSlotsAndPixels) {
     EXPECT_TRUE(c.Next("hello", 2s).is_null());  // the third gets 503 and no stream
     EXPECT_TRUE(c.Ended());
     EXPECT_EQ(Stats()["clients"], 2);
-    EXPECT_EQ(Post("/api/render", Render(client, "one", {}, 32, 4096)).first, 200);
-    EXPECT_EQ(Post("/api/render", Render(client, "two", {}, 32, 4096)).first, 200);
-    EXPECT_EQ(Post("/api/render", Render(client, "three", {}, 8)).second["error"],
+    EXPECT_EQ(Post("/api/render", Render(client, "one", json::object(), 32, 4096)).first, 200);
+    EXPECT_EQ(Post("/api/render", Render(client, "two", json::object(), 32, 4096)).first, 200);
+    EXPECT_EQ(Post("/api/render", Render(client, "three", json::object(), 8)).second["error"],
               "Illegal argument: A client keeps at most 2 swatches.");
-    EXPECT_EQ(Post("/api/render", Render(client, "two", {}, 60)).second["error"],
+    EXPECT_EQ(Post("/api/render", Render(client, "two", json::object(), 60)).second["error"],
               "Illegal argument: A client's swatches hold at most 4096 pixels.");
     auto [status, released] = Post("/api/release", json{{"client", client}, {"slot", "one"}});
     EXPECT_EQ(status, 200);
