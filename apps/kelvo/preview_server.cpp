@@ -21,6 +21,7 @@
 #include "kelvo/previewmaterials.h"
 #include "kelvo/previewrenderer.h"
 #include "kelvo/registry.h"
+#include "preview_request.h"
 
 namespace kelvo::cli {
 
@@ -321,33 +322,18 @@ private:
 Result<StrongRef<nodes::PreviewImageRequestInterface>> PreviewServer::Impl::MakeRequest(
     const std::string& material, const std::string& scene, int64_t side, int64_t iterations,
     bool priority, const std::shared_ptr<Tracked>& tracked) {
-    KELVO_ASSIGN_OR_RETURN(auto helpers, CreateComponent<nodes::NodeSpaceHelpersInterface>());
-    KELVO_ASSIGN_OR_RETURN(auto space, helpers->FindNodeSpace(kLegacyMaterialNodeSpace));
-    StrongRef<const DataDictionary> description = space->GetDescription();
-    const Data* d = description
-                        ? description->Find(nodes::NODESPACE::CONFIGUREPREVIEWIMAGEREQUESTFUNC)
-                        : nullptr;
-    const StrongRef<Object>* o = d ? d->Get<StrongRef<Object>>() : nullptr;
-    auto configure = o ? Query<nodes::ConfigurePreviewImageRequestInterface>(*o) : nullptr;
-    if (!configure)
-        return IllegalStateError(KELVO_HERE, "The node space @ makes no previews.",
-                                 kLegacyMaterialNodeSpace);
-    DataDictionary m;
-    KELVO_TRY(m.Set(PREVIEWMATERIAL::JSON, material));
-
-    KELVO_ASSIGN_OR_RETURN(auto request, nodes::CreatePreviewImageRequest());
-    DataDictionary& data = *request->GetData();
+    KELVO_ASSIGN_OR_RETURN(PreviewMaterialInput input, ParsePreviewMaterial(material));
+    PreviewRequestSettings settings;
+    settings.width = settings.height = side;
+    settings.scene = scene;
+    settings.iterations = iterations;
+    settings.priority = priority;
     // The callback holds the record, not the client: a closed tab frees its client at once.
     KELVO_ASSIGN_OR_RETURN(
-        Data callback, nodes::MakeResultCompleteFunc(
-                           [tracked](const Result<DataDictionary>& r) { Deliver(tracked, r); }));
-    KELVO_TRY(data.Set(REQUEST::RESULTCOMPLETEFUNC, std::move(callback)));
-    KELVO_TRY(data.Set(REQUEST::TEXTURESIZE, Vec2{double(side), double(side)}));
-    KELVO_TRY(data.Set(REQUEST::ITERATIONCOUNT, iterations));
-    KELVO_TRY(data.Set(REQUEST::SCENETYPE, scene));
-    KELVO_TRY(data.Set(REQUEST::PURPOSE, int64_t(priority ? nodes::PREVIEWIMAGEPURPOSE::PRIORITY
-                                                          : nodes::PREVIEWIMAGEPURPOSE::NORMAL)));
-    KELVO_TRY(configure->Configure(m, data));
+        auto request,
+        BuildPreviewRequest(input, settings,
+                            [tracked](const Result<DataDictionary>& r) { Deliver(tracked, r); }));
+    if (!request) return IllegalArgumentError(KELVO_HERE, "Node space @ not found.", input.space);
     return request;
 }
 
