@@ -309,6 +309,7 @@ private:
     httplib::Server _server;
     std::thread _thread;
     std::atomic<bool> _stopping{false};
+    std::atomic<bool> _listenEnded{false};
     std::atomic<uint64_t> _nextRequest{1};
 
     mutable std::mutex _clientsLock;
@@ -757,7 +758,13 @@ Result<int> PreviewServer::Impl::Start() {
     if (port <= 0)
         return IllegalStateError(KELVO_HERE, "Cannot listen on @:@.", _options.host,
                                  int64_t(_options.port));
-    _thread = std::thread([this] { _server.listen_after_bind(); });
+    _thread = std::thread([this] {
+        _server.listen_after_bind();
+        _listenEnded.store(true);
+    });
+    // A stop before the loop runs would be lost (httplib stops only a running server).
+    while (!_server.is_running() && !_listenEnded.load())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return port;
 }
 
