@@ -56,15 +56,17 @@ Result<void> Info(const std::string& file, bool json) {
 // itself is safe.
 Result<void> Convert(const std::string& in, const std::string& out, const std::string& format,
                      bool half) {
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(in));
     KELVO_ASSIGN_OR_RETURN(Url target, Url::FromText(out));
     Id formatId;
     if (!format.empty()) {
         KELVO_ASSIGN_OR_RETURN(formatId, Id::FromText(format));
     }
+    std::filesystem::path path = host::LocalPath(target);
+    // A name no format writes, or a missing folder, is told before the picture is read.
+    if (!path.empty()) KELVO_TRY(CheckImageOutput(path, formatId));
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(in));
     DataDictionary options;
     KELVO_TRY(options.Set(kExportOptionHalf, half));
-    std::filesystem::path path = host::LocalPath(target);
     if (path.empty()) return ExportImage(target, *image, formatId, options);  // not a file
     return WriteOutput(path, [&](const std::filesystem::path& at) {
         return ExportImage(Url::FromFile(at.string()), *image, formatId, options);

@@ -32,6 +32,10 @@ namespace REQUEST = nodes::PREVIEWIMAGEREQUEST;
 
 constexpr int64_t kMaxSide = 16384;  // the renderer's own bound
 constexpr int64_t kMaxIterations = int64_t(1) << 20;
+// Memory one swatch pixel takes on its way to the sheet: the renderer's sums (3 doubles) and
+// pass (3 floats), the delivered image, the swatch's copy, the sheet and the picture written
+// (63 bytes measured between 1024 and 2048 pixel swatches).
+constexpr uint64_t kBytesPerSwatchPixel = 64;
 
 // Set by Ctrl-C while a sheet renders.
 std::atomic<bool> g_interrupted{false};
@@ -196,6 +200,15 @@ Result<void> CheckOptions(const SheetOptions& o) {
     if (o.width < 1 || o.height < 1 || o.width > kMaxSide || o.height > kMaxSide)
         return IllegalArgumentError(KELVO_HERE, "Preview size @ x @ is out of range.", o.width,
                                     o.height);
+    // Refused before anything renders: a size the checks above accept can still need more
+    // than a picture may take (16384 x 16384 swatches would take tens of GB).
+    const uint64_t need =
+        uint64_t(o.width) * uint64_t(o.height) * o.materials.size() * kBytesPerSwatchPixel;
+    if (need > host::MaxImageBytes())
+        return IllegalArgumentError(
+            KELVO_HERE,
+            "@ swatches of @ x @ need @ bytes of buffers, more than @ (g_maxImageBytes).",
+            o.materials.size(), o.width, o.height, need, host::MaxImageBytes());
     PREVIEWSCENE scene;
     if (!ParsePreviewScene(o.scene, scene))
         return IllegalArgumentError(KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane).",
@@ -214,9 +227,7 @@ Result<void> CheckOptions(const SheetOptions& o) {
 Result<StrongRef<nodes::PreviewImageRequestInterface>> MakeRequest(
     const SheetOptions& options, const std::string& text, bool priority,
     const std::shared_ptr<SwatchState>& state, Clock::time_point start) {
-    json j = json::parse(text, nullptr, false);
-    if (j.is_discarded() || !j.is_object())
-        return IllegalArgumentError(KELVO_HERE, "--material must be a JSON object.");
+    KELVO_ASSIGN_OR_RETURN(json j, ParseJsonObject(text, "--material"));
     std::string space(kLegacyMaterialNodeSpace.Text());
     if (j.contains("space")) {
         KELVO_ASSIGN_OR_RETURN(space, ReadString(j["space"], "space"));
