@@ -106,10 +106,6 @@ void FailAllAllocations();
 // Framework allocations not yet freed.
 int64_t LiveAllocations();
 
-// The bound on one picture's pixel bytes (g_maxImageBytes; 1 GiB unless set). Tools size
-// their own buffers by it too.
-uint64_t MaxImageBytes();
-
 // --- Files and urls ----------------------------------------------------------------------------
 // The folder that "relative" urls name when no other base applies.
 void SetResourceRoot(const std::filesystem::path& folder);

@@ -125,11 +125,6 @@ uint64_t MaxImageBytes() {
     return value ? *value : kDefaultMaxImageBytes;  // ConfigSet refuses such values
 }
 
-}  // namespace detail
-
-uint64_t MaxImageBytes() { return detail::MaxImageBytes(); }
-
-namespace detail {
 void RegisterHostFileFormats() {
     static std::vector<EntryRecord>* entries = [] {
         auto* list = new std::vector<EntryRecord>();  // lives as long as the registries

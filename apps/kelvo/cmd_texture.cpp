@@ -24,11 +24,6 @@ Result<StrongRef<TextureInterface>> LoadTexture(const std::string& file) {
     return sampler->GetTexture();
 }
 
-const char* ChannelName(TEXTURECHANNEL c) {
-    constexpr const char* names[] = {"uint8", "uint16", "float32", "uint32", "uint64"};
-    return names[int(c)];
-}
-
 double ValueAt(const TextureLevelView& l, int64_t i) {
     switch (l.type) {
         case TEXTURECHANNEL::UINT8:

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <csignal>
@@ -13,6 +14,7 @@
 #include <thread>
 
 #include "cli_common.h"
+#include "kelvo/config.h"
 #include "kelvo/image.h"
 #include "kelvo/mediasession_fileformats.h"
 #include "kelvo/mediasession_output.h"
@@ -194,6 +196,15 @@ private:
     int _lines = 0;
 };
 
+// The bound on one picture's bytes, which the swatches' buffers share. The host refuses any
+// value that is not a whole number, so the text always reads.
+uint64_t MaxImageBytes() {
+    uint64_t bytes = uint64_t(1) << 30;
+    if (Result<std::string> text = ConfigGetString("g_maxImageBytes"))
+        (void)std::from_chars(text->data(), text->data() + text->size(), bytes);
+    return bytes;
+}
+
 Result<void> CheckOptions(const SheetOptions& o) {
     if (o.materials.empty())
         return IllegalArgumentError(KELVO_HERE, "Give at least one --material.");
@@ -204,11 +215,11 @@ Result<void> CheckOptions(const SheetOptions& o) {
     // than a picture may take (16384 x 16384 swatches would take tens of GB).
     const uint64_t need =
         uint64_t(o.width) * uint64_t(o.height) * o.materials.size() * kBytesPerSwatchPixel;
-    if (need > host::MaxImageBytes())
+    if (need > MaxImageBytes())
         return IllegalArgumentError(
             KELVO_HERE,
             "@ swatches of @ x @ need @ bytes of buffers, more than @ (g_maxImageBytes).",
-            o.materials.size(), o.width, o.height, need, host::MaxImageBytes());
+            o.materials.size(), o.width, o.height, need, MaxImageBytes());
     PREVIEWSCENE scene;
     if (!ParsePreviewScene(o.scene, scene))
         return IllegalArgumentError(KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane).",
