@@ -166,9 +166,9 @@ TEST_F(HostileFilesTest, OpenExrChannelLayoutsReadAsTheColourTheyHold) {
     WriteExrChannels(_dir / "ga.exr", 2, 2, {{"G", 0.5f}, {"A", 0.25f}});
     WriteExrChannels(_dir / "ry.exr", 2, 2, {{"R", 0.75f}, {"Y", 0.5f}});
     host::CapturedDiagnostics captured;
-    for (auto [name, expected] :
-         {std::pair<const char*, std::vector<float>>{"ga.exr", {0.0f, 0.5f, 0.0f, 0.25f}},
-          {"ry.exr", {0.75f, 0.0f, 0.0f}}}) {
+    const std::vector<std::pair<std::string, std::vector<float>>> cases = {
+        {"ga.exr", {0.0f, 0.5f, 0.0f, 0.25f}}, {"ry.exr", {0.75f, 0.0f, 0.0f}}};
+    for (const auto& [name, expected] : cases) {
         auto image = ImportImage(File(name));
         ASSERT_TRUE(image.Ok()) << name << ": " << image.GetError().Message();
         const PixelFormat f = expected.size() == 4 ? kPixelRgba32f : kPixelRgb32f;
