@@ -32,9 +32,7 @@ Result<StrongRef<nodes::ConfigurePreviewImageRequestInterface>> FindConfigure(co
 
 Result<PreviewMaterialInput> ParsePreviewMaterial(std::string_view text) {
     using nlohmann::json;
-    json j = json::parse(text, nullptr, false);
-    if (j.is_discarded() || !j.is_object())
-        return IllegalArgumentError(KELVO_HERE, "--material must be a JSON object.");
+    KELVO_ASSIGN_OR_RETURN(json j, ParseJsonObject(text, "--material"));
     PreviewMaterialInput out;
     std::string space(kLegacyMaterialNodeSpace.Text());
     if (j.contains("space")) {

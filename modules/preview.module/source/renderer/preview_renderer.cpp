@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <limits>
 
 #include "kelvo/io.h"
 #include "kelvo/jobs.h"
@@ -349,6 +350,18 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
     return radiance;
 }
 
+namespace {
+// A radiance as a float pixel: colours and environments beyond float range (1e39 is a valid
+// double) saturate instead of turning into infinite pixels, and a NaN path is black.
+float ToPixel(double v) {
+    constexpr double kMax = std::numeric_limits<float>::max();
+    return v >= -kMax && v <= kMax ? float(v)
+           : v > 0.0               ? float(kMax)
+           : v < 0.0               ? -float(kMax)
+                                   : 0.0f;
+}
+}  // namespace
+
 Result<void> PreviewRendererImpl::RenderIteration(const std::function<bool()>& cancelled) {
     if (!_scene || !_camera)
         return IllegalStateError(KELVO_HERE, "The preview is not initialised.");
@@ -384,9 +397,9 @@ Result<void> PreviewRendererImpl::RenderIteration(const std::function<bool()>& c
                     c = c + TracePath(local.bsdfs, double(x), double(y), firstSample + uint64_t(s),
                                       local.stats);
                 float* p = &pass[size_t((y * w + x) * 3)];
-                p[0] = float(c.r);
-                p[1] = float(c.g);
-                p[2] = float(c.b);
+                p[0] = ToPixel(c.r);
+                p[1] = ToPixel(c.g);
+                p[2] = ToPixel(c.b);
             }
         return OK();
     };
@@ -413,7 +426,7 @@ Result<void> PreviewRendererImpl::GetImage(std::span<float> rgb) const {
         return IllegalArgumentError(KELVO_HERE, "The image needs @ floats, not @.",
                                     int64_t(_sum.size()), int64_t(rgb.size()));
     const double scale = _samples > 0 ? 1.0 / double(_samples) : 0.0;
-    for (size_t i = 0; i < _sum.size(); ++i) rgb[i] = float(_sum[i] * scale);
+    for (size_t i = 0; i < _sum.size(); ++i) rgb[i] = ToPixel(_sum[i] * scale);
     return OK();
 }
 
