@@ -203,8 +203,8 @@ TEST(TextureSamplerTest, FarSrgbCheckerAveragesToItsLinearMeanInEveryMode) {
         }
         // The stored-value pyramid is untouched: its coarsest level is the encoded mean.
         ASSERT_TRUE(sampler->GetTexture()->Build(TEXTUREPYRAMID::MIPMAP).Ok());
-        const TextureLevelView top = sampler->GetTexture()->GetMipLevel(
-            sampler->GetTexture()->GetMipLevelCount() - 1);
+        const TextureLevelView top =
+            sampler->GetTexture()->GetMipLevel(sampler->GetTexture()->GetMipLevelCount() - 1);
         if (format == kPixelRgb8) EXPECT_EQ(static_cast<const uint8_t*>(top.pixels)[0], 127);
     }
 }

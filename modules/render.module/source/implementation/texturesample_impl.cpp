@@ -215,9 +215,9 @@ public:
             // black-and-white checker would come out at a fifth of its brightness), so an
             // sRGB picture is filtered in linear light: in pyramids of a linearised twin.
             // The texture's own pyramids keep the stored values.
-            KELVO_ASSIGN_OR_RETURN(StrongRef<TextureSamplerInterface> * twin,
-                                   _linear.Get([&] { return MakeLinearTwin(); },
-                                               "ThreadedTextureSample"));
+            KELVO_ASSIGN_OR_RETURN(
+                StrongRef<TextureSamplerInterface> * twin,
+                _linear.Get([&] { return MakeLinearTwin(); }, "ThreadedTextureSample"));
             TextureSampleOptions linear = options;
             linear.srgbToLinear = false;
             return (*twin)->ThreadedTextureSample(uv, footprint, linear);
@@ -346,8 +346,9 @@ private:
                     row16[size_t(i)] = alpha ? uint16_t(is8 ? v * 257u : v) : table[v];
                 }
             }
-            KELVO_TRY(writer->SetPixels(0, y, w, isFloat ? static_cast<const void*>(row32.data())
-                                                         : static_cast<const void*>(row16.data())));
+            KELVO_TRY(writer->SetPixels(0, y, w,
+                                        isFloat ? static_cast<const void*>(row32.data())
+                                                : static_cast<const void*>(row16.data())));
         }
         KELVO_TRY(image->AddLayer(layer));
         KELVO_ASSIGN_OR_RETURN(auto twin, CreateTextureSampler(image));
