@@ -69,12 +69,14 @@ private:
 constexpr Id kRecordingClass("net.kelvo.bench.intersectionclass.recording");
 EntryRecord g_recordingEntry;
 
-preview::PreviewRendererImpl* MakeRenderer(int threads) {
+preview::PreviewRendererImpl* MakeRenderer(int threads,
+                                           PREVIEWSEQUENCE sequence = PREVIEWSEQUENCE::SOBOL) {
     auto* r = new preview::PreviewRendererImpl;
     PreviewSettings s;
     s.width = s.height = 64;
     s.scene = PREVIEWSCENE::SPHERE;
     s.threads = threads;
+    s.sequence = sequence;
     PreviewMaterial m;
     m.model = Id("net.kelvo.render.bsdflegacyclass.ggxbrdf");
     m.data = *NewObject<DataDictionary>();
@@ -88,14 +90,19 @@ preview::PreviewRendererImpl* MakeRenderer(int threads) {
 }
 
 void BM_RendererIteration(benchmark::State& state) {
-    std::unique_ptr<preview::PreviewRendererImpl> r(MakeRenderer(int(state.range(0))));
+    std::unique_ptr<preview::PreviewRendererImpl> r(
+        MakeRenderer(int(state.range(0)), PREVIEWSEQUENCE(state.range(1))));
     (void)r->RenderIteration({});  // the tables and textures filled outside the timing
     const int64_t before = r->GetStatistics().rays;
     for (auto _ : state) (void)r->RenderIteration({});
     state.counters["rays/s"] =
         benchmark::Counter(double(r->GetStatistics().rays - before), benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_RendererIteration)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+// Second argument: 0 the stratified sequences, 1 independent numbers (the cost per sample).
+BENCHMARK(BM_RendererIteration)
+    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // The same rays (one recorded iteration, one thread) straight to the engine, on one thread.
 void BM_EngineSameRays(benchmark::State& state) {
