@@ -99,7 +99,7 @@ struct PreviewSettings {
     // The largest contribution (brightest channel) one indirect sample may add, light that
     // arrives after more than one bounce; keeps rare bright paths from leaving single
     // bright pixels. 0 or less: no bound (an unbiased but noisier image).
-    double indirectBound = 10.0;
+    double indirectBound = 3.0;
     PREVIEWSEQUENCE sequence = PREVIEWSEQUENCE::SOBOL;
     // The stage as a checker of this cell size (scene units; the shapes are 2 across), so
     // that refraction shows; 0: plain grey; below 0: a checker of 0.5 behind transmissive
