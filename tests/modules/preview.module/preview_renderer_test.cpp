@@ -156,7 +156,7 @@ TEST_F(PreviewRendererTest, GlassBallInvertsTheCheckerAndIndexOneNearlyVanishes)
         r.material.data = Glass(ior, 0.0);
         return r.Run(1);
     };
-    const std::vector<float> stage = render(PREVIEWSCENE::STAGE, 1.5);
+    const std::vector<float> stage = render(PREVIEWSCENE::BACKDROP, 1.5);
     const std::vector<float> clear = render(PREVIEWSCENE::SPHERE, 1.01);
     const std::vector<float> glass = render(PREVIEWSCENE::SPHERE, 1.5);
     const std::vector<int64_t> ball = BallPixels(Render(PREVIEWSCENE::SPHERE, kSize), 0.5);

@@ -40,19 +40,19 @@ inline constexpr int64_t kPreviewMaxIterations = int64_t(1) << 20;
 inline constexpr int64_t kPreviewDefaultIterations = 16;
 
 enum class PREVIEWSCENE : uint8_t {
-    OPEN,    // the sphere alone under the environment
-    SPHERE,  // a sphere on a ground plane before a curved backdrop
-    CUBE,    // a rounded cube on the same stage
-    PLANE,   // a ground plane alone, seen at a slant (texture and light checks)
-    STAGE,   // the stage of SPHERE and CUBE without a shape (what a swatch is seen against)
+    OPEN,      // the sphere alone under the environment
+    SPHERE,    // a sphere on a ground plane before a curved backdrop
+    CUBE,      // a rounded cube on the same stage
+    PLANE,     // a ground plane alone, seen at a slant (texture and light checks)
+    BACKDROP,  // the stage of SPHERE and CUBE without a shape (what a swatch is seen against)
 };
 
 inline constexpr std::string_view kPreviewSceneNames[] = {"open", "sphere", "cube", "plane",
-                                                          "stage"};
+                                                          "backdrop"};
 inline std::string_view PreviewSceneName(PREVIEWSCENE scene) {
     return kPreviewSceneNames[size_t(scene)];
 }
-// "open", "sphere", "cube", "plane", "stage"; false for any other name.
+// "open", "sphere", "cube", "plane", "backdrop"; false for any other name.
 inline bool ParsePreviewScene(std::string_view name, PREVIEWSCENE& scene) {
     for (size_t i = 0; i < std::size(kPreviewSceneNames); ++i)
         if (kPreviewSceneNames[i] == name) {

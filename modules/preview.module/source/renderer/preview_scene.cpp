@@ -155,7 +155,7 @@ SceneData MakeScene(PREVIEWSCENE scene, int segments) {
             }
             s.meshes.push_back(MakeStage(segments));
             break;
-        case PREVIEWSCENE::STAGE:
+        case PREVIEWSCENE::BACKDROP:
             s.meshes.push_back(MakeStage(segments));
             break;
         case PREVIEWSCENE::PLANE:
