@@ -205,7 +205,9 @@ TEST(TextureSamplerTest, FarSrgbCheckerAveragesToItsLinearMeanInEveryMode) {
         ASSERT_TRUE(sampler->GetTexture()->Build(TEXTUREPYRAMID::MIPMAP).Ok());
         const TextureLevelView top =
             sampler->GetTexture()->GetMipLevel(sampler->GetTexture()->GetMipLevelCount() - 1);
-        if (format == kPixelRgb8) EXPECT_EQ(static_cast<const uint8_t*>(top.pixels)[0], 127);
+        if (format == kPixelRgb8) {
+            EXPECT_EQ(static_cast<const uint8_t*>(top.pixels)[0], 127);
+        }
     }
 }
 
