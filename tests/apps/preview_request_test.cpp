@@ -1,6 +1,8 @@
 // The tool's preview requests, in-process: materials and settings read once with their
 // bounds, and an inbox whose waiting thread sleeps until a delivery or Ctrl-C and misses
 // none of them.
+#include "preview_request.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +13,6 @@
 
 #include "host.h"
 #include "kelvo/previewmaterials.h"
-#include "preview_request.h"
 
 namespace kelvo::cli {
 namespace {
