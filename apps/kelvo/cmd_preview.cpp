@@ -89,7 +89,8 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status) {
                        "\"data\": {...}, \"colour\": [r, g, b], \"texture\": FILE, "
                        "\"textureMode\": \"mipmap\", \"ies\": FILE, \"environment\": [r, g, b], "
                        "\"space\": NODESPACE}");
-    render->add_option("--scene", o->scene, "open, sphere, cube or plane")->capture_default_str();
+    render->add_option("--scene", o->scene, "open, sphere, cube, plane or backdrop")
+        ->capture_default_str();
     render->add_option("--size", o->size, "Swatch size W or W,H in pixels")->capture_default_str();
     render
         ->add_option("--iterations,--spp", o->iterations,

@@ -53,8 +53,8 @@ Result<void> CheckPreviewSettings(const PreviewRequestSettings& s) {
                                     s.height);
     PREVIEWSCENE scene;
     if (!ParsePreviewScene(s.scene, scene))
-        return IllegalArgumentError(KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane).",
-                                    s.scene);
+        return IllegalArgumentError(
+            KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane, backdrop).", s.scene);
     if (s.iterations < 1 || s.iterations > kPreviewMaxIterations)
         return IllegalArgumentError(KELVO_HERE, "--iterations must be an integer from 1 to @.",
                                     kPreviewMaxIterations);

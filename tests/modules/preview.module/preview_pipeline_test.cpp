@@ -263,7 +263,7 @@ TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTexture
         {R"({"environment":"dark"})", "sphere", 2,
          "Illegal argument: environment must be an array of 3 numbers."},
         {kLambert, "stage", 2,
-         "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."},
+         "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane, backdrop)."},
         {kLambert, "sphere", 0, "Illegal argument: Invalid iteration count 0."},
     };
     for (const Case& c : cases) {

@@ -72,8 +72,10 @@ struct TextureFootprint {
 struct TextureSampleOptions {
     TEXTUREMODE mode = TEXTUREMODE::MIPMAP;
     TEXTUREWRAP wrap = TEXTUREWRAP::REPEAT;
-    // Converts r, g, b from the sRGB curve to linear light after filtering (alpha stays).
-    // Filtering happens on the stored values, as textures are usually authored.
+    // Reads r, g, b through the sRGB curve as linear light (alpha stays), and filters in
+    // linear light: the sampler keeps pyramids of a linearised copy of the base level
+    // (16-bit, float for float pictures; summed area tables for 8- and 16-bit pictures),
+    // built on first use. The texture's own pyramids keep the stored values.
     bool srgbToLinear = false;
 };
 
