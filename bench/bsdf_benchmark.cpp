@@ -14,11 +14,12 @@
 #include <random>
 #include <vector>
 
+#include "bench_main.h"
 #include "host.h"
+#include "implementation/legacy_renderers/microfacet_distribution.h"
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
 #include "kelvo/registry.h"
-#include "legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::legacy {
 namespace {
@@ -246,16 +247,7 @@ void RegisterModels() {
 }  // namespace
 }  // namespace kelvo::legacy
 
-int main(int argc, char** argv) {
-    auto module = kelvo::host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
-    if (!module) {
-        std::fprintf(stderr, "cannot attach the render module: %s\n",
-                     module.GetError().ToString().c_str());
-        return 1;
-    }
-    kelvo::legacy::RegisterModels();
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+kelvo::Result<void> kelvo::bench::SetUp() {
+    legacy::RegisterModels();
+    return OK();
 }

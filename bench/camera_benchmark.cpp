@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include "bench_main.h"
 #include "host.h"
 #include "kelvo/camera.h"
 #include "kelvo/registry.h"
@@ -111,34 +112,23 @@ void RenderTile(benchmark::State& state, const StrongRef<CameraInterface>& camer
 }  // namespace
 }  // namespace kelvo
 
-int main(int argc, char** argv) {
-    using namespace kelvo;
-    auto module = host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
-    if (!module) {
-        std::fprintf(stderr, "cannot attach the render module: %s\n",
-                     module.GetError().ToString().c_str());
-        return 1;
-    }
+kelvo::Result<void> kelvo::bench::SetUp() {
     g_frameworkAllocate = g_kelvo.host.Allocate;
     g_kelvo.host.Allocate = CountingFrameworkAllocate;
     // The counters must see allocations, or a zero count would prove nothing.
     const int64_t heap = g_heapAllocations.load(), framework = g_frameworkAllocations.load();
     benchmark::DoNotOptimize(std::make_unique<int>(1));
     Free(Allocate(16));
-    if (g_heapAllocations.load() == heap || g_frameworkAllocations.load() == framework) {
-        std::fprintf(stderr, "the allocation counters do not count\n");
-        return 1;
-    }
+    if (g_heapAllocations.load() == heap || g_frameworkAllocations.load() == framework)
+        return UnexpectedError(KELVO_HERE, "the allocation counters do not count");
 
     auto params = Parameters();
     auto baseline = std::make_shared<BaselineCamera>();
     (void)baseline->Init(params, false);
     auto perspective = CreateClass<CameraInterface>(kPerspectiveCameraClass);
     auto parallel = CreateClass<CameraInterface>(kParallelCameraClass);
-    if (!perspective || !parallel) {
-        std::fprintf(stderr, "cannot create the camera classes\n");
-        return 1;
-    }
+    if (!perspective || !parallel)
+        return UnexpectedError(KELVO_HERE, "cannot create the camera classes");
     (void)(*perspective)->Init(params, false);
     (void)(*parallel)->Init(params, false);
 
@@ -150,8 +140,5 @@ int main(int argc, char** argv) {
         benchmark::RegisterBenchmark(names[i],
                                      [camera](benchmark::State& s) { RenderTile(s, camera); });
     }
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return OK();
 }

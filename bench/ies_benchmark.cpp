@@ -11,6 +11,7 @@
 #include <sstream>
 #include <vector>
 
+#include "bench_main.h"
 #include "host.h"
 #include "implementation/ies_crc32c.h"
 #include "implementation/ies_impl.h"
@@ -196,16 +197,4 @@ BENCHMARK(BM_Crc32cTable);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    auto module = kelvo::host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
-    if (!module) {
-        std::fprintf(stderr, "cannot attach the render module: %s\n",
-                     module.GetError().ToString().c_str());
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+kelvo::Result<void> kelvo::bench::SetUp() { return OK(); }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdio>
 
+#include "bench_main.h"
 #include "host.h"
 #include "kelvo/jobs.h"
 #include "kelvo/nodes/previewimage.h"
@@ -83,15 +84,4 @@ BENCHMARK(BM_ObserverChainOfEmptyJobs)->UseRealTime()->Unit(benchmark::kMicrosec
 }  // namespace
 }  // namespace kelvo::nodes
 
-int main(int argc, char** argv) {
-    auto module = kelvo::host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
-    if (!module) {
-        std::fprintf(stderr, "cannot attach the render module: %s\n",
-                     module.GetError().ToString().c_str());
-        return 1;
-    }
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+kelvo::Result<void> kelvo::bench::SetUp() { return OK(); }

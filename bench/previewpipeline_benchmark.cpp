@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_main.h"
 #include "host.h"
 #include "kelvo/nodes/previewimage.h"
 #include "kelvo/previewmaterials.h"
@@ -159,21 +160,6 @@ BENCHMARK(BM_SheetOneAfterAnotherDirect)->Unit(benchmark::kMillisecond)->UseReal
 }  // namespace
 }  // namespace kelvo
 
-int main(int argc, char** argv) {
-    using namespace kelvo;
-    auto module = host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
-    if (!module) {
-        std::fprintf(stderr, "cannot attach the render module: %s\n",
-                     module.GetError().ToString().c_str());
-        return 1;
-    }
-    for (const char* library : {KELVO_EMBREE_MODULE, KELVO_PREVIEW_MODULE})
-        if (auto e = host::LoadModule(library); !e) {
-            std::fprintf(stderr, "cannot load %s: %s\n", library, e.GetError().Message().c_str());
-            return 1;
-        }
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+kelvo::Result<void> kelvo::bench::SetUp() {
+    return LoadModules({KELVO_EMBREE_MODULE, KELVO_PREVIEW_MODULE});
 }

@@ -14,6 +14,7 @@
 #include <random>
 #include <vector>
 
+#include "bench_main.h"
 #include "host.h"
 #include "implementation/texture_impl.h"
 #include "kelvo/jobs.h"
@@ -211,17 +212,12 @@ void Register() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+kelvo::Result<void> kelvo::bench::SetUp() {
     // Freed levels stay in the heap for the next warm build. glibc would otherwise map blocks
     // past its threshold (at most 32 MiB, so the summed area table and the large rip levels)
     // afresh on every build; cold builds hand the pages back explicitly.
     mallopt(M_MMAP_MAX, 0);
     mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max());
-    benchmark::Initialize(&argc, argv);
-    auto module = host::AttachModule(g_kelvo, &g_CpuYieldDelegate);
-    if (!module) return 1;
     Register();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return OK();
 }

@@ -5,14 +5,24 @@ target_compile_options(kelvo_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wno-missing-field-initializers
   $<$<BOOL:${KELVO_WARNINGS_AS_ERRORS}>:-Werror>)
 
+# How a module's sources compile: against the SDK and the module's own source/ folder only,
+# so a module never sees the host's headers or another module's (tests/boundaries checks it).
+function(kelvo_module_compile_settings target source_dir)
+  target_link_libraries(${target} PUBLIC kelvo::sdk PRIVATE kelvo::flags)
+  target_include_directories(${target} PRIVATE ${source_dir})
+  set_target_properties(${target} PROPERTIES CXX_VISIBILITY_PRESET hidden
+                                             VISIBILITY_INLINES_HIDDEN ON)
+endfunction()
+
 # A module: an OBJECT library of its sources (linked whole into unit tests, so no static
 # initialiser is dropped) and the shared library that exports only the binding record.
+# <name>_whitebox is what the module's tests, benchmarks and fuzzers link: the module's code
+# (its objects, or the library named by WHITEBOX), the host to run it, and its private headers
+# included from its source/ folder ("implementation/ies_impl.h").
 function(kelvo_add_module name)
-  cmake_parse_arguments(ARG "" "FOLDER;OUTPUT_NAME" "SOURCES" ${ARGN})
+  cmake_parse_arguments(ARG "" "FOLDER;OUTPUT_NAME;WHITEBOX" "SOURCES" ${ARGN})
   add_library(${name}_objects OBJECT ${ARG_SOURCES})
-  target_link_libraries(${name}_objects PUBLIC kelvo::sdk PRIVATE kelvo::flags)
-  set_target_properties(${name}_objects PROPERTIES CXX_VISIBILITY_PRESET hidden
-                                                   VISIBILITY_INLINES_HIDDEN ON)
+  kelvo_module_compile_settings(${name}_objects ${CMAKE_CURRENT_SOURCE_DIR}/source)
   add_library(${name} MODULE $<TARGET_OBJECTS:${name}_objects>)
   target_link_libraries(${name} PRIVATE kelvo::sdk)
   set_target_properties(${name} PROPERTIES
@@ -24,6 +34,16 @@ function(kelvo_add_module name)
   target_link_options(${name} PRIVATE -Wl,--version-script=${KELVO_EXPORT_MAP}
     $<$<NOT:$<AND:$<CXX_COMPILER_ID:Clang>,$<CONFIG:Asan,Tsan>>>:-Wl,--no-undefined>)
   install(TARGETS ${name} LIBRARY DESTINATION lib/kelvo/modules/${ARG_FOLDER})
+  add_library(${name}_whitebox INTERFACE)
+  target_include_directories(${name}_whitebox INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/source)
+  if(ARG_WHITEBOX)
+    target_link_libraries(${name}_whitebox INTERFACE ${ARG_WHITEBOX} kelvo::host)
+  else()
+    # An object library named in an interface passes on its usage requirements only, so
+    # its objects are handed on as sources.
+    target_sources(${name}_whitebox INTERFACE $<TARGET_OBJECTS:${name}_objects>)
+    target_link_libraries(${name}_whitebox INTERFACE ${name}_objects kelvo::host)
+  endif()
 endfunction()
 set(KELVO_EXPORT_MAP ${CMAKE_SOURCE_DIR}/cmake/module_exports.map)
 
@@ -50,8 +70,13 @@ function(kelvo_add_test name)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600 LABELS "${ARG_LABELS}")
 endfunction()
 
+# A Google Benchmark program. ATTACH gives it the shared main (bench/bench_main.cpp), which
+# attaches the module the program links, as the tests' main does, before the program's SetUp.
 function(kelvo_add_benchmark name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(ARG "ATTACH" "" "SOURCES;LIBS" ${ARGN})
+  if(ARG_ATTACH)
+    list(APPEND ARG_SOURCES ${CMAKE_SOURCE_DIR}/bench/bench_main.cpp)
+  endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} kelvo::flags benchmark::benchmark)
 endfunction()

@@ -1,6 +1,12 @@
 // Urls on the local file system: I/O detection, input streams, the resource folder.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
-#include <cstdio>
+#include <chrono>
 #include <mutex>
 #include <system_error>
 
@@ -14,28 +20,50 @@ namespace fs = std::filesystem;
 namespace {
 std::mutex g_rootMutex;
 fs::path g_resourceRoot;
+std::atomic<bool> g_inputsInterrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
 
+// A file opened for reading. A regular file is read as it is; a pipe, FIFO or device is
+// read only when poll() says that data (or its end) is there, in slices that let Ctrl-C
+// and the stall limit end the wait: such a source may never send anything.
 class FileInputStream final : public Implements<InputStream> {
 public:
-    FileInputStream(std::FILE* file, std::string url) : _file(file), _url(std::move(url)) {
-        _length = -1;
-        if (std::fseek(_file, 0, SEEK_END) == 0) {
-            _length = std::ftell(_file);
-            std::fseek(_file, 0, SEEK_SET);
-        }
-    }
-    ~FileInputStream() override { std::fclose(_file); }
+    FileInputStream(int fd, std::string url, bool regular, int64_t length)
+        : _fd(fd), _url(std::move(url)), _regular(regular), _length(length) {}
+    ~FileInputStream() override { ::close(_fd); }
     Result<size_t> Read(void* buffer, size_t size) override {
-        size_t n = std::fread(buffer, 1, size, _file);
-        if (n < size && std::ferror(_file))
-            return IoError(KELVO_HERE, _url, "Cannot read @.", _url);
-        return n;
+        if (size == 0) return size_t(0);
+        auto stalled = std::chrono::steady_clock::now() + kInputStallLimit;
+        for (;;) {
+            if (!_regular) {
+                if (g_inputsInterrupted.load())
+                    return IoError(KELVO_HERE, _url, "Cannot read @: interrupted.", _url);
+                pollfd wait{_fd, POLLIN, 0};
+                const int ready = ::poll(&wait, 1, int(kInputWaitSlice.count()));
+                if (ready < 0 && errno != EINTR) return Failed(errno);
+                if (ready <= 0) {
+                    if (std::chrono::steady_clock::now() > stalled)
+                        return IoError(KELVO_HERE, _url,
+                                       "Cannot read @: nothing arrived for @ seconds.", _url,
+                                       int64_t(kInputStallLimit.count()));
+                    continue;
+                }
+            }
+            const ssize_t n = ::read(_fd, buffer, size);
+            if (n >= 0) return size_t(n);
+            if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) return Failed(errno);
+        }
     }
     int64_t Length() const override { return _length; }
 
 private:
-    std::FILE* _file;
+    Error Failed(int error) const {
+        return IoError(KELVO_HERE, _url, "Cannot read @: @.", _url, FileProblem(_url, error));
+    }
+
+    int _fd;
     std::string _url;
+    bool _regular;
     int64_t _length;
 };
 
@@ -53,20 +81,36 @@ int IoDetectSlot(const Url& url) {
 Result<StrongRef<InputStream>> OpenInputStreamSlot(const Url& url) {
     fs::path p = LocalPath(url);
     if (p.empty()) return IoError(KELVO_HERE, url.ToString(), "Cannot open @.", url.ToString());
-    std::error_code ec;
-    errno = 0;
-    std::FILE* f = fs::is_directory(p, ec) ? nullptr : std::fopen(p.c_str(), "rb");
-    if (!f)
+    // Without blocking: a FIFO nobody writes to would hold open() itself forever.
+    const int fd = ::open(p.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0)
         return IoError(KELVO_HERE, url.ToString(), "Cannot open @: @.", url.ToString(),
                        FileProblem(p, errno));
-    auto stream = NewObject<FileInputStream>(f, url.ToString());
+    struct stat st {};
+    const bool known = ::fstat(fd, &st) == 0;
+    if (!known || !(S_ISREG(st.st_mode) || S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode) ||
+                    S_ISSOCK(st.st_mode))) {
+        const int error = known ? 0 : errno;
+        ::close(fd);
+        if (S_ISDIR(st.st_mode) || error)
+            return IoError(KELVO_HERE, url.ToString(), "Cannot open @: @.", url.ToString(),
+                           FileProblem(p, error ? error : EISDIR));
+        return IoError(KELVO_HERE, url.ToString(),
+                       "Cannot open @: it is neither a file nor a stream.", url.ToString());
+    }
+    const bool regular = S_ISREG(st.st_mode);
+    if (regular) ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    auto stream =
+        NewObject<FileInputStream>(fd, url.ToString(), regular, regular ? int64_t(st.st_size) : -1);
     if (!stream) {
-        std::fclose(f);
+        ::close(fd);
         return stream.GetError();
     }
     return StrongRef<InputStream>(std::move(stream).Value());
 }
 }  // namespace
+
+void InterruptInputs(bool interrupted) { g_inputsInterrupted.store(interrupted); }
 
 void SetResourceRoot(const fs::path& folder) {
     std::lock_guard lock(g_rootMutex);

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (clang, address + undefined sanitizers, build-fuzz/) and runs
 # each for a share of a bounded time: the IES parser, the picture import through the
-# file-format registry, and the JSON-lines front ends of the kelvo tool.
+# file-format registry, the JSON-lines front ends of the kelvo tool, and the Embree
+# intersection classes with random meshes and rays.
 #   scripts/fuzz.sh [SECONDS] [TARGET...]   (default 60 in all, split evenly; targets ies,
-#                                            image, jsonl)
+#                                            image, jsonl, engine)
 # Seeds: the IES files of the repository and of the shared corpus (read where they lie,
 # never copied), pictures the kelvo tool of the fuzz build writes from them, and requests
 # of each JSON-lines command.
@@ -12,7 +13,7 @@ cd "$(dirname "$0")/.."
 seconds="${1:-60}"
 shift || true
 targets=("$@")
-[ "${#targets[@]}" -gt 0 ] || targets=(ies image jsonl)
+[ "${#targets[@]}" -gt 0 ] || targets=(ies image jsonl engine)
 each=$(( seconds / ${#targets[@]} ))
 [ "$each" -ge 1 ] || each=1
 scripts/setup.sh fuzz
@@ -54,6 +55,12 @@ printf '%s\n' \
 printf '%s\n' 'T{"op":"intersect","origin":[0,0,5],"direction":[0,0,-1],"tmax":100}' \
   > "$jsonl_seeds/intersect"
 
+# Meshes and rays: no seeds beyond an empty input; the number table steers the search.
+engine_seeds=build-fuzz/fuzz-seeds/engine
+mkdir -p "$engine_seeds"
+printf '\x00\x01\x04\x00\x01\x02\x03\x03\x00\x01\x02\x00\x01\x00\x00\x50\x50\x48\x00\x00\x02\x00' \
+  > "$engine_seeds/one"
+
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 # What Embree's TBB workers keep until the process ends (the JSON-lines target loads it).
@@ -65,7 +72,9 @@ for target in "${targets[@]}"; do
     # LeakSanitizer's thread stopper has crashed mid-run beside Embree's worker threads
     # (a tool fault, on no input); leaks are still checked when the process ends.
     jsonl) options=(-max_len=4096 -dict=fuzz/jsonl.dict -detect_leaks=0); seeds=("$jsonl_seeds") ;;
-    *) echo "fuzz: unknown target '$target' (ies, image, jsonl)" >&2; exit 2 ;;
+    # Embree's worker threads, as for jsonl.
+    engine) options=(-max_len=2048 -detect_leaks=0); seeds=("$engine_seeds") ;;
+    *) echo "fuzz: unknown target '$target' (ies, image, jsonl, engine)" >&2; exit 2 ;;
   esac
   corpus=build-fuzz/fuzz-corpus/$target
   mkdir -p "$corpus"

@@ -3,14 +3,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <iostream>
 #include <system_error>
+#include <vector>
 
 #include "json_text.h"
+#include "kelvo/mediasession_fileformats.h"
+#include "kelvo/registry.h"
 
 namespace kelvo::cli {
 namespace fs = std::filesystem;
@@ -19,6 +24,56 @@ using nlohmann::json;
 int Fail(const Error& error) {
     std::cerr << "kelvo: " << error.Message() << '\n';
     return 1;
+}
+
+namespace {
+// Edits (insertions, deletions, substitutions, swaps of neighbours) from a to b.
+size_t EditDistance(std::string_view a, std::string_view b) {
+    std::vector<std::vector<size_t>> d(a.size() + 1, std::vector<size_t>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+    for (size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+    for (size_t i = 1; i <= a.size(); ++i)
+        for (size_t j = 1; j <= b.size(); ++j) {
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
+                                d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+        }
+    return d[a.size()][b.size()];
+}
+}  // namespace
+
+Error UnknownCommandError(const CLI::App& app) {
+    const CLI::App* command = &app;
+    std::string path = app.get_name();
+    for (;;) {
+        auto given = command->get_subcommands();
+        if (given.empty()) break;
+        command = given.front();
+        path += " " + command->get_name();
+    }
+    auto names = command->get_subcommands([](const CLI::App*) { return true; });
+    const auto left = command->remaining(false);
+    if (names.empty() || left.empty() || left.front().empty() || left.front()[0] == '-') return {};
+    const std::string& word = left.front();
+    // Suggested only when close: at most two edits, and fewer than the word has letters.
+    size_t best = std::min<size_t>(2, word.size() - 1);
+    std::vector<std::string> nearest;
+    for (const CLI::App* sub : names) {
+        const size_t d = EditDistance(word, sub->get_name());
+        if (d > best) continue;
+        if (d < best) nearest.clear();
+        best = d;
+        nearest.push_back(sub->get_name());
+    }
+    std::string message =
+        "'" + word + "' is not a " + path + " command. See '" + path + " --help'.";
+    if (!nearest.empty()) {
+        message += nearest.size() == 1 ? "\n\nThe most similar command is"
+                                       : "\n\nThe most similar commands are";
+        for (const auto& n : nearest) message += "\n\t" + n;
+    }
+    return UnexpectedError(KELVO_HERE, "@", message);
 }
 
 namespace {
@@ -52,6 +107,23 @@ int RunCommandBody(Context& context, const std::function<Result<int>()>& body) {
 }  // namespace detail
 
 // --- Reading JSON requests -------------------------------------------------------------------
+
+Result<json> ParseJson(std::string_view text, std::string_view what) {
+    try {
+        return json::parse(text);
+    } catch (const json::out_of_range&) {
+        return IllegalArgumentError(KELVO_HERE, "@ holds a number beyond the range of doubles.",
+                                    what);
+    } catch (const json::parse_error& e) {
+        return IllegalArgumentError(KELVO_HERE, "@ is not valid JSON (byte @).", what, e.byte);
+    }
+}
+
+Result<json> ParseJsonObject(std::string_view text, std::string_view what) {
+    KELVO_ASSIGN_OR_RETURN(json j, ParseJson(text, what));
+    if (!j.is_object()) return IllegalArgumentError(KELVO_HERE, "@ must be a JSON object.", what);
+    return j;
+}
 
 const json& Member(const json& request, std::string_view key) {
     static const json missing;
@@ -327,6 +399,44 @@ Error AboutTarget(const Error& e, const std::string& temp, const std::string& ta
     if (e.Kind() == ERRORKIND::OUTOFMEMORY) return e;
     return Error(e.Kind(), e.Location(), replace(e.Message()), replace(e.Url()));
 }
+
+// The process's file-creation mask, read without changing it (umask() would, for a moment,
+// for every thread).
+mode_t CreationMask() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind("Umask:", 0) == 0) return mode_t(std::strtoul(line.c_str() + 6, nullptr, 8));
+    return 022;
+}
+
+// A new, empty file beside `real` that nobody can have prepared: its name has a random
+// part and it is created exclusively, as mkstemp does, so a link or file planted under
+// the name is never opened. It keeps `real`'s suffix, so that the format is chosen alike,
+// and gives up letters of the stem to stay within the file system's name limit.
+Result<int> CreateTemporary(const fs::path& real, fs::path& temp) {
+    const fs::path folder = real.parent_path().empty() ? fs::path(".") : real.parent_path();
+    long limit = ::pathconf(folder.c_str(), _PC_NAME_MAX);
+    if (limit <= 0) limit = NAME_MAX;
+    const std::string suffix = real.extension().string(), mark = ".kelvo-XXXXXX";
+    std::string stem = real.stem().string();
+    const long room = limit - long(1 + mark.size() + suffix.size());
+    if (room < 0)
+        return IoError(KELVO_HERE, real.string(), "Cannot write '@': @.", real.string(),
+                       host::FileProblem(real, ENAMETOOLONG));
+    if (long(stem.size()) > room) {
+        stem.resize(size_t(room));
+        while (!stem.empty() && (static_cast<unsigned char>(stem.back()) & 0xc0) == 0x80)
+            stem.pop_back();  // no half letters
+        if (!stem.empty() && static_cast<unsigned char>(stem.back()) >= 0xc0) stem.pop_back();
+    }
+    std::string name = (real.parent_path() / ("." + stem + mark + suffix)).string();
+    int fd = ::mkstemps(name.data(), int(suffix.size()));
+    if (fd < 0)
+        return IoError(KELVO_HERE, real.string(), "Cannot write '@': @.", real.string(),
+                       host::FileProblem(real, errno));
+    temp = name;
+    return fd;
+}
 }  // namespace
 
 Result<void> WriteOutput(const fs::path& target,
@@ -340,23 +450,69 @@ Result<void> WriteOutput(const fs::path& target,
         std::error_code ec;
         if (fs::path c = fs::canonical(target, ec); !ec) real = c;
     }
-    static std::atomic<int> counter{0};
-    const fs::path temp =
-        real.parent_path() / ("." + real.stem().string() + ".kelvo-" + std::to_string(::getpid()) +
-                              "-" + std::to_string(counter++) + real.extension().string());
-    Result<void> done = write(temp);
+    fs::path temp;
+    KELVO_ASSIGN_OR_RETURN(const int fd, CreateTemporary(real, temp));
+    // Held open to the end: the file written must still be the one created here.
+    struct Descriptor {
+        int fd;
+        ~Descriptor() { ::close(fd); }
+    } held{fd};
     std::error_code ec;
-    if (!done) {
+    auto fail = [&](const Error& e) {
         fs::remove(temp, ec);
-        return AboutTarget(done.GetError(), temp.string(), target.string());
+        return AboutTarget(e, temp.string(), target.string());
+    };
+    // The old file's permissions, or what a plain new file would get.
+    ::fchmod(fd, exists ? (st.st_mode & 07777) : (0666 & ~CreationMask()));
+    Result<void> done = write(temp);
+    if (!done) return fail(done.GetError());
+    struct stat made, now;
+    if (::fstat(fd, &made) != 0 || ::lstat(temp.c_str(), &now) != 0 || !S_ISREG(now.st_mode) ||
+        made.st_dev != now.st_dev || made.st_ino != now.st_ino) {
+        fs::remove(temp, ec);
+        return IoError(KELVO_HERE, target.string(),
+                       "Cannot write '@': its temporary file @ was replaced while written.",
+                       target.string(), temp.string());
     }
-    if (exists) fs::permissions(temp, fs::perms(st.st_mode & 07777), ec);
     if (::rename(temp.c_str(), real.c_str()) != 0) {
         int error = errno;
         fs::remove(temp, ec);
         return IoError(KELVO_HERE, target.string(), "Cannot write '@': @.", target.string(),
                        std::strerror(error));
     }
+    return OK();
+}
+
+Result<void> CheckImageOutput(const fs::path& target, const Id& format) {
+    const Url url = Url::FromFile(target.string());
+    struct stat st;
+    // A device or FIFO is written as it is; its name says nothing about a format.
+    if (::stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return OK();
+    if (format.IsEmpty()) {
+        // The formats whose suffix the name has, and whether any of them has a writer.
+        std::vector<Id> formats;
+        for (const EntryRecord* e : RegistryMembers(kFileFormatsRegistry)) {
+            if (e->kind != ENTRYKIND::CLASS || e->kindId != FileFormatInterface::InterfaceId())
+                continue;
+            auto f = CreateClass<FileFormatInterface>(e->GetId());
+            if (f && (*f)->MatchesSuffix(url)) formats.push_back(e->GetId());
+        }
+        bool writable = false;
+        for (const EntryRecord* e : RegistryMembers(kFileFormatHandlersRegistry)) {
+            if (e->kind != ENTRYKIND::CLASS || writable) continue;
+            auto h = CreateClass<FileFormatHandlerInterface>(e->GetId());
+            writable =
+                h && !(*h)->GetExportClass().IsEmpty() &&
+                std::find(formats.begin(), formats.end(), (*h)->GetFileFormat()) != formats.end();
+        }
+        if (!writable)
+            return UnsupportedArgumentError(KELVO_HERE, "No file format writes @.", url.ToString());
+    }
+    const fs::path folder = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+    if (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return IoError(KELVO_HERE, target.string(),
+                       "Cannot write '@': its folder '@' does not exist.", target.string(),
+                       folder.string());
     return OK();
 }
 

@@ -1,8 +1,12 @@
 // kelvo bsdf: evaluates the legacy BSDF models and the microfacet distributions, one JSON
 // request a line on stdin, one answer a line on stdout (see README).
+#include <algorithm>
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "bsdf_plot.h"
@@ -250,8 +254,11 @@ Result<void> BsdfSession::CacheEntries(const json& request, JsonWriter& w) {
     KELVO_ASSIGN_OR_RETURN(int64_t count, IntegerMember(request, "count", 1));
     constexpr int64_t kSize = int64_t(kSamplerCacheFloats);
     if (index < 0 || count < 0 || index > kSize || count > kSize - index) {
-        // The last entry asked for, without overflowing for absurd requests.
-        int64_t last = count > 0 && index > INT64_MAX - (count - 1) ? INT64_MAX : index + count - 1;
+        // The last entry asked for, saturated: index and count are anything a request holds,
+        // so index + count - 1 may leave int64 either way.
+        int64_t last = 0;
+        if (__builtin_add_overflow(index, count, &last) || __builtin_sub_overflow(last, 1, &last))
+            last = count > 0 ? INT64_MAX : INT64_MIN;
         return IllegalArgumentError(KELVO_HERE, "Entries @..@ are outside the table.", index, last);
     }
     w.Key("values").Array();
@@ -372,6 +379,37 @@ Result<void> BsdfSession::Handle(const json& request, JsonWriter& w) {
     return IllegalArgumentError(KELVO_HERE, "Unknown operation '@'.", op);
 }
 
+// Every operation a request may name, as --help lists them.
+constexpr std::pair<const char*, const char*> kOperations[] = {
+    {"new", "make a named model or distribution (name, model or distribution, data, caches)"},
+    {"update", "update a named object from data and caches"},
+    {"reset", "reset a named model, then update it"},
+    {"ComputeBSDF", "value and density for wo, wi (wl)"},
+    {"SampleF", "a sampled direction wi with its value and density, for wo and sample"},
+    {"PdfIndirect", "density of wi for wo"},
+    {"ComputeBSDFFrame", "the shading frame from normal, u, v"},
+    {"ComputeMIPAngle", "the model's MIP angle for angle"},
+    {"ComputeAngle", "cosine for a sample"},
+    {"ComputeF_UVW", "the model's UVW value"},
+    {"D", "a distribution's value and density at half vector h"},
+    {"G", "a distribution's shadowing for first, second, h"},
+    {"Sample", "a half vector sampled from a distribution"},
+    {"cache", "entries of the run's distribution tables (kind, index, count)"},
+    {"caches", "computed entries per table; fresh: true starts new tables"},
+    {"state", "derived fields of a model or distribution"},
+    {"models", "the model ids and data keys"},
+};
+
+std::string OperationsHelp() {
+    std::string text =
+        "Operations (\"op\"); a model or distribution operation names an object "
+        "made with new (\"name\") or makes one from model/distribution and data:\n";
+    for (const auto& [op, what] : kOperations)
+        text += "  " + std::string(op) + std::string(18 - std::min<size_t>(17, strlen(op)), ' ') +
+                what + "\n";
+    return text;
+}
+
 }  // namespace
 
 void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
@@ -379,6 +417,7 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
         "bsdf",
         "Evaluate the legacy BSDF models and microfacet distributions: one JSON request a line "
         "on stdin, one answer a line on stdout");
+    cmd->footer(OperationsHelp());
     auto* plot = cmd->add_subcommand(
         "plot",
         "Write a PNG picture of a model's lobe: a polar plot of value x |cos| in the plane "
@@ -409,9 +448,7 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
                                        }));
                 return OK();
             }
-            json data = json::parse(options->data, nullptr, false);
-            if (data.is_discarded() || !data.is_object())
-                return IllegalArgumentError(KELVO_HERE, "--data must be a JSON object.");
+            KELVO_ASSIGN_OR_RETURN(json data, ParseJsonObject(options->data, "--data"));
             if (options->size < 16 || options->size > 2048)
                 return IllegalArgumentError(KELVO_HERE, "--size must be 16..2048, not @.",
                                             options->size);
@@ -421,6 +458,7 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
             if (wo == Vec3{})
                 return IllegalArgumentError(KELVO_HERE, "--wo must not be the zero vector.");
             std::string out = options->out.empty() ? options->model + "-lobe.png" : options->out;
+            KELVO_TRY(CheckImageOutput(out));
             KELVO_TRY(WritePicture(out, DrawLobe(*model, wo, options->size).View()));
             std::cout << "kelvo bsdf plot: wrote " << out << '\n';
             return OK();

@@ -1,16 +1,18 @@
 // kelvo intersect: traces rays through an intersection class, chosen like a renderer
 // chooses it (g_polygonIntersection or the default engine), over a Wavefront OBJ file or
 // a built-in sphere above a square.
+#include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <tuple>
 
 #include "cli_common.h"
 #include "commands.h"
+#include "kelvo/io.h"
 #include "kelvo/meshbuilders.h"
 #include "kelvo/registry.h"
 #include "kelvo/rendergeneral.h"
@@ -18,11 +20,62 @@
 namespace kelvo::cli {
 namespace {
 
+// Bounds on what an OBJ file may hold (its mesh takes up to about ten times the text) and
+// on one line: a device or an endless file fails early instead of filling the memory.
+constexpr int64_t kMaxObjBytes = int64_t(256) << 20;
+constexpr size_t kMaxObjLine = size_t(1) << 16;
+
+// The file's lines, through the host's streams (a FIFO neither blocks the open nor waits
+// past Ctrl-C), without their line breaks.
+class ObjLines {
+public:
+    ObjLines(StrongRef<InputStream> in, std::string file)
+        : _in(std::move(in)), _file(std::move(file)) {}
+    // False at the end of the file.
+    Result<bool> Next(std::string& line, int64_t number) {
+        line.clear();
+        for (;;) {
+            if (_at == _end) {
+                if (_done) return !line.empty();
+                KELVO_ASSIGN_OR_RETURN(size_t n, _in->Read(_buffer, sizeof _buffer));
+                _total += int64_t(n);
+                if (_total > kMaxObjBytes)
+                    return IllegalArgumentError(KELVO_HERE, "OBJ file '@' is larger than @ bytes.",
+                                                _file, kMaxObjBytes);
+                _at = _buffer;
+                _end = _buffer + n;
+                _done = n == 0;
+                continue;
+            }
+            const char* stop = std::find(_at, _end, '\n');
+            line.append(_at, stop);
+            _at = stop == _end ? stop : stop + 1;
+            if (line.size() > kMaxObjLine)
+                return IllegalArgumentError(KELVO_HERE,
+                                            "OBJ file '@' line @: longer than @ characters.", _file,
+                                            number, kMaxObjLine);
+            if (stop != _end) return true;
+        }
+    }
+
+private:
+    StrongRef<InputStream> _in;
+    std::string _file;
+    char _buffer[1 << 16];
+    const char* _at = _buffer;
+    const char* _end = _buffer;
+    int64_t _total = 0;
+    bool _done = false;
+};
+
 // OBJ faces index positions, uvs and normals separately; a mesh vertex is one distinct
 // triple. Polygons become fans. Normals and uvs are kept only when every corner has them.
 Result<OwnedTriangleMesh> ReadObj(const std::string& file) {
-    std::ifstream in(file);
-    if (!in) return IoError(KELVO_HERE, file, "Cannot open OBJ file '@'.", file);
+    KELVO_ASSIGN_OR_RETURN(StrongRef<InputStream> opened, OpenInputStream(Url::FromFile(file)));
+    if (opened->Length() > kMaxObjBytes)
+        return IllegalArgumentError(KELVO_HERE, "OBJ file '@' is larger than @ bytes.", file,
+                                    kMaxObjBytes);
+    auto in = std::make_unique<ObjLines>(std::move(opened), file);
     std::vector<Vec3> positions, normals;
     std::vector<Vec2> uvs;
     std::map<std::tuple<int64_t, int64_t, int64_t>, uint32_t> corners;
@@ -30,7 +83,9 @@ Result<OwnedTriangleMesh> ReadObj(const std::string& file) {
     std::vector<std::tuple<int64_t, int64_t, int64_t>> vertexKeys;
     bool allNormals = true, allUvs = true;
     std::string line;
-    for (int64_t number = 1; std::getline(in, line); ++number) {
+    for (int64_t number = 1;; ++number) {
+        KELVO_ASSIGN_OR_RETURN(bool more, in->Next(line, number));
+        if (!more) break;
         auto bad = [&](std::string_view why) {
             return IllegalArgumentError(KELVO_HERE, "OBJ file '@' line @: @", file, number, why);
         };
@@ -79,7 +134,6 @@ Result<OwnedTriangleMesh> ReadObj(const std::string& file) {
                 mesh.indices.insert(mesh.indices.end(), {polygon[0], polygon[k], polygon[k + 1]});
         }
     }
-    if (in.bad()) return IoError(KELVO_HERE, file, "Cannot read OBJ file '@'.", file);
     for (const auto& [p, t, n] : vertexKeys) {
         mesh.positions.push_back(positions[size_t(p - 1)]);
         if (allUvs) mesh.uvs.push_back(uvs[size_t(t - 1)]);

@@ -28,6 +28,14 @@ const char* KindName(ENTRYKIND kind) {
     }
 }
 
+// Classes, components and the like that go into no registry: reached by id alone.
+std::vector<const EntryRecord*> OutsideRegistries() {
+    std::vector<const EntryRecord*> out;
+    for (const EntryRecord* e : host::Entries())
+        if (e->registry.Text().empty()) out.push_back(e);
+    return out;
+}
+
 }  // namespace
 
 std::string ModulesJson() {
@@ -60,6 +68,16 @@ std::string ModulesJson() {
         }
         w.End().End();
     }
+    w.End().Key("outsideRegistries").Array();
+    for (const EntryRecord* e : OutsideRegistries())
+        w.Object()
+            .Key("id")
+            .String(e->GetId().Text())
+            .Key("kind")
+            .String(KindName(e->kind))
+            .Key("declaredIn")
+            .String(e->source.Path())
+            .End();
     w.End().Key("configuration").Array();
     for (const auto& c : host::ConfigVariables())
         w.Object().Key("name").String(c.name).Key("value").String(c.value).End();
@@ -81,6 +99,11 @@ void PrintModules(std::ostream& out) {
         for (const EntryRecord* e : reg.members)
             out << "  " << e->GetId().Text() << "  [" << KindName(e->kind) << "]\n";
     }
+    const auto outside = OutsideRegistries();
+    out << "\noutside any registry (" << outside.size()
+        << (outside.size() == 1 ? " entry)\n" : " entries)\n");
+    for (const EntryRecord* e : outside)
+        out << "  " << e->GetId().Text() << "  [" << KindName(e->kind) << "]\n";
     out << "\nconfiguration variables\n";
     for (const auto& c : host::ConfigVariables())
         out << "  " << c.name << " = " << JsonString(c.value) << '\n';
@@ -119,8 +142,8 @@ void PrintConfig(std::ostream& out, bool json) {
 void AddModulesCommand(CLI::App& app, Context& context, int& status) {
     auto* cmd = app.add_subcommand(
         "modules",
-        "List every registry with its entries, the modules and their configuration "
-        "variables, as loaded from the module libraries");
+        "List the modules, every registry with its entries, the classes outside any registry "
+        "and the configuration variables, as loaded from the module libraries");
     auto json = std::make_shared<bool>(false);
     cmd->add_flag("--json", *json, "Write one JSON document instead of text");
     cmd->callback([&context, &status, json] {

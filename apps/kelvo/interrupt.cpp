@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include "host.h"
+
 namespace kelvo::cli {
 namespace {
 
@@ -11,8 +13,11 @@ std::atomic<bool> g_interrupted{false};
 std::atomic<Wakeup*> g_wake{nullptr};
 struct sigaction g_previous {};
 
+// A swatch's texture or light profile may come from a FIFO that never sends: its read is
+// interrupted too, so that the run can let go of the swatch.
 extern "C" void OnInterrupt(int /*signal*/) {
     g_interrupted.store(true);
+    host::InterruptInputs(true);
     if (Wakeup* wake = g_wake.load()) wake->Post();
 }
 
@@ -32,9 +37,11 @@ void Wakeup::Wait() noexcept {
 
 InterruptGuard::InterruptGuard(Wakeup* wake) {
     g_interrupted.store(false);
+    host::InterruptInputs(false);
     g_wake.store(wake);
     struct sigaction action {};
     action.sa_handler = &OnInterrupt;
+    action.sa_flags = SA_RESETHAND;  // a second Ctrl-C ends the process as usual
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, &g_previous);
 }
@@ -42,6 +49,7 @@ InterruptGuard::InterruptGuard(Wakeup* wake) {
 InterruptGuard::~InterruptGuard() {
     sigaction(SIGINT, &g_previous, nullptr);
     g_wake.store(nullptr);
+    host::InterruptInputs(false);
 }
 
 bool InterruptGuard::Interrupted() const { return g_interrupted.load(); }

@@ -1,12 +1,14 @@
 // kelvo preview render: the swatch reaches the file, the report names the engine, and bad
 // requests fail with our own messages; several swatches share a sheet, a failing one shows
 // its placeholder, and Ctrl-C keeps what was rendered.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "../modules/render.module/ies_test_util.h"
+#include "cli_test_util.h"
 
 namespace kelvo::cli {
 namespace {
@@ -29,8 +31,9 @@ TEST(PreviewCommandTest, RendersASwatchWithAReportAndRefusesBadRequests) {
     EXPECT_EQ(report["secondsPerIteration"].size(), 2u);
     EXPECT_GT(report["raysPerSecond"].get<double>(), 0.0);
 
-    EXPECT_EQ(Kelvo("preview render --scene stage -o /dev/null"),
-              Failed("Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."));
+    EXPECT_EQ(
+        Kelvo("preview render --scene stage -o /dev/null"),
+        Failed("Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane, backdrop)."));
     EXPECT_EQ(Kelvo("preview render --size 0,8 -o /dev/null"),
               Failed("Illegal argument: Preview size 0 x 8 is out of range."));
     EXPECT_EQ(Kelvo("preview render --material '{\"color\":[1,1,1]}' -o /dev/null"),
@@ -94,6 +97,34 @@ TEST(PreviewCommandTest, CtrlCReleasesThePreviewsAndWritesTheImagesSoFar) {
     EXPECT_TRUE(report["swatches"][0]["finalImageSeconds"].is_null());
     EXPECT_TRUE(fs::exists(exr));
     fs::remove(exr);
+}
+
+// A texture and a light profile from FIFOs whose writer never sends: the swatches that
+// wait on them must not hold the run past Ctrl-C. The outer timeout turns a hang into a
+// failure (status 137).
+TEST(PreviewCommandTest, CtrlCEndsSwatchesWaitingOnFifos) {
+    const fs::path dir =
+        fs::temp_directory_path() / ("kelvo_fifo_swatch_" + std::to_string(::getpid()));
+    fs::create_directories(dir);
+    const fs::path texture = dir / "texture.png", ies = dir / "spot.ies";
+    ASSERT_EQ(::mkfifo(texture.c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(ies.c_str(), 0600), 0);
+    // Writers that stay and never write (O_RDWR does not wait for a reader).
+    const int writers[] = {::open(texture.c_str(), O_RDWR), ::open(ies.c_str(), O_RDWR)};
+    ToolRun run = Shell("cd / && timeout -s KILL 30 timeout --preserve-status -s INT 2 " +
+                        std::string(KELVO_TOOL) +
+                        " preview render --material '{}' --material '{\"texture\":\"" +
+                        texture.string() + "\"}' --material '{\"ies\":\"" + ies.string() +
+                        "\"}' --size 8 --iterations 1000000 --json -o " +
+                        (dir / "sheet.png").string() + " 2>/dev/null");
+    for (int fd : writers) ::close(fd);
+    EXPECT_EQ(run.status, 130) << run.out;
+    EXPECT_TRUE(fs::exists(dir / "sheet.png"));
+    fs::remove_all(dir);
+    if (run.status != 130) return;
+    nlohmann::json report = nlohmann::json::parse(run.out);
+    EXPECT_EQ(report["cancelled"], true);
+    EXPECT_GT(report["swatches"][0]["iterations"].get<int64_t>(), 0);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The tool's preview requests, in-process: materials and settings read once with their
 // bounds, and an inbox whose waiting thread sleeps until a delivery or Ctrl-C and misses
 // none of them.
+#include "preview_request.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,7 +13,6 @@
 
 #include "host.h"
 #include "kelvo/previewmaterials.h"
-#include "preview_request.h"
 
 namespace kelvo::cli {
 namespace {
@@ -65,7 +66,7 @@ TEST_F(PreviewRequestTest, MaterialsAndSettingsAreReadOnceWithTheirBoundsAndMess
     s.iterations = 1;
     s.scene = "stage";
     EXPECT_EQ(CheckPreviewSettings(s).GetError().Message(),
-              "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane).");
+              "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane, backdrop).");
 }
 
 TEST_F(PreviewRequestTest, DeliveriesAndFailuresWakeTheWaiterAndCtrlCEndsTheWait) {

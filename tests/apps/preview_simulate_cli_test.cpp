@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "../modules/render.module/ies_test_util.h"
+#include "cli_test_util.h"
 
 namespace kelvo::cli {
 namespace {

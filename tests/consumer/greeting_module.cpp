@@ -6,19 +6,8 @@ namespace {
 const char* const kDependencies[] = {"net.kelvo.core.framework"};
 }
 
-extern "C" {
-__attribute__((visibility("default"))) KelvoBinding g_kelvo = {KELVO_BINDING_VERSION,
-                                                               sizeof(KelvoBinding),
-                                                               {"net.example.greeting",
-                                                                "net.example.greeting.module",
-                                                                {"modules", "greeting.module"},
-                                                                kDependencies,
-                                                                1,
-                                                                nullptr,
-                                                                nullptr},
-                                                               {}};
-__attribute__((visibility("default"))) void (*g_CpuYieldDelegate)() = nullptr;
-}
+KELVO_MODULE("net.example.greeting", "net.example.greeting.module", "greeting.module",
+             kDependencies);
 
 namespace {
 KELVO_ENTRY(s_registry, kelvo::ENTRYKIND::REGISTRY, "net.example.greeting.registry", kelvo::Id(),

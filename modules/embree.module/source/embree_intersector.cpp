@@ -137,32 +137,74 @@ float FloatAbove(double d) {
     return double(f) < d ? std::nextafter(f, std::numeric_limits<float>::infinity()) : f;
 }
 
-// Fills an Embree ray; false for a ray that cannot hit anything.
-bool SetRay(RTCRay& out, const Ray& ray, const RayLimits& limits, unsigned id) {
+// Embree stops the process on a ray with a coordinate beyond about 1.8e18 (its own
+// validity assertion). Directions are rescaled by a power of two into a safe range, which
+// is exact and leaves the distances to scale back; an origin that far out is refused.
+constexpr double kLargestOrigin = 1.0e18;
+constexpr double kEmbreeLargest = 1.7e18;  // a margin below Embree's 1.844e18
+constexpr double kLongestDirection = 0x1p40, kShortestDirection = 0x1p-40;
+
+// Fills an Embree ray; false for a ray that cannot hit anything. Embree's distances along
+// the stored direction are ldexp(t, shift) along `ray`'s.
+bool SetRay(RTCRay& out, const Ray& ray, const RayLimits& limits, unsigned id, int& shift,
+            double originLimit) {
     const Vec3& o = ray.origin;
-    const Vec3& d = ray.direction;
-    bool usable = std::isfinite(o.x) && std::isfinite(o.y) && std::isfinite(o.z) &&
-                  std::isfinite(d.x) && std::isfinite(d.y) && std::isfinite(d.z) &&
-                  (d.x != 0.0 || d.y != 0.0 || d.z != 0.0) && limits.tmax >= limits.tmin &&
+    Vec3 d = ray.direction;
+    const double longest = std::max({std::abs(d.x), std::abs(d.y), std::abs(d.z)});
+    bool usable = std::abs(o.x) <= originLimit && std::abs(o.y) <= originLimit &&
+                  std::abs(o.z) <= originLimit && std::isfinite(d.x) && std::isfinite(d.y) &&
+                  std::isfinite(d.z) && longest > 0.0 && limits.tmax >= limits.tmin &&
                   limits.tmax >= 0.0;
+    double tmin = std::max(limits.tmin, 0.0), tmax = limits.tmax;
+    shift = 0;
+    if (usable && (longest > kLongestDirection || longest < kShortestDirection)) {
+        std::frexp(longest, &shift);  // the longest component lands in [0.5, 1)
+        d = {std::ldexp(d.x, -shift), std::ldexp(d.y, -shift), std::ldexp(d.z, -shift)};
+        tmin = std::ldexp(tmin, shift);
+        tmax = std::ldexp(tmax, shift);
+        shift = -shift;
+    }
     out.org_x = float(o.x);
     out.org_y = float(o.y);
     out.org_z = float(o.z);
     out.dir_x = float(d.x);
     out.dir_y = float(d.y);
     out.dir_z = float(d.z);
-    out.tnear = FloatAbove(std::max(limits.tmin, 0.0));
-    out.tfar = FloatBelow(limits.tmax);
+    out.tnear = FloatAbove(tmin);
+    out.tfar = FloatBelow(tmax);
     out.time = 0.0f;
     out.mask = ~0u;
     out.id = id;
     out.flags = 0;
     if (!usable) {
-        // Inactive for Embree's packet calls: tnear beyond tfar.
+        // Inactive for Embree's packet calls: tnear beyond tfar, and nothing Embree rejects.
+        out.org_x = out.org_y = out.org_z = 0.0f;
+        out.dir_x = out.dir_y = 0.0f;
+        out.dir_z = 1.0f;
         out.tnear = 1.0f;
         out.tfar = 0.0f;
     }
     return usable;
+}
+
+// How far out on any axis a ray may start so that Embree, moving it into the frame of an
+// instance placed by these single-precision columns, still stays within its limits; 0 for
+// a placement that cannot be traced (singular or extreme once rounded to float).
+double InstanceReach(const float columns[12]) {
+    const Vec3 x{columns[0], columns[1], columns[2]}, y{columns[3], columns[4], columns[5]},
+        z{columns[6], columns[7], columns[8]};
+    const double det = Dot(x, Cross(y, z));
+    if (det == 0.0 || !std::isfinite(det)) return 0.0;
+    // The inverse's rows are these cross products over the determinant.
+    double rows = 0.0;
+    for (const Vec3& r : {Cross(y, z), Cross(z, x), Cross(x, y)})
+        rows = std::max(rows, (std::abs(r.x) + std::abs(r.y) + std::abs(r.z)) / std::abs(det));
+    const double offset =
+        std::max({std::abs(columns[9]), std::abs(columns[10]), std::abs(columns[11])});
+    // Directions (below 1 per component) must stay far inside the range too.
+    if (!std::isfinite(rows) || rows > 1e17 || !std::isfinite(offset)) return 0.0;
+    const double reach = std::min(kLargestOrigin, kEmbreeLargest / rows - offset);
+    return reach >= 1.0 ? reach : 0.0;
 }
 
 Vec3 ToDouble(const Vec3f& v) { return {double(v.x), double(v.y), double(v.z)}; }
@@ -300,6 +342,14 @@ public:
                     float(m.xAxis.x), float(m.xAxis.y),  float(m.xAxis.z),  float(m.yAxis.x),
                     float(m.yAxis.y), float(m.yAxis.z),  float(m.zAxis.x),  float(m.zAxis.y),
                     float(m.zAxis.z), float(m.offset.x), float(m.offset.y), float(m.offset.z)};
+                // Embree inverts the placement in float and asserts on the rays it moves
+                // with it: a placement singular or extreme in float hides its copy.
+                const double reach = InstanceReach(columnMajor);
+                if (reach == 0.0) {
+                    rtcReleaseGeometry(geometry);
+                    continue;
+                }
+                _originLimit = std::min(_originLimit, reach);
                 rtcSetGeometryTransform(geometry, 0, RTC_FORMAT_FLOAT3X4_COLUMN_MAJOR, columnMajor);
                 rtcCommitGeometry(geometry);
             }
@@ -327,12 +377,13 @@ public:
         if (!_scene) return false;
         QueryContext context = MakeContext(&limits, 1, RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT);
         RTCRayHit rayHit;
-        if (!SetRay(rayHit.ray, ray, limits, 0)) return false;
+        int shift = 0;
+        if (!SetRay(rayHit.ray, ray, limits, 0, shift, _originLimit)) return false;
         rayHit.hit.geomID = RTC_INVALID_GEOMETRY_ID;
         rayHit.hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
         rtcIntersect1(_scene, &context.base, &rayHit);
         if (rayHit.hit.geomID == RTC_INVALID_GEOMETRY_ID) return false;
-        FillHit(ray, rayHit, hit);
+        FillHit(ray, rayHit, shift, hit);
         return true;
     }
 
@@ -340,7 +391,8 @@ public:
         if (!_scene) return false;
         QueryContext context = MakeContext(&limits, 1, RTC_INTERSECT_CONTEXT_FLAG_INCOHERENT);
         RTCRay embreeRay;
-        if (!SetRay(embreeRay, ray, limits, 0)) return false;
+        int shift = 0;
+        if (!SetRay(embreeRay, ray, limits, 0, shift, _originLimit)) return false;
         rtcOccluded1(_scene, &context.base, &embreeRay);
         return embreeRay.tfar == -std::numeric_limits<float>::infinity();
     }
@@ -348,12 +400,14 @@ public:
     void IntersectPacket(const Ray* rays, const RayLimits* limits, IntersectionResult64* hits,
                          size_t count) const override {
         RTCRayHit chunk[kStreamChunk];
+        int shifts[kStreamChunk];
         for (size_t start = 0; start < count; start += kStreamChunk) {
             size_t n = std::min(kStreamChunk, count - start);
             for (size_t i = 0; i < n; ++i) hits[start + i] = IntersectionResult64{};
             if (!_scene) continue;
             for (size_t i = 0; i < n; ++i) {
-                SetRay(chunk[i].ray, rays[start + i], limits[start + i], unsigned(i));
+                SetRay(chunk[i].ray, rays[start + i], limits[start + i], unsigned(i), shifts[i],
+                       _originLimit);
                 chunk[i].hit.geomID = RTC_INVALID_GEOMETRY_ID;
                 chunk[i].hit.instID[0] = RTC_INVALID_GEOMETRY_ID;
             }
@@ -362,7 +416,7 @@ public:
             rtcIntersect1M(_scene, &context.base, chunk, unsigned(n), sizeof(RTCRayHit));
             for (size_t i = 0; i < n; ++i)
                 if (chunk[i].hit.geomID != RTC_INVALID_GEOMETRY_ID)
-                    FillHit(rays[start + i], chunk[i], hits[start + i]);
+                    FillHit(rays[start + i], chunk[i], shifts[i], hits[start + i]);
         }
     }
 
@@ -375,8 +429,10 @@ public:
                 std::fill(occluded + start, occluded + start + n, false);
                 continue;
             }
+            int shift = 0;  // occlusion has no distance to scale back
             for (size_t i = 0; i < n; ++i)
-                SetRay(chunk[i], rays[start + i], limits[start + i], unsigned(i));
+                SetRay(chunk[i], rays[start + i], limits[start + i], unsigned(i), shift,
+                       _originLimit);
             QueryContext context =
                 MakeContext(limits + start, n, RTC_INTERSECT_CONTEXT_FLAG_COHERENT);
             rtcOccluded1M(_scene, &context.base, chunk, unsigned(n), sizeof(RTCRay));
@@ -420,13 +476,16 @@ private:
     void ReleaseScene() {
         if (_scene) rtcReleaseScene(_scene);
         _scene = nullptr;
+        _originLimit = kLargestOrigin;
         for (Mesh& mesh : _meshes) {
             if (mesh.scene) rtcReleaseScene(mesh.scene);
             mesh.scene = nullptr;
         }
     }
 
-    void FillHit(const Ray& ray, const RTCRayHit& rayHit, IntersectionResult64& hit) const {
+    // `shift` turns Embree's distance into one along the caller's direction (SetRay).
+    void FillHit(const Ray& ray, const RTCRayHit& rayHit, int shift,
+                 IntersectionResult64& hit) const {
         unsigned objectIndex = rayHit.hit.instID[0] != RTC_INVALID_GEOMETRY_ID
                                    ? rayHit.hit.instID[0]
                                    : rayHit.hit.geomID;
@@ -458,7 +517,7 @@ private:
         // millionths of the triangle's size; the ray meets the triangle's plane far more
         // precisely in double. Grazing rays keep Embree's answer.
         const Vec3 normal = Cross(p1 - p0, p2 - p0);
-        hit.distance = double(rayHit.ray.tfar);
+        hit.distance = std::ldexp(double(rayHit.ray.tfar), shift);
         Vec3 position = p0 * w + p1 * u + p2 * v;
         const Vec3 origin =
             object.identity ? ray.origin : object.inverse.TransformPoint(ray.origin);
@@ -509,6 +568,8 @@ private:
     const Engine& _engine;
     std::shared_ptr<Device> _device;
     RTCScene _scene = nullptr;
+    // How far out rays may start in the committed scene (InstanceReach of its instances).
+    double _originLimit = kLargestOrigin;
     Vector<Mesh> _meshes;
     Vector<SceneObject> _objects;
 };

@@ -1,8 +1,6 @@
 // The Embree module's binding record, yield hook and dependency list.
 #include "kelvo/entry.h"
 
-#define KELVO_EXPORT __attribute__((visibility("default")))
-
 namespace {
 
 // The host must have these loaded before the module, in this order.
@@ -14,19 +12,4 @@ const char* const kDependencies[] = {
 
 }  // namespace
 
-extern "C" {
-// Constant-initialised, so that the entry records' static start-up can link into it.
-KELVO_EXPORT KelvoBinding g_kelvo = {
-    KELVO_BINDING_VERSION,
-    sizeof(KelvoBinding),
-    {"net.kelvo.embree",
-     "net.kelvo.embree.module",
-     {"modules", "embree.module"},
-     kDependencies,
-     sizeof(kDependencies) / sizeof(kDependencies[0]),
-     nullptr,
-     nullptr},
-    {},
-};
-KELVO_EXPORT void (*g_CpuYieldDelegate)() = nullptr;
-}
+KELVO_MODULE("net.kelvo.embree", "net.kelvo.embree.module", "embree.module", kDependencies);

@@ -1,7 +1,7 @@
 // The preview module's binding record, yield hook, dependency list and its classes: the
 // material-preview renderer, reached by id through the preview renderer registry, the
-// preview image provider that runs it in the host's preview pipeline, and the node space
-// of legacy materials whose previews that provider makes.
+// preview image provider that runs it in the render module's preview pipeline, and the node
+// space of legacy materials whose previews that provider makes.
 #include "kelvo/entry.h"
 #include "kelvo/nodes/nodespace.h"
 #include "kelvo/nodes/previewimage.h"
@@ -10,8 +10,6 @@
 #include "previewimage/legacy_material_space.h"
 #include "previewimage/previewimage_provider.h"
 #include "renderer/preview_renderer.h"
-
-#define KELVO_EXPORT __attribute__((visibility("default")))
 
 namespace {
 
@@ -23,22 +21,7 @@ const char* const kDependencies[] = {
 
 }  // namespace
 
-extern "C" {
-// Constant-initialised, so that the entry records' static start-up can link into it.
-KELVO_EXPORT KelvoBinding g_kelvo = {
-    KELVO_BINDING_VERSION,
-    sizeof(KelvoBinding),
-    {"net.kelvo.preview",
-     "net.kelvo.preview.module",
-     {"modules", "preview.module"},
-     kDependencies,
-     sizeof(kDependencies) / sizeof(kDependencies[0]),
-     nullptr,
-     nullptr},
-    {},
-};
-KELVO_EXPORT void (*g_CpuYieldDelegate)() = nullptr;
-}
+KELVO_MODULE("net.kelvo.preview", "net.kelvo.preview.module", "preview.module", kDependencies);
 
 namespace {
 KELVO_ENTRY(s_regPreviewRenderers, ::kelvo::ENTRYKIND::REGISTRY,

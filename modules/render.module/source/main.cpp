@@ -11,8 +11,6 @@
 #include "kelvo/shadingcontext.h"
 #include "kelvo/shadingpoint.h"
 
-#define KELVO_EXPORT __attribute__((visibility("default")))
-
 namespace {
 
 // The host must have these loaded before the module, in this order.
@@ -32,22 +30,7 @@ const char* const kDependencies[] = {
 
 }  // namespace
 
-extern "C" {
-// Constant-initialised, so that the entry records' static start-up can link into it.
-KELVO_EXPORT KelvoBinding g_kelvo = {
-    KELVO_BINDING_VERSION,
-    sizeof(KelvoBinding),
-    {"net.kelvo.render",
-     "net.kelvo.render.module",
-     {"modules", "render.module"},
-     kDependencies,
-     sizeof(kDependencies) / sizeof(kDependencies[0]),
-     nullptr,
-     nullptr},
-    {},
-};
-KELVO_EXPORT void (*g_CpuYieldDelegate)() = nullptr;
-}
+KELVO_MODULE("net.kelvo.render", "net.kelvo.render.module", "render.module", kDependencies);
 
 namespace {
 using kelvo::ENTRYKIND;

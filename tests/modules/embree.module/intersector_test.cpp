@@ -217,6 +217,85 @@ TEST_P(IntersectorTest, LimitsBoundTheHit) {
     EXPECT_FALSE(scene->Intersect(ray, {0.0, -1.0}, hit));
 }
 
+// Embree asserts on coordinates beyond about 1.8e18: such rays must neither stop the
+// process nor lose their hit. Directions of any length find the square 5 below at 5 / |d|.
+TEST_P(IntersectorTest, RaysOfExtremeMagnitude) {
+    IntersectionResult64 hit;
+    for (double length : {1e19, 1e300, 0x1p41, 1e-19, 1e-300}) {
+        Ray down;
+        down.origin = {50, 50, 3};
+        down.direction = {0, 0, -length};
+        const double at = 5.0 / length;
+        ASSERT_TRUE(scene->Intersect(down, {}, hit)) << length;
+        EXPECT_EQ(hit.objectIndex, 1);
+        EXPECT_NEAR(hit.distance / at, 1.0, 1e-6) << length;
+        EXPECT_NEAR(hit.hitPosition.z, -2.0, 1e-6) << length;
+        EXPECT_TRUE(scene->Occluded(down, {}));
+        EXPECT_FALSE(scene->Intersect(down, {0.0, at * 0.999}, hit)) << length;
+        EXPECT_FALSE(scene->Occluded(down, {at * 1.001, HUGE_VAL})) << length;
+        IntersectionResult64 packet[2];
+        bool occluded[2] = {};
+        Ray rays[2] = {down, down};
+        RayLimits limits[2] = {{}, {0.0, at * 0.999}};
+        scene->IntersectPacket(rays, limits, packet, 2);
+        scene->OccludedPacket(rays, limits, occluded, 2);
+        EXPECT_NEAR(packet[0].distance / at, 1.0, 1e-6) << length;
+        EXPECT_LT(packet[1].distance, 0.0);
+        EXPECT_TRUE(occluded[0]);
+        EXPECT_FALSE(occluded[1]);
+    }
+    // Origins that far out are refused, alone and among usable rays in a packet.
+    const double far[] = {2e18, -1e19, 1e300};
+    for (double at : far) {
+        for (const Vec3& origin : {Vec3{at, 0, 0}, Vec3{0, at, 0}, Vec3{50, 50, at}}) {
+            Ray ray = MakeRay(origin, {0, 0, -1});
+            EXPECT_FALSE(scene->Intersect(ray, {}, hit));
+            EXPECT_FALSE(scene->Occluded(ray, {}));
+            Ray rays[2] = {ray, MakeRay({50, 50, 3}, {0, 0, -1})};
+            RayLimits limits[2] = {};
+            IntersectionResult64 packet[2];
+            bool occluded[2] = {true, false};
+            scene->IntersectPacket(rays, limits, packet, 2);
+            scene->OccludedPacket(rays, limits, occluded, 2);
+            EXPECT_LT(packet[0].distance, 0.0);
+            EXPECT_NEAR(packet[1].distance, 5.0, 1e-6);
+            EXPECT_FALSE(occluded[0]);
+            EXPECT_TRUE(occluded[1]);
+        }
+    }
+    // A direction with one non-finite component among huge ones is no ray at all.
+    Ray broken;
+    broken.origin = {50, 50, 3};
+    broken.direction = {NAN, 1e300, -1e300};
+    EXPECT_FALSE(scene->Intersect(broken, {}, hit));
+    broken.direction = {1e300, -INFINITY, 0};
+    EXPECT_FALSE(scene->Occluded(broken, {}));
+}
+
+// Embree inverts an instance's placement in float and moves rays with it: a placement that
+// is singular or extreme once rounded to float must hide its copy, not stop the process.
+TEST_F(EmbreeModuleTest, PlacementsSingularInFloatHideTheirCopy) {
+    for (const Id& engine : {kEmbreeIntersectionClass, kEmbreeSingleIntersectionClass}) {
+        auto scene = Create(engine);
+        OwnedTriangleMesh square = MakeSquareMesh(1.0);
+        int32_t mesh = *scene->AddMesh(square.View());
+        ASSERT_TRUE(scene->AddInstance(mesh, Matrix{{0, 0, -2}}).Ok());
+        ASSERT_TRUE(
+            scene->AddInstance(mesh, Matrix{{0, 0, 0}, {1e-314, 0, 0}, {0, 1, 0}, {0, 0, 1}}).Ok());
+        ASSERT_TRUE(
+            scene->AddInstance(mesh, Matrix{{0, 0, 1}, {1e-30, 0, 0}, {0, 1e-30, 0}, {0, 0, 1e-30}})
+                .Ok());
+        ASSERT_TRUE(scene->Commit().Ok());
+        IntersectionResult64 hit;
+        for (const Vec3& origin : {Vec3{0, 0.5, 5}, Vec3{0, 0, 5}, Vec3{1e-20, 0, 0.5}}) {
+            ASSERT_TRUE(scene->Intersect(MakeRay(origin, {0, 0, -1}), {}, hit)) << origin.z;
+            EXPECT_EQ(hit.objectIndex, 0);
+            EXPECT_NEAR(hit.distance, origin.z + 2, 1e-9);
+            EXPECT_TRUE(scene->Occluded(MakeRay(origin, {0, 0, -1}), {}));
+        }
+    }
+}
+
 TEST_P(IntersectorTest, OcclusionAndPacketsAgreeWithSingleClosestHits) {
     std::vector<Ray> rays;
     std::vector<RayLimits> limits;

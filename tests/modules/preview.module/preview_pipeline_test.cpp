@@ -27,7 +27,7 @@ namespace REQUEST = PREVIEWIMAGEREQUEST;
 host::ModuleHandle g_previewModule = nullptr;
 
 void LoadPreviewModule() {
-    kelvo::testing::LoadEngineModule();
+    kelvo::testing_preview::LoadEngineModule();
     // The engine that builds on one thread: Embree's own build threads are not instrumented,
     // and these tests run under the sanitizers too.
     ASSERT_TRUE(
@@ -263,7 +263,7 @@ TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedAtSubmitAndAnUnreadableTexture
         {R"({"environment":"dark"})", "sphere", 2,
          "Illegal argument: environment must be an array of 3 numbers."},
         {kLambert, "stage", 2,
-         "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."},
+         "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane, backdrop)."},
         {kLambert, "sphere", 0, "Illegal argument: Invalid iteration count 0."},
     };
     for (const Case& c : cases) {

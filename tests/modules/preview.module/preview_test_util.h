@@ -6,7 +6,7 @@
 
 #include "host.h"
 
-namespace kelvo::testing {
+namespace kelvo::testing_preview {
 
 inline void LoadEngineModule() {
     static const bool loaded = [] {
@@ -17,4 +17,4 @@ inline void LoadEngineModule() {
     ASSERT_TRUE(loaded);
 }
 
-}  // namespace kelvo::testing
+}  // namespace kelvo::testing_preview

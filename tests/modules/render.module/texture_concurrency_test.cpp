@@ -12,7 +12,7 @@
 
 namespace kelvo {
 namespace {
-using namespace texture_test;
+using namespace testing_texture;
 
 template <typename F>
 void Stampede(int threads, F&& f) {

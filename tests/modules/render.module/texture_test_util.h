@@ -11,7 +11,7 @@
 #include "kelvo/image.h"
 #include "kelvo/texture.h"
 
-namespace kelvo::texture_test {
+namespace kelvo::testing_texture {
 
 // A one-layer image of random channel values (floats in -0.5..2, to see they are not
 // clamped).
@@ -80,4 +80,4 @@ inline StrongRef<TextureInterface> MakeTexture(const StrongRef<ImageInterface>& 
     return texture;
 }
 
-}  // namespace kelvo::texture_test
+}  // namespace kelvo::testing_texture

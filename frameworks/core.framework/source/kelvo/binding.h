@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "kelvo/description_slots.h"
 #include "kelvo/id.h"
@@ -87,3 +88,32 @@ extern KelvoBinding g_kelvo;
 // Processor-yield hook, called by spin locks under long contention, only when set.
 extern void (*g_CpuYieldDelegate)();
 }
+
+// Defines and exports a module's binding record and yield hook, in one of its sources:
+//   const char* const kDependencies[] = {"net.kelvo.core.framework", ...};
+//   KELVO_MODULE("net.example.greeting", "net.example.greeting.module", "greeting.module",
+//                kDependencies);
+// `name` is how the module names itself to the host, `resourceFolder` its folder under
+// "modules" in the resource root, `dependencies` an array of the framework ids the host must
+// have loaded first. The record is constant-initialised, so the entries' static start-up
+// can link into it.
+#define KELVO_MODULE(id, name, resourceFolder, dependencies) \
+    KELVO_MODULE_WITH_VERSION(KELVO_BINDING_VERSION, id, name, resourceFolder, dependencies)
+// The same with another binding version (loader tests build modules the host must refuse).
+#define KELVO_MODULE_WITH_VERSION(version, id, name, resourceFolder, dependencies) \
+    extern "C" {                                                                   \
+    __attribute__((visibility("default")))                                         \
+    KelvoBinding g_kelvo = {version,                                               \
+                            sizeof(KelvoBinding),                                  \
+                            {id,                                                   \
+                             name,                                                 \
+                             {"modules", resourceFolder},                          \
+                             dependencies,                                         \
+                             sizeof(dependencies) / sizeof((dependencies)[0]),     \
+                             nullptr,                                              \
+                             nullptr},                                             \
+                            {}};                                                   \
+    __attribute__((visibility("default"))) void (*g_CpuYieldDelegate)() = nullptr; \
+    }                                                                              \
+    static_assert(std::extent_v<decltype(dependencies)> > 0,                       \
+                  "dependencies must be an array of framework ids")

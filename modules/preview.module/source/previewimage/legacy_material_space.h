@@ -1,7 +1,7 @@
 // The node space of legacy materials (kLegacyMaterialNodeSpace): a material is the preview
 // renderer's JSON object, and its preview image request goes to this module's provider.
-// The space fills its own attributes and hands its description on to the host's base
-// node space, which applies the defaults every space shares.
+// The space fills its own attributes and hands its description on to the render module's
+// base node space, which applies the defaults every space shares.
 #pragma once
 
 #include "kelvo/nodes/nodespace.h"

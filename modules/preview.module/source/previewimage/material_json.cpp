@@ -38,14 +38,13 @@ Result<TEXTUREMODE> ReadTextureMode(const json& v) {
     return it->second;
 }
 
+// An element that is no number gets the vector's wording too: "colour must be a number."
+// would send the user looking for a scalar.
 Result<Col3> ReadColour(const json& c, std::string_view what) {
-    if (!c.is_array() || c.size() != 3)
+    if (!c.is_array() || c.size() != 3 || !c[0].is_number() || !c[1].is_number() ||
+        !c[2].is_number())
         return IllegalArgumentError(KELVO_HERE, "@ must be an array of 3 numbers.", what);
-    Col3 out;
-    KELVO_ASSIGN_OR_RETURN(out.r, ReadNumber(c[0], what));
-    KELVO_ASSIGN_OR_RETURN(out.g, ReadNumber(c[1], what));
-    KELVO_ASSIGN_OR_RETURN(out.b, ReadNumber(c[2], what));
-    return out;
+    return Col3{c[0].get<double>(), c[1].get<double>(), c[2].get<double>()};
 }
 
 Result<void> ReadMaterialObject(const json& j, PreviewMaterial& m, PreviewLight& light,
@@ -90,9 +89,16 @@ Result<void> ReadMaterialObject(const json& j, PreviewMaterial& m, PreviewLight&
 Result<void> ReadMaterialJson(std::string_view text, PreviewMaterial& material, PreviewLight& light,
                               Col3& environment) {
     return CatchOutOfMemory([&]() -> Result<void> {
-        json j = json::parse(text, nullptr, false);
-        if (j.is_discarded())
-            return IllegalArgumentError(KELVO_HERE, "The material must be a JSON object.");
+        json j;
+        try {
+            j = json::parse(text);
+        } catch (const json::out_of_range&) {
+            return IllegalArgumentError(KELVO_HERE,
+                                        "The material holds a number beyond the range of doubles.");
+        } catch (const json::parse_error& e) {
+            return IllegalArgumentError(KELVO_HERE, "The material is not valid JSON (byte @).",
+                                        e.byte);
+        }
         return ReadMaterialObject(j, material, light, environment);
     });
 }

@@ -51,6 +51,39 @@ Shape ClassifyShape(double w, double l, double h) {
     return {0, {0, 0, 0}};
 }
 
+// The most an IES input may hold: 1024 x 1024 candela values in generous text, with room
+// for the header. Beyond it the input is no profile (a device, an endless or sparse file),
+// and reading stops there rather than growing one token or the header loop without end.
+constexpr int64_t kMaxIesBytes = int64_t(32) << 20;
+
+Error TooLarge() {
+    return UnsupportedArgumentError(KELVO_IES_HERE, "IES file is larger than @ bytes",
+                                    kMaxIesBytes);
+}
+
+// The input, ending in an error once it gives more than kMaxIesBytes.
+class BoundedInput final : public Implements<InputStream> {
+public:
+    explicit BoundedInput(StrongRef<InputStream> input) : _input(std::move(input)) {}
+    Result<size_t> Read(void* buffer, size_t size) override {
+        if (_left == 0) {
+            char probe = 0;  // at the bound: one byte more is too much
+            KELVO_ASSIGN_OR_RETURN(size_t n, _input->Read(&probe, 1));
+            if (n == 0) return size_t(0);
+            return TooLarge();
+        }
+        KELVO_ASSIGN_OR_RETURN(
+            size_t n, _input->Read(buffer, size_t(std::min<int64_t>(int64_t(size), _left))));
+        _left -= int64_t(n);
+        return n;
+    }
+    int64_t Length() const override { return _input->Length(); }
+
+private:
+    StrongRef<InputStream> _input;
+    int64_t _left = kMaxIesBytes;
+};
+
 Error LineError(int64_t line) {
     return UnexpectedError(KELVO_IES_HERE, "IES file error in line @", line);
 }
@@ -69,7 +102,12 @@ Result<void> IesImpl::Parse(const StrongRef<InputStream>& input, bool derive) {
     Reset();
     KELVO_TRY(_properties.Set(int64_t(IESPROPERTY_VERSION), 0));
     KELVO_TRY(_properties.Set(int64_t(IESPROPERTY_TILT), 0));
-    KELVO_ASSIGN_OR_RETURN(StrongRef<LexerInterface> lexer, CreateLexer(input));
+    StrongRef<InputStream> source = input;  // no input: the lexer's own error
+    if (input) {
+        if (input->Length() > kMaxIesBytes) return TooLarge();
+        KELVO_ASSIGN_OR_RETURN(source, NewObject<BoundedInput>(input));
+    }
+    KELVO_ASSIGN_OR_RETURN(StrongRef<LexerInterface> lexer, CreateLexer(source));
 
     // Header: version line, keyword lines and free text, up to the TILT line.
     for (;;) {

@@ -50,7 +50,7 @@ private:
     std::array<Entry, 3> _entries;
 };
 
-// The host interface over the process-wide cache.
+// The registered component over the process-wide cache.
 class PreviewImagePlaceholderImpl final : public Implements<PreviewImagePlaceholderInterface> {
 public:
     Result<ImageTextureRef> GetPlaceholder(const Id& reason) override;

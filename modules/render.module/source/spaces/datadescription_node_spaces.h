@@ -1,5 +1,5 @@
 // The descriptions of the node-space attributes (module net.kelvo.nodespaces.module),
-// published in net.kelvo.node.registry.attributes so that the host can show and store them.
+// published in net.kelvo.node.registry.attributes so that an editor can show and store them.
 #pragma once
 
 #include <span>

@@ -50,7 +50,7 @@ public:
                          DataDictionary& target) override;
 };
 
-// The host's table of node spaces. Every operation takes the spin lock first and fails
+// The module's table of node spaces. Every operation takes the spin lock first and fails
 // while the helpers are inactive; spaces are made, initialised and released outside it.
 class NodeSpaceHelpersImpl final : public Implements<NodeSpaceHelpersInterface> {
 public:

@@ -242,6 +242,7 @@ Result<StrongRef<PreviewImageSamples>> PreviewImageSchedulerEntry::ResizeAndFlip
     if (sw < 0 || sh < 0 || (sh > 0 && uint64_t(sw) > SIZE_MAX / uint64_t(sh)) ||
         size_t(sw) * size_t(sh) != samples->size())
         return IllegalArgumentError(KELVO_HERE, "Invalid sample buffer.");
+    // A negative target size is an empty image, not an error: the swatch may not be laid out yet.
     const int64_t tw = std::max<int64_t>(targetSize.width, 0);
     const int64_t th = std::max<int64_t>(targetSize.height, 0);
     if (th > 0 && uint64_t(tw) > SIZE_MAX / sizeof(Col4f) / uint64_t(th))
@@ -260,6 +261,7 @@ Result<StrongRef<PreviewImageSamples>> PreviewImageSchedulerEntry::ResizeAndFlip
     const double scaleX = double(sw) / double(tw), scaleY = double(sh) / double(th);
     auto row = [&](int64_t y) {
         int64_t ty = flip ? th - 1 - y : y;
+        // Edge pixels repeat the edge sample instead of reading outside the source.
         double fy = std::clamp((double(ty) + 0.5) * scaleY - 0.5, 0.0, double(sh - 1));
         int64_t y0 = int64_t(fy), y1 = std::min(y0 + 1, sh - 1);
         float wy = float(fy - double(y0));
@@ -279,6 +281,8 @@ Result<StrongRef<PreviewImageSamples>> PreviewImageSchedulerEntry::ResizeAndFlip
         }
     };
     const int64_t workers = std::max(1, HostThreadCount());
+    // About two chunks per worker for balance, but no more than 16 rows, so a large image
+    // still spreads over every worker.
     const int64_t chunk = std::clamp<int64_t>(th / (2 * workers), 1, 16);
     KELVO_TRY(ParallelFor(0, th, row, ParallelForOptions{chunk, 0}));
     return target;

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "bsdf_test_util.h"
-#include "legacy_renderers/microfacet_distribution.h"
+#include "implementation/legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::legacy {
 namespace {

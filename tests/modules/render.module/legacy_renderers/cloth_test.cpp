@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "bsdf_test_util.h"
+#include "implementation/legacy_renderers/cloth_model.h"
 #include "kelvo/legacy_renderers/clothweavepattern.h"
-#include "legacy_renderers/cloth_model.h"
 
 namespace kelvo::legacy {
 namespace {

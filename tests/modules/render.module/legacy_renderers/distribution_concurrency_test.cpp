@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "bsdf_test_util.h"
-#include "legacy_renderers/microfacet_distribution.h"
+#include "implementation/legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::legacy {
 namespace {

@@ -2,11 +2,11 @@
 
 #include "bsdf_test_util.h"
 #include "host.h"
+#include "implementation/legacy_renderers/bsdf_selftest.h"
+#include "implementation/legacy_renderers/microfacet_distribution.h"
 #include "kelvo/legacy_renderers/legacystate.h"
 #include "kelvo/legacy_renderers/microfacetdistribution.h"
 #include "kelvo/selftest.h"
-#include "legacy_renderers/bsdf_selftest.h"
-#include "legacy_renderers/microfacet_distribution.h"
 
 namespace kelvo::legacy {
 namespace {

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "bsdf_test_util.h"
-#include "legacy_renderers/cloth_model.h"
+#include "implementation/legacy_renderers/cloth_model.h"
 
 namespace kelvo::legacy {
 namespace {

@@ -1,4 +1,4 @@
-#include "legacy_renderers/microfacet_distribution.h"
+#include "implementation/legacy_renderers/microfacet_distribution.h"
 
 #include <gtest/gtest.h>
 

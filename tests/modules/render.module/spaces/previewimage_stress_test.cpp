@@ -10,7 +10,7 @@
 namespace kelvo::nodes {
 namespace {
 
-using test::SyntheticTask;
+using testing_previewimage::SyntheticTask;
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr int kOpsPerThread = 500;
@@ -116,7 +116,7 @@ TEST(PreviewFaultTest, EveryAllocationFailsInTurnAndTheSchedulerKeepsServing) {
     int clean = 0;
     for (int n = 1; n < 2000 && clean < 3; ++n) {
         ASSERT_TRUE(PreviewImageScheduler::Create(1).Ok());
-        test::Recorder recorder;
+        testing_previewimage::Recorder recorder;
         DataDictionary d = recorder.Request("a");
         ASSERT_TRUE(d.Set(PREVIEWIMAGEREQUEST::FLIPVERTICALLY, true).Ok());
         auto task = *NewObject<SyntheticTask>(2);

@@ -9,8 +9,8 @@
 namespace kelvo::nodes {
 namespace {
 
-using test::Recorder;
-using test::SyntheticTask;
+using testing_previewimage::Recorder;
+using testing_previewimage::SyntheticTask;
 
 class PreviewSchedulerTest : public testing::Test {
 protected:

@@ -10,7 +10,9 @@
 #include "kelvo/nodes/previewimage.h"
 #include "spaces/previewimage_scheduler.h"
 
-namespace kelvo::nodes::test {
+namespace kelvo::testing_previewimage {
+
+using namespace kelvo::nodes;
 
 // Iteration k sets the index to k / stride (capped at count - 1). blockUntilCancelled makes
 // an iteration spin until its job is cancelled.
@@ -105,4 +107,4 @@ private:
     std::vector<Delivery> _deliveries;
 };
 
-}  // namespace kelvo::nodes::test
+}  // namespace kelvo::testing_previewimage

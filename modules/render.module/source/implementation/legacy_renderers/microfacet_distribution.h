@@ -93,16 +93,19 @@ public:
     Result<void> Update(const DataDictionary& data) {
         if constexpr (kTabulated) _table = bsdfdata::GetTable(data, TableKey());
         _roughness = ReadRoughness(data);
+        // Roughness 0 would make the exponent infinite (a mirror the sampler cannot hit).
         double r = std::clamp(_roughness, 0.001, 1.0);
         double a = r * r * r;
         if (a == _cubedRoughness) return OK();
         _cubedRoughness = a;
         if constexpr (KIND == DISTRIBUTIONKIND_PHONG) {
             // alpha^2 = 2 / (e + 2) ties this exponent to the widths of the other kinds.
+            // Above 0 for roughness 1 and finite for the smallest; pow() stays well defined.
             double e = std::clamp(4.0 * (1.0 - a) / a, 1e-6, 100000.0);
             _alpha = e;
             _lobeCosine = std::pow(0.5, 1.0 / (e + 1.0));
         } else {
+            // Kept above 0: D divides by alpha squared.
             double alpha = std::clamp(std::sqrt(2.0 / (4.0 * (1.0 - a) / a + 2.0)), 1e-7, 1.0);
             _alpha = alpha;
             _alphaSquared = alpha * alpha;
@@ -319,6 +322,7 @@ public:
         _roughness = r;
         _anisotropy = anisotropy;
         _rotation = rotation;
+        // As for the isotropic kinds: no axis may reach roughness 0 (an infinite exponent).
         double ru = std::clamp(r, 0.001, 1.0);
         double rv = std::clamp(r * (1.0 - anisotropy), 0.001, 1.0);
         // Same exponent as Phong's, one per tangent axis.

@@ -2,6 +2,7 @@
 // the hooks tests use (captured diagnostics, allocation faults, resource folder).
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -115,6 +116,13 @@ std::filesystem::path LocalPath(const Url& url);
 // Why opening or writing `path` failed with errno value `error`, in words for a message:
 // "no such file", "it is a directory", "permission denied", "the disk is full", ...
 std::string FileProblem(const std::filesystem::path& path, int error);
+// Input streams over pipes, FIFOs and devices wait for data in slices of kInputWaitSlice;
+// one that sends nothing for kInputStallLimit fails. InterruptInputs(true) (safe in a
+// signal handler, for Ctrl-C) makes every such wait fail within a slice with
+// "Cannot read @: interrupted."; false lets them wait again.
+inline constexpr std::chrono::milliseconds kInputWaitSlice{100};
+inline constexpr std::chrono::seconds kInputStallLimit{30};
+void InterruptInputs(bool interrupted);
 
 // --- Jobs ------------------------------------------------------------------------------------
 // Sets the number of pool threads (0: one per processor). Lets running work finish first;
