@@ -3,8 +3,11 @@
 // shading): the gap is the time spent on cameras, BSDFs, textures and bookkeeping.
 #include <benchmark/benchmark.h>
 
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "bench_main.h"
@@ -67,12 +70,14 @@ private:
 constexpr Id kRecordingClass("net.kelvo.bench.intersectionclass.recording");
 EntryRecord g_recordingEntry;
 
-preview::PreviewRendererImpl* MakeRenderer(int threads) {
+preview::PreviewRendererImpl* MakeRenderer(int threads,
+                                           PREVIEWSEQUENCE sequence = PREVIEWSEQUENCE::SOBOL) {
     auto* r = new preview::PreviewRendererImpl;
     PreviewSettings s;
     s.width = s.height = 64;
     s.scene = PREVIEWSCENE::SPHERE;
     s.threads = threads;
+    s.sequence = sequence;
     PreviewMaterial m;
     m.model = Id("net.kelvo.render.bsdflegacyclass.ggxbrdf");
     m.data = *NewObject<DataDictionary>();
@@ -86,14 +91,19 @@ preview::PreviewRendererImpl* MakeRenderer(int threads) {
 }
 
 void BM_RendererIteration(benchmark::State& state) {
-    std::unique_ptr<preview::PreviewRendererImpl> r(MakeRenderer(int(state.range(0))));
+    std::unique_ptr<preview::PreviewRendererImpl> r(
+        MakeRenderer(int(state.range(0)), PREVIEWSEQUENCE(state.range(1))));
     (void)r->RenderIteration({});  // the tables and textures filled outside the timing
     const int64_t before = r->GetStatistics().rays;
     for (auto _ : state) (void)r->RenderIteration({});
     state.counters["rays/s"] =
         benchmark::Counter(double(r->GetStatistics().rays - before), benchmark::Counter::kIsRate);
 }
-BENCHMARK(BM_RendererIteration)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+// Second argument: 0 the stratified sequences, 1 independent numbers (the cost per sample).
+BENCHMARK(BM_RendererIteration)
+    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // The same rays (one recorded iteration, one thread) straight to the engine, on one thread.
 void BM_EngineSameRays(benchmark::State& state) {
@@ -118,6 +128,105 @@ void BM_EngineSameRays(benchmark::State& state) {
                                                   benchmark::Counter::kIsRate);
 }
 BENCHMARK(BM_EngineSameRays)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Time to a clean swatch: the error of a 128 x 128 render on 2 threads (RMS of the
+// difference from a long render, over that render's mean, averaged over seeds) after each
+// 1-sample iteration, and the time at which it first falls to 5% and to 2%. The stratified
+// sequences beside independent random numbers, for a diffuse, a GGX 0.3 and a glass swatch.
+struct Swatch {
+    const char* name;
+    const char* model;
+    double roughness;
+};
+constexpr Swatch kSwatches[] = {{"diffuse 0.8", "lambertbrdf", 0.0},
+                                {"GGX 0.3", "ggxbrdf", 0.3},
+                                {"glass GGX 0.1", "ggxbtdf", 0.1}};
+
+PreviewSettings SwatchSettings(uint64_t seed, int spp, PREVIEWSEQUENCE sequence) {
+    PreviewSettings s;
+    s.width = s.height = 128;
+    s.scene = PREVIEWSCENE::SPHERE;
+    s.threads = 2;
+    s.seed = seed;
+    s.samplesPerIteration = spp;
+    s.sequence = sequence;
+    return s;
+}
+PreviewMaterial SwatchMaterial(const Swatch& w) {
+    PreviewMaterial m;
+    m.model = *Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + w.model);
+    m.data = *NewObject<DataDictionary>();
+    (void)m.data->Set(bsdfdata::kRoughness, w.roughness);
+    (void)m.data->Set(bsdfdata::kIorIn, 1.5);
+    (void)m.data->Set(bsdfdata::kIorOut, 1.0);
+    m.colour = {0.8, 0.8, 0.8};
+    return m;
+}
+
+// The long render each swatch is judged against (KELVO_REFERENCE_SAMPLES, default 4096).
+const std::vector<float>& Reference(int swatch) {
+    static std::vector<float> references[std::size(kSwatches)];
+    std::vector<float>& r = references[swatch];
+    if (r.empty()) {
+        int spp = 4096;
+        if (const char* e = std::getenv("KELVO_REFERENCE_SAMPLES"))
+            spp = std::max(64, std::atoi(e));
+        preview::PreviewRendererImpl renderer;
+        (void)renderer.Init(SwatchSettings(1000, 64, PREVIEWSEQUENCE::SOBOL),
+                            SwatchMaterial(kSwatches[swatch]), {});
+        for (int i = 0; i < spp / 64; ++i) (void)renderer.RenderIteration({});
+        r.resize(128 * 128 * 3);
+        (void)renderer.GetImage(r);
+    }
+    return r;
+}
+
+void BM_TimeToError(benchmark::State& state) {
+    const int swatch = int(state.range(0));
+    const auto sequence = PREVIEWSEQUENCE(state.range(1));
+    const std::vector<float>& reference = Reference(swatch);
+    double mean = 0.0;
+    for (float v : reference) mean += v;
+    mean /= double(reference.size());
+    constexpr int kSeeds = 3, kMaxSamples = 1024;
+    std::vector<double> error(kMaxSamples, 0.0), seconds(kMaxSamples, 0.0);
+    int limit = kMaxSamples;  // every seed renders as many samples as the first needed
+    for (auto _ : state) {
+        for (int seed = 0; seed < kSeeds; ++seed) {
+            preview::PreviewRendererImpl r;
+            (void)r.Init(SwatchSettings(uint64_t(seed + 1), 1, sequence),
+                         SwatchMaterial(kSwatches[swatch]), {});
+            std::vector<float> image(reference.size());
+            for (int n = 0; n < limit; ++n) {
+                (void)r.RenderIteration({});
+                (void)r.GetImage(image);
+                double sum = 0.0;
+                for (size_t i = 0; i < image.size(); ++i)
+                    sum += (double(image[i]) - reference[i]) * (double(image[i]) - reference[i]);
+                error[size_t(n)] += std::sqrt(sum / double(image.size())) / mean / kSeeds;
+                seconds[size_t(n)] += r.GetStatistics().seconds / kSeeds;
+                if (seed == 0 && n >= 64 && error[size_t(n)] * kSeeds < 0.015) limit = n + 1;
+            }
+        }
+    }
+    auto reach = [&](double target, bool time) {
+        for (size_t n = 0; n < size_t(limit); ++n)
+            if (error[n] > 0.0 && error[n] <= target) return time ? seconds[n] : double(n + 1);
+        return -1.0;
+    };
+    state.SetLabel(std::string(kSwatches[swatch].name) +
+                   (sequence == PREVIEWSEQUENCE::SOBOL ? ", sequences" : ", independent"));
+    state.counters["err@16"] = error[15];
+    state.counters["err@64"] = error[63];
+    state.counters["s_to_5%"] = reach(0.05, true);
+    state.counters["s_to_2%"] = reach(0.02, true);
+    state.counters["spp_to_2%"] = reach(0.02, false);
+}
+BENCHMARK(BM_TimeToError)
+    ->ArgsProduct({{0, 1, 2}, {int(PREVIEWSEQUENCE::SOBOL), int(PREVIEWSEQUENCE::INDEPENDENT)}})
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
 
 }  // namespace
 }  // namespace kelvo

@@ -1,6 +1,7 @@
 // The configuration database: variables modules declare and values set before or after.
 #include <mutex>
 
+#include "imagefiles.h"
 #include "kelvo/data.h"
 #include "runtime_state.h"
 
@@ -79,6 +80,9 @@ std::vector<ConfigInfo> ConfigVariables() {
 }
 
 Result<void> ConfigSet(std::string_view name, std::string_view value) {
+    // The host's own variable has a form of its own; checked before it is kept, so that a
+    // value set before the declaration is refused as well.
+    if (name == detail::kMaxImageBytesVariable) KELVO_TRY(detail::ParseMaxImageBytes(value));
     auto& s = GetState();
     std::unique_lock lock(s.mutex);
     auto it = s.config.find(name);

@@ -108,12 +108,21 @@ void InsertFormat(std::vector<EntryRecord>& out) {
 }  // namespace
 
 namespace detail {
+Result<uint64_t> ParseMaxImageBytes(std::string_view text) {
+    uint64_t value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || value == 0)
+        return IllegalArgumentError(
+            KELVO_HERE, "Value '@' is not a number of bytes for @ (a whole number from 1 to @).",
+            text, kMaxImageBytesVariable, UINT64_MAX);
+    return value;
+}
+
 uint64_t MaxImageBytes() {
     Result<std::string> text = ConfigGetString(kMaxImageBytesVariable);
     if (!text) return kDefaultMaxImageBytes;
-    uint64_t value = 0;
-    auto [end, ec] = std::from_chars(text->data(), text->data() + text->size(), value);
-    return ec == std::errc() && end == text->data() + text->size() ? value : kDefaultMaxImageBytes;
+    Result<uint64_t> value = ParseMaxImageBytes(*text);
+    return value ? *value : kDefaultMaxImageBytes;  // ConfigSet refuses such values
 }
 
 void RegisterHostFileFormats() {

@@ -52,6 +52,9 @@ inline Result<void> CheckPictureSize(const char* format, const std::string& url,
 inline constexpr const char* kMaxImageBytesVariable = "g_maxImageBytes";
 inline constexpr uint64_t kDefaultMaxImageBytes = uint64_t(1) << 30;
 uint64_t MaxImageBytes();
+// A value for the variable: a whole decimal number of bytes, at least 1. Anything else
+// (1e3, 512M, -1) is refused rather than read as the default.
+Result<uint64_t> ParseMaxImageBytes(std::string_view text);
 
 // Accounts for the bytes a reader is about to take for one picture.
 class PixelBudget {
@@ -81,6 +84,25 @@ Result<void> ConvertPixelsDirect(PixelFormat fromFormat, COLORPROFILE fromProfil
                                  int64_t count);
 Result<void> ReadLayerRows(const ImageInterface& image, int64_t index, PixelFormat format,
                            COLORPROFILE profile, std::vector<uint8_t>& out);
+// The rows of one layer as `format` in `profile`, one at a time, so that a writer holds a row
+// rather than a second copy of the picture.
+class LayerRowReader {
+public:
+    Result<void> Open(const ImageInterface& image, int64_t index, PixelFormat format,
+                      COLORPROFILE profile);
+    // Row y (0 at the top) into `out`, width × the format's bytes per pixel.
+    Result<void> Read(int64_t y, void* out);
+    int64_t Width() const { return _width; }
+    int64_t Height() const { return _height; }
+
+private:
+    StrongRef<GetPixelHandlerInterface> _reader;
+    PixelFormat _format, _own;
+    COLORPROFILE _profile = COLORPROFILE::SRGB, _ownProfile = COLORPROFILE::SRGB;
+    bool _convert = false;  // the layer hands out its own format only
+    std::vector<uint8_t> _line;
+    int64_t _width = 0, _height = 0;
+};
 // A memory layer of the given format filled from `pixels` (rows, top first).
 Result<StrongRef<ImageLayerInterface>> LayerFromPixels(int64_t width, int64_t height,
                                                        PixelFormat format, COLORPROFILE profile,

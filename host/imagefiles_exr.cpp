@@ -7,11 +7,15 @@
 #include <ImfIO.h>
 #include <ImfInputFile.h>
 #include <ImfOutputFile.h>
+#include <ImfRgbaFile.h>
 #include <ImfStandardAttributes.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <vector>
 
@@ -22,31 +26,67 @@
 namespace kelvo::host::detail {
 namespace {
 
-// The channels read from a file: R, G, B, or Y, or its only channel; then A when present.
+// The channels read from a file. Colour wins: R, G and B, a missing one read as 0 (a file
+// with only G and A is green with alpha). Without colour, luminance with chroma (Y, RY, BY)
+// is converted to RGB by the library's RGBA interface, and Y alone, or a file's only
+// channel, is grey. A is added when present.
 struct ExrChannels {
     std::vector<std::string> names;
-    bool grey = false;  // one channel widened to RGB (with A) or kept as grey (without)
+    bool grey = false;             // one channel widened to RGB (with A) or kept as grey
+    bool luminanceChroma = false;  // read through Imf::RgbaInputFile
 };
 
 Result<ExrChannels> PickChannels(const Imf::ChannelList& list, const std::string& url) {
     ExrChannels out;
-    if (list.findChannel("R") && list.findChannel("G") && list.findChannel("B"))
+    const bool colour = list.findChannel("R") || list.findChannel("G") || list.findChannel("B");
+    const bool luminance = list.findChannel("Y") != nullptr;
+    if (colour) {
         out.names = {"R", "G", "B"};
-    else if (list.findChannel("Y"))
+        if (luminance)
+            DiagnosticWarning("OpenEXR file @ has colour and luminance channels; Y is not read.",
+                              url);
+    } else if (luminance && (list.findChannel("RY") || list.findChannel("BY"))) {
+        out.names = {"R", "G", "B"};
+        out.luminanceChroma = true;
+    } else if (luminance) {
         out.names = {"Y"};
-    else if (list.begin() != list.end() && ++list.begin() == list.end())
+    } else if (list.begin() != list.end() && ++list.begin() == list.end()) {
         out.names = {list.begin().name()};
-    else
+    } else {
         return UnsupportedArgumentError(KELVO_HERE, "OpenEXR file @ has no R, G, B or Y channels.",
                                         url);
+    }
     out.grey = out.names.size() == 1;
-    if (list.findChannel("A")) out.names.push_back("A");
+    if (list.findChannel("A") && out.names[0] != "A") out.names.push_back("A");
     return out;
 }
 
 // Grey with alpha has no pixel format of its own: it is widened to RGBA.
 PixelFormat FormatOf(const ExrChannels& c) {
     return {uint8_t(c.grey && c.names.size() == 2 ? 4 : c.names.size()), CHANNELTYPE::FLOAT32};
+}
+
+// Luminance and chroma through the RGBA interface, which filters the sub-sampled chroma and
+// converts to RGB; one row at a time into `row` (c = 3 or 4 floats per pixel), handed on.
+Result<void> ReadLuminanceChroma(const std::filesystem::path& path, std::vector<float>& row,
+                                 size_t c, const std::function<Result<void>(int64_t)>& put) {
+    Imf::RgbaInputFile file(path.c_str());
+    const Imath::Box2i dw = file.dataWindow();
+    const size_t w = size_t(int64_t(dw.max.x) - dw.min.x + 1);
+    std::vector<Imf::Rgba> rgba(w);
+    for (int y = dw.min.y; y <= dw.max.y; ++y) {
+        // A row stride of 0 puts every scan line into the one row buffer.
+        file.setFrameBuffer(rgba.data() - dw.min.x, 1, 0);
+        file.readPixels(y);
+        for (size_t x = 0; x < w; ++x) {
+            row[x * c] = rgba[x].r;
+            row[x * c + 1] = rgba[x].g;
+            row[x * c + 2] = rgba[x].b;
+            if (c == 4) row[x * c + 3] = rgba[x].a;
+        }
+        KELVO_TRY(put(y - dw.min.y));
+    }
+    return OK();
 }
 
 Result<ImageInfo> ReadExrInfo(const std::filesystem::path& path, const std::string& url) {
@@ -80,27 +120,36 @@ Result<StrongRef<ImageInterface>> ReadExr(const std::filesystem::path& path,
         const size_t c = channels.names.size(), pixelCount = size_t(w) * size_t(h);
         PixelBudget budget("OpenEXR", url);
         KELVO_TRY(budget.Take(uint64_t(pixelCount) * format.GetBytesPerPixel()));
-        std::vector<float> pixels(pixelCount * c);
-        Imf::FrameBuffer fb;
-        const size_t xStride = sizeof(float) * c, yStride = xStride * size_t(w);
-        for (size_t k = 0; k < c; ++k) {
-            const std::string& name = channels.names[k];
-            fb.insert(name, Imf::Slice::Make(Imf::FLOAT, pixels.data() + k, dw, xStride, yStride, 1,
-                                             1, name == "A" ? 1.0 : 0.0));
-        }
-        file.setFrameBuffer(fb);
-        file.readPixels(dw.min.y, dw.max.y);
-        if (format.channels != c) {
-            // One slice per channel name: grey and alpha were read side by side, then widened.
-            std::vector<float> rgba(pixelCount * 4);
-            for (size_t i = 0; i < pixelCount; ++i) {
-                rgba[4 * i] = rgba[4 * i + 1] = rgba[4 * i + 2] = pixels[2 * i];
-                rgba[4 * i + 3] = pixels[2 * i + 1];
+        // Row by row into the layer: the picture is held once, not decoded and then copied.
+        KELVO_ASSIGN_OR_RETURN(auto layer, CreateImageLayer(w, h, format, COLORPROFILE::LINEAR));
+        KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(format, COLORPROFILE::LINEAR));
+        std::vector<float> row(size_t(w) * c), wide(format.channels != c ? size_t(w) * 4 : 0);
+        auto put = [&](int64_t y) -> Result<void> {
+            if (wide.empty()) return writer->SetPixels(0, y, w, row.data());
+            // Grey and alpha were read side by side: widened to RGBA.
+            for (size_t x = 0; x < size_t(w); ++x) {
+                wide[4 * x] = wide[4 * x + 1] = wide[4 * x + 2] = row[2 * x];
+                wide[4 * x + 3] = row[2 * x + 1];
             }
-            pixels.swap(rgba);
+            return writer->SetPixels(0, y, w, wide.data());
+        };
+        if (channels.luminanceChroma) {
+            KELVO_TRY(ReadLuminanceChroma(path, row, c, put));
+        } else {
+            Imf::FrameBuffer fb;
+            // A row stride of 0 puts every scan line into the one row buffer.
+            char* base = reinterpret_cast<char*>(row.data() - ptrdiff_t(dw.min.x) * ptrdiff_t(c));
+            for (size_t k = 0; k < c; ++k) {
+                const std::string& name = channels.names[k];
+                fb.insert(name, Imf::Slice(Imf::FLOAT, base + k * sizeof(float), sizeof(float) * c,
+                                           0, 1, 1, name == "A" ? 1.0 : 0.0));
+            }
+            file.setFrameBuffer(fb);
+            for (int y = dw.min.y; y <= dw.max.y; ++y) {
+                file.readPixels(y);
+                KELVO_TRY(put(y - dw.min.y));
+            }
         }
-        KELVO_ASSIGN_OR_RETURN(auto layer,
-                               LayerFromPixels(w, h, format, COLORPROFILE::LINEAR, pixels.data()));
         KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(w, h));
         KELVO_TRY(image->AddLayer(layer));
         return image;
@@ -166,7 +215,9 @@ private:
     int _error = 0;
 };
 
-// Layer 0 in linear light, as 32-bit floats, or 16-bit halves with kExportOptionHalf.
+// Layer 0 in linear light, as 32-bit floats, or 16-bit halves with kExportOptionHalf
+// (values beyond the half range saturate at +-65504 rather than becoming infinite). Written
+// one scan line at a time: the writer holds a row, not a second copy of the picture.
 Result<void> WriteExr(const std::filesystem::path& path, const std::string& url,
                       const ImageInterface& image, const DataDictionary& options) {
     if (image.GetLayerCount() > 1)
@@ -176,28 +227,27 @@ Result<void> WriteExr(const std::filesystem::path& path, const std::string& url,
     const bool half = options.Get<bool>(kExportOptionHalf, false);
     const uint8_t c = layer->GetPixelFormat().channels;
     const int64_t w = layer->GetWidth(), h = layer->GetHeight();
-    std::vector<uint8_t> bytes;
-    KELVO_TRY(
-        ReadLayerRows(image, 0, PixelFormat{c, CHANNELTYPE::FLOAT32}, COLORPROFILE::LINEAR, bytes));
-    const size_t n = size_t(w) * size_t(h) * c;
-    std::vector<Imath::half> halves(half ? n : 0);
-    const auto* floats = reinterpret_cast<const float*>(bytes.data());
-    for (size_t i = 0; i < halves.size(); ++i) halves[i] = Imath::half(floats[i]);
+    LayerRowReader rows;
+    KELVO_TRY(rows.Open(image, 0, PixelFormat{c, CHANNELTYPE::FLOAT32}, COLORPROFILE::LINEAR));
 
     static const char* const kGrey[] = {"Y"};
     static const char* const kColour[] = {"R", "G", "B", "A"};
     const char* const* names = c == 1 ? kGrey : kColour;
     try {
+        const size_t n = size_t(w) * c;
+        std::vector<float> floats(n);
+        std::vector<Imath::half> halves(half ? n : 0);
         Imf::Header header{int(w), int(h)};
         header.compression() = Imf::ZIP_COMPRESSION;
         Imf::FrameBuffer fb;
         const Imf::PixelType type = half ? Imf::HALF : Imf::FLOAT;
         const size_t size = half ? sizeof(Imath::half) : sizeof(float);
         char* base =
-            half ? reinterpret_cast<char*>(halves.data()) : reinterpret_cast<char*>(bytes.data());
+            half ? reinterpret_cast<char*>(halves.data()) : reinterpret_cast<char*>(floats.data());
+        // A row stride of 0: every scan line is taken from the one row buffer.
         for (uint8_t k = 0; k < c; ++k) {
             header.channels().insert(names[k], Imf::Channel(type));
-            fb.insert(names[k], Imf::Slice(type, base + k * size, size * c, size * c * size_t(w)));
+            fb.insert(names[k], Imf::Slice(type, base + k * size, size * c, 0));
         }
         CheckedOStream stream(path);
         if (stream.Failure())
@@ -206,7 +256,15 @@ Result<void> WriteExr(const std::filesystem::path& path, const std::string& url,
         try {
             Imf::OutputFile file(stream, header);
             file.setFrameBuffer(fb);
-            file.writePixels(int(h));
+            constexpr float kHalfMax = 65504.0f;
+            for (int64_t y = 0; y < h; ++y) {
+                KELVO_TRY(rows.Read(y, floats.data()));
+                for (size_t i = 0; i < halves.size(); ++i)
+                    halves[i] = Imath::half(std::isnan(floats[i])
+                                                ? floats[i]
+                                                : std::clamp(floats[i], -kHalfMax, kHalfMax));
+                file.writePixels(1);
+            }
         } catch (const std::exception&) {
             if (!stream.Finish()) throw;  // not a failed write: the library's own message
         }

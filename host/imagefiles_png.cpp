@@ -175,11 +175,15 @@ Result<StrongRef<ImageInterface>> ReadPng(const std::filesystem::path& path,
     PixelBudget budget("PNG", url);
     KELVO_TRY(budget.Take(uint64_t(rowBytes) * h.height));
     std::vector<uint8_t> pixels;
+    // Rows are kept as they arrive, in bands, so a truncated file never costs the full picture
+    // and no growing buffer is copied (a doubling vector took up to three times the picture).
+    constexpr uint32_t kBandRows = 64;
+    std::vector<std::vector<uint8_t>> bands;
     if (png_get_interlace_type(r.png, r.info) == PNG_INTERLACE_NONE) {
-        // Rows are kept as they arrive, so a truncated file never costs the full picture.
         for (uint32_t y = 0; y < h.height; ++y) {
-            pixels.resize(pixels.size() + rowBytes);
-            if (!ReadPngRow(r.png, pixels.data() + rowBytes * y))
+            if (y % kBandRows == 0)
+                bands.emplace_back(rowBytes * std::min<size_t>(kBandRows, h.height - y));
+            if (!ReadPngRow(r.png, bands.back().data() + rowBytes * (y % kBandRows)))
                 return IoError(KELVO_HERE, url, "Cannot read PNG @: @.", url, ReadProblem(path, r));
         }
     } else {
@@ -193,8 +197,17 @@ Result<StrongRef<ImageInterface>> ReadPng(const std::filesystem::path& path,
     if (!ReadPngEnd(r.png, r.info))
         return IoError(KELVO_HERE, url, "Cannot read PNG @: @.", url, ReadProblem(path, r));
     COLORPROFILE profile = h.linear ? COLORPROFILE::LINEAR : COLORPROFILE::SRGB;
-    KELVO_ASSIGN_OR_RETURN(auto layer,
-                           LayerFromPixels(h.width, h.height, format, profile, pixels.data()));
+    if (bands.empty()) {
+        bands.push_back(std::move(pixels));  // interlaced: one band of every row
+    }
+    KELVO_ASSIGN_OR_RETURN(auto layer, CreateImageLayer(h.width, h.height, format, profile));
+    KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(format, profile));
+    uint32_t y = 0;
+    for (std::vector<uint8_t>& band : bands) {
+        for (size_t at = 0; at < band.size(); at += rowBytes)
+            KELVO_TRY(writer->SetPixels(0, y++, h.width, band.data() + at));
+        std::vector<uint8_t>().swap(band);  // its memory goes back as the layer fills
+    }
     KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(h.width, h.height));
     KELVO_TRY(image->AddLayer(layer));
     return image;

@@ -33,7 +33,9 @@ void InstallHandlers() {
         return true;
     }();
     (void)once;
-    t_tiffError = "unknown reason";
+    // What libtiff leaves unsaid is mostly a file cut short: a header whose directory is
+    // missing or truncated fails without a message of its own.
+    t_tiffError = "no readable picture directory (the file is cut short or damaged)";
 }
 
 struct TiffCloser {
@@ -210,8 +212,10 @@ Result<void> WriteTiff(const std::filesystem::path& path, const std::string& url
         StrongRef<ImageLayerInterface> layer = image.GetLayer(i);
         PixelFormat format = layer->GetPixelFormat();
         COLORPROFILE profile = format.IsFloat() ? COLORPROFILE::LINEAR : COLORPROFILE::SRGB;
-        std::vector<uint8_t> pixels;
-        KELVO_TRY(ReadLayerRows(image, i, format, profile, pixels));
+        // Row by row: the writer holds one row, not a second copy of the picture.
+        LayerRowReader rows;
+        KELVO_TRY(rows.Open(image, i, format, profile));
+        std::vector<uint8_t> line(size_t(rows.Width()) * format.GetBytesPerPixel());
         const uint32_t w = uint32_t(layer->GetWidth()), h = uint32_t(layer->GetHeight());
         TIFFSetField(tif.tif, TIFFTAG_IMAGEWIDTH, w);
         TIFFSetField(tif.tif, TIFFTAG_IMAGELENGTH, h);
@@ -229,11 +233,11 @@ Result<void> WriteTiff(const std::filesystem::path& path, const std::string& url
             TIFFSetField(tif.tif, TIFFTAG_EXTRASAMPLES, uint16_t(1), &extra);
         }
         TIFFSetField(tif.tif, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(tif.tif, 0));
-        const size_t row = size_t(w) * format.GetBytesPerPixel();
         errno = 0;
-        for (uint32_t y = 0; y < h; ++y)
-            if (TIFFWriteScanline(tif.tif, pixels.data() + row * y, y, 0) < 0)
-                return WriteFailure(path, url);
+        for (uint32_t y = 0; y < h; ++y) {
+            KELVO_TRY(rows.Read(y, line.data()));
+            if (TIFFWriteScanline(tif.tif, line.data(), y, 0) < 0) return WriteFailure(path, url);
+        }
         if (!TIFFWriteDirectory(tif.tif)) return WriteFailure(path, url);
     }
     errno = 0;

@@ -164,31 +164,47 @@ void FillImageSlots(KelvoHostSlots& slots) {
     slots.CreateImage = &CreateImageSlot;
     slots.CreateImageLayer = &CreateImageLayerSlot;
 }
-Result<void> ReadLayerRows(const ImageInterface& image, int64_t index, PixelFormat format,
-                           COLORPROFILE profile, std::vector<uint8_t>& out) {
+Result<void> LayerRowReader::Open(const ImageInterface& image, int64_t index, PixelFormat format,
+                                  COLORPROFILE profile) {
     StrongRef<ImageLayerInterface> layer = image.GetLayer(index);
     if (!layer) return IllegalArgumentError(KELVO_HERE, "The image has no layer @.", index);
-    const int64_t w = layer->GetWidth(), h = layer->GetHeight();
-    const size_t row = size_t(w) * format.GetBytesPerPixel();
-    out.resize(row * size_t(h));
+    _width = layer->GetWidth();
+    _height = layer->GetHeight();
+    _format = format;
+    _profile = profile;
     Result<StrongRef<GetPixelHandlerInterface>> direct = layer->GetPixelHandler(format, profile);
+    _convert = !direct;
     if (direct) {
-        for (int64_t y = 0; y < h; ++y)
-            KELVO_TRY((*direct)->GetPixels(0, y, w, out.data() + row * size_t(y)));
+        _reader = std::move(direct).Value();
         return OK();
     }
-    // A layer may hand out its own format only (a module's may refuse any other): rows
-    // are then read as they are stored and converted here, in one step.
+    // A layer may hand out its own format only (a module's may refuse any other): rows are
+    // then read as they are stored and converted here, in one step.
     if (direct.GetError().Kind() != ERRORKIND::UNSUPPORTEDARGUMENT) return direct.GetError();
-    const PixelFormat own = layer->GetPixelFormat();
-    const COLORPROFILE ownProfile = layer->GetColorProfile();
-    KELVO_ASSIGN_OR_RETURN(auto reader, layer->GetPixelHandler(own, ownProfile));
-    std::vector<uint8_t> line(size_t(w) * own.GetBytesPerPixel());
-    for (int64_t y = 0; y < h; ++y) {
-        KELVO_TRY(reader->GetPixels(0, y, w, line.data()));
-        KELVO_TRY(ConvertPixelsDirect(own, ownProfile, line.data(), format, profile,
-                                      out.data() + row * size_t(y), w));
-    }
+    _own = layer->GetPixelFormat();
+    _ownProfile = layer->GetColorProfile();
+    KELVO_ASSIGN_OR_RETURN(_reader, layer->GetPixelHandler(_own, _ownProfile));
+    return CatchOutOfMemory([&]() -> Result<void> {
+        _line.resize(size_t(_width) * _own.GetBytesPerPixel());
+        return OK();
+    });
+}
+
+Result<void> LayerRowReader::Read(int64_t y, void* out) {
+    if (!_reader) return IllegalStateError(KELVO_HERE, "The layer is not open.");
+    if (!_convert) return _reader->GetPixels(0, y, _width, out);
+    KELVO_TRY(_reader->GetPixels(0, y, _width, _line.data()));
+    return ConvertPixelsDirect(_own, _ownProfile, _line.data(), _format, _profile, out, _width);
+}
+
+Result<void> ReadLayerRows(const ImageInterface& image, int64_t index, PixelFormat format,
+                           COLORPROFILE profile, std::vector<uint8_t>& out) {
+    LayerRowReader rows;
+    KELVO_TRY(rows.Open(image, index, format, profile));
+    const size_t row = size_t(rows.Width()) * format.GetBytesPerPixel();
+    out.resize(row * size_t(rows.Height()));
+    for (int64_t y = 0; y < rows.Height(); ++y)
+        KELVO_TRY(rows.Read(y, out.data() + row * size_t(y)));
     return OK();
 }
 

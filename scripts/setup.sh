@@ -11,6 +11,8 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   libpng-dev libtiff-dev libopenexr-dev
   libembree-dev
+  libcpp-httplib-dev
+  nodejs chromium
 )
 missing=()
 for p in "${packages[@]}"; do
@@ -22,6 +24,18 @@ if [ ${#missing[@]} -gt 0 ]; then
   [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
   $sudo_cmd apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# npm comes with some builds of nodejs and as its own package with Debian's.
+if ! command -v npm > /dev/null; then
+  sudo_cmd=""
+  [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
+  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends npm
+fi
+# The browser test's driver, exactly as locked; again only when the lock changed.
+if ! cmp -s tests/browser/package-lock.json tests/browser/node_modules/.kelvo-installed-lock; then
+  (cd tests/browser && npm ci --no-audit --no-fund --loglevel=error &&
+     cp package-lock.json node_modules/.kelvo-installed-lock)
 fi
 
 preset="${1:-default}"

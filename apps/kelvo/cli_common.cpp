@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "json_text.h"
+#include "kelvo/mediasession_fileformats.h"
+#include "kelvo/registry.h"
 
 namespace kelvo::cli {
 namespace fs = std::filesystem;
@@ -105,6 +107,23 @@ int RunCommandBody(Context& context, const std::function<Result<int>()>& body) {
 }  // namespace detail
 
 // --- Reading JSON requests -------------------------------------------------------------------
+
+Result<json> ParseJson(std::string_view text, std::string_view what) {
+    try {
+        return json::parse(text);
+    } catch (const json::out_of_range&) {
+        return IllegalArgumentError(KELVO_HERE, "@ holds a number beyond the range of doubles.",
+                                    what);
+    } catch (const json::parse_error& e) {
+        return IllegalArgumentError(KELVO_HERE, "@ is not valid JSON (byte @).", what, e.byte);
+    }
+}
+
+Result<json> ParseJsonObject(std::string_view text, std::string_view what) {
+    KELVO_ASSIGN_OR_RETURN(json j, ParseJson(text, what));
+    if (!j.is_object()) return IllegalArgumentError(KELVO_HERE, "@ must be a JSON object.", what);
+    return j;
+}
 
 const json& Member(const json& request, std::string_view key) {
     static const json missing;
@@ -461,6 +480,39 @@ Result<void> WriteOutput(const fs::path& target,
         return IoError(KELVO_HERE, target.string(), "Cannot write '@': @.", target.string(),
                        std::strerror(error));
     }
+    return OK();
+}
+
+Result<void> CheckImageOutput(const fs::path& target, const Id& format) {
+    const Url url = Url::FromFile(target.string());
+    struct stat st;
+    // A device or FIFO is written as it is; its name says nothing about a format.
+    if (::stat(target.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return OK();
+    if (format.IsEmpty()) {
+        // The formats whose suffix the name has, and whether any of them has a writer.
+        std::vector<Id> formats;
+        for (const EntryRecord* e : RegistryMembers(kFileFormatsRegistry)) {
+            if (e->kind != ENTRYKIND::CLASS || e->kindId != FileFormatInterface::InterfaceId())
+                continue;
+            auto f = CreateClass<FileFormatInterface>(e->GetId());
+            if (f && (*f)->MatchesSuffix(url)) formats.push_back(e->GetId());
+        }
+        bool writable = false;
+        for (const EntryRecord* e : RegistryMembers(kFileFormatHandlersRegistry)) {
+            if (e->kind != ENTRYKIND::CLASS || writable) continue;
+            auto h = CreateClass<FileFormatHandlerInterface>(e->GetId());
+            writable =
+                h && !(*h)->GetExportClass().IsEmpty() &&
+                std::find(formats.begin(), formats.end(), (*h)->GetFileFormat()) != formats.end();
+        }
+        if (!writable)
+            return UnsupportedArgumentError(KELVO_HERE, "No file format writes @.", url.ToString());
+    }
+    const fs::path folder = target.parent_path().empty() ? fs::path(".") : target.parent_path();
+    if (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return IoError(KELVO_HERE, target.string(),
+                       "Cannot write '@': its folder '@' does not exist.", target.string(),
+                       folder.string());
     return OK();
 }
 

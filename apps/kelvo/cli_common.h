@@ -86,6 +86,12 @@ void RunCommand(Context& context, int& status, Body&& body) {
 // never passes on the JSON library's own text, never truncates a fraction and never wraps
 // an integer that does not fit.
 
+// The JSON text of an option (`what` names it): "<what> is not valid JSON (byte N)." or
+// "<what> holds a number beyond the range of doubles.", never the library's own text.
+Result<nlohmann::json> ParseJson(std::string_view text, std::string_view what);
+// The same for an option that must be an object: also "<what> must be a JSON object.".
+Result<nlohmann::json> ParseJsonObject(std::string_view text, std::string_view what);
+
 // The member `key` of a request, or null when it is absent (or the request is no object).
 const nlohmann::json& Member(const nlohmann::json& request, std::string_view key);
 
@@ -166,6 +172,12 @@ void SetStandardInput(std::istream* in);
 // converting a file over itself safe. stdout, FIFOs and devices are written directly.
 Result<void> WriteOutput(const std::filesystem::path& target,
                          const std::function<Result<void>(const std::filesystem::path&)>& write);
+// Whether a picture could be written to `target`, checked before the work that makes it: a
+// file format writes its suffix ("No file format writes @.") and its folder exists ("Cannot
+// write '@': its folder '@' does not exist."). `format` given, the suffix is not looked at;
+// devices and FIFOs pass.
+Result<void> CheckImageOutput(const std::filesystem::path& target, const Id& format = {});
+
 // The text as a file's whole content, through WriteOutput.
 Result<void> WriteTextFile(const std::filesystem::path& target, std::string_view text);
 

@@ -254,8 +254,11 @@ Result<void> BsdfSession::CacheEntries(const json& request, JsonWriter& w) {
     KELVO_ASSIGN_OR_RETURN(int64_t count, IntegerMember(request, "count", 1));
     constexpr int64_t kSize = int64_t(kSamplerCacheFloats);
     if (index < 0 || count < 0 || index > kSize || count > kSize - index) {
-        // The last entry asked for, without overflowing for absurd requests.
-        int64_t last = count > 0 && index > INT64_MAX - (count - 1) ? INT64_MAX : index + count - 1;
+        // The last entry asked for, saturated: index and count are anything a request holds,
+        // so index + count - 1 may leave int64 either way.
+        int64_t last = 0;
+        if (__builtin_add_overflow(index, count, &last) || __builtin_sub_overflow(last, 1, &last))
+            last = count > 0 ? INT64_MAX : INT64_MIN;
         return IllegalArgumentError(KELVO_HERE, "Entries @..@ are outside the table.", index, last);
     }
     w.Key("values").Array();
@@ -445,9 +448,7 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
                                        }));
                 return OK();
             }
-            json data = json::parse(options->data, nullptr, false);
-            if (data.is_discarded() || !data.is_object())
-                return IllegalArgumentError(KELVO_HERE, "--data must be a JSON object.");
+            KELVO_ASSIGN_OR_RETURN(json data, ParseJsonObject(options->data, "--data"));
             if (options->size < 16 || options->size > 2048)
                 return IllegalArgumentError(KELVO_HERE, "--size must be 16..2048, not @.",
                                             options->size);
@@ -457,6 +458,7 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
             if (wo == Vec3{})
                 return IllegalArgumentError(KELVO_HERE, "--wo must not be the zero vector.");
             std::string out = options->out.empty() ? options->model + "-lobe.png" : options->out;
+            KELVO_TRY(CheckImageOutput(out));
             KELVO_TRY(WritePicture(out, DrawLobe(*model, wo, options->size).View()));
             std::cout << "kelvo bsdf plot: wrote " << out << '\n';
             return OK();

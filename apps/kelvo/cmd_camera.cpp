@@ -1,5 +1,6 @@
 // kelvo camera: create a camera class by id and print the rays of pixels, or drive
 // cameras operation by operation from JSON lines on stdin.
+#include <algorithm>
 #include <cmath>
 #include <iostream>
 #include <map>
@@ -137,12 +138,31 @@ struct CameraOptions {
     std::vector<std::string> pixels;
 };
 
+// The unit vector along v, scaled first so that a length beyond double range (components
+// near 1e308) still has a direction; zero for the zero vector.
+Vec3 Direction(const Vec3& v) {
+    const double m = std::max({std::fabs(v.x), std::fabs(v.y), std::fabs(v.z)});
+    return m > 0.0 && std::isfinite(m) ? Normalize(v / m) : Vec3{};
+}
+
+// A point or vector option: three finite numbers (a NaN would pass every later test).
+Result<Vec3> FiniteVec3(const std::string& text, std::string_view option) {
+    KELVO_ASSIGN_OR_RETURN(Vec3 v, ParseVec3(text, option));
+    if (!std::isfinite(v.x) || !std::isfinite(v.y) || !std::isfinite(v.z))
+        return IllegalArgumentError(KELVO_HERE, "@ must be 3 finite numbers, not '@'.", option,
+                                    text);
+    return v;
+}
+
 // The camera looks from `position` towards `target`, with screen up near `up`.
 Result<Matrix> LookAt(const Vec3& position, const Vec3& target, const Vec3& up) {
-    Vec3 z = Normalize(target - position);
+    // Halved when the difference leaves double range (points near +-1e308 on either side).
+    const Vec3 d = target - position;
+    const bool fits = std::isfinite(d.x) && std::isfinite(d.y) && std::isfinite(d.z);
+    Vec3 z = Direction(fits ? d : target / 2.0 - position / 2.0);
     if (z == Vec3{})
         return IllegalArgumentError(KELVO_HERE, "--look-at must differ from --position.");
-    Vec3 x = Normalize(Cross(up, z));
+    Vec3 x = Direction(Cross(Direction(up), z));
     if (x == Vec3{})
         return IllegalArgumentError(KELVO_HERE,
                                     "--up must not be parallel to the viewing direction.");
@@ -173,17 +193,15 @@ Result<StrongRef<DataDictionary>> ParametersFrom(const CameraOptions& o) {
                                     "Give --matrix or --position and --look-at, not both.");
     Matrix m;
     if (!o.matrix.empty()) {
-        nlohmann::json j = nlohmann::json::parse(o.matrix, nullptr, false);
-        if (j.is_discarded())
-            return IllegalArgumentError(KELVO_HERE, "--matrix is not valid JSON.");
+        KELVO_ASSIGN_OR_RETURN(nlohmann::json j, ParseJson(o.matrix, "--matrix"));
         KELVO_ASSIGN_OR_RETURN(m, ReadMatrix(j, "--matrix"));
     }
     if (!o.position.empty()) {
-        KELVO_ASSIGN_OR_RETURN(m.offset, ParseVec3(o.position, "--position"));
+        KELVO_ASSIGN_OR_RETURN(m.offset, FiniteVec3(o.position, "--position"));
     }
     if (!o.lookAt.empty()) {
-        KELVO_ASSIGN_OR_RETURN(Vec3 target, ParseVec3(o.lookAt, "--look-at"));
-        KELVO_ASSIGN_OR_RETURN(Vec3 up, ParseVec3(o.up, "--up"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 target, FiniteVec3(o.lookAt, "--look-at"));
+        KELVO_ASSIGN_OR_RETURN(Vec3 up, FiniteVec3(o.up, "--up"));
         KELVO_ASSIGN_OR_RETURN(m, LookAt(m.offset, target, up));
     }
     KELVO_TRY(p->Set(CAMERAPARAMETERS::MATRIX, m));

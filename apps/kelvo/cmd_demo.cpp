@@ -239,7 +239,9 @@ Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& fol
 // balls, a ball under the sample IES profile and a textured ball, each as PNG and EXR, with
 // the render report. Small and short, so that the demo stays quick.
 Result<std::vector<std::string>> WritePreviewSwatches(Context& context, const fs::path& folder) {
-    // Roughness 0.35 for the glossy lobes, glass of ior 1.5 for the transmitting ones.
+    // Three rows: the diffuse and blurry lobes, the microfacet reflections (roughness 0.35),
+    // and the same distributions as glass of index 1.5 (roughness 0.1), before the checker
+    // stage that transmissive swatches get.
     static constexpr const char* kModels[] = {
         R"({"model":"lambertbrdf"})",
         R"({"model":"orennayarbrdf","data":{"orennayarsigma":0.5}})",
@@ -248,15 +250,15 @@ Result<std::vector<std::string>> WritePreviewSwatches(Context& context, const fs
         R"({"model":"blurrysimplebrdf","data":{"blurryexponent":40}})",
         R"({"model":"blurryspecularbrdf","data":{"blurryexponent":30}})",
         R"({"model":"beckmannbrdf","data":{"roughness":0.35}})",
-        R"({"model":"beckmannbtdf","data":{"roughness":0.35,"iorin":1.5,"iorout":1}})",
         R"({"model":"ggxbrdf","data":{"roughness":0.35}})",
-        R"({"model":"ggxbtdf","data":{"roughness":0.35,"iorin":1.5,"iorout":1}})",
         R"({"model":"phongbrdf","data":{"roughness":0.35}})",
-        R"({"model":"phongbtdf","data":{"roughness":0.35,"iorin":1.5,"iorout":1}})",
         R"({"model":"wardbrdf","data":{"roughness":0.35}})",
-        R"({"model":"wardbtdf","data":{"roughness":0.35,"iorin":1.5,"iorout":1}})",
         R"({"model":"anisotropicbrdf","data":{"roughness":0.5,"anisotropy":0.6,"rotation":0.5}})",
-        R"({"model":"anisotropicbtdf","data":{"roughness":0.5,"anisotropy":0.6,"rotation":0.5,)"
+        R"({"model":"beckmannbtdf","data":{"roughness":0.1,"iorin":1.5,"iorout":1}})",
+        R"({"model":"ggxbtdf","data":{"roughness":0.1,"iorin":1.5,"iorout":1}})",
+        R"({"model":"phongbtdf","data":{"roughness":0.1,"iorin":1.5,"iorout":1}})",
+        R"({"model":"wardbtdf","data":{"roughness":0.1,"iorin":1.5,"iorout":1}})",
+        R"({"model":"anisotropicbtdf","data":{"roughness":0.2,"anisotropy":0.6,"rotation":0.5,)"
         R"("iorin":1.5,"iorout":1}})",
     };
     // A checkerboard for the textured ball, written beside the pictures.
@@ -275,11 +277,13 @@ Result<std::vector<std::string>> WritePreviewSwatches(Context& context, const fs
     const std::string ies = (context.resourceFolder / "ies" / "kelvo_sample_spot.ies").string();
     const std::string checker = (folder / "preview-checker.png").string();
 
-    // The models are colourless: a warm colour shows what each lobe does with it.
+    // The models are colourless: a warm colour shows what each lobe does with it; the
+    // glass is nearly clear, with a faint green of window glass.
     std::vector<std::string> models;
     for (const char* model : kModels) {
         nlohmann::json j = nlohmann::json::parse(model);
-        j["colour"] = {0.8, 0.55, 0.35};
+        const bool glass = j["model"].get<std::string>().ends_with("btdf");
+        j["colour"] = glass ? nlohmann::json{0.9, 0.97, 0.94} : nlohmann::json{0.8, 0.55, 0.35};
         models.push_back(j.dump());
     }
     struct Sheet {

@@ -28,11 +28,19 @@ struct Loaded {
     Result<void> parsed;
 };
 
+// A parse error names the file: the parser's own texts ("IES file error in line 3") do not,
+// and a script reading several files needs to know which one.
+Error InFile(const std::string& file, const Error& e) {
+    if (e.Kind() == ERRORKIND::OUTOFMEMORY || e.Message().find(file) != std::string::npos) return e;
+    return Error(e.Kind(), e.Location(), file + ": " + e.Message(), file);
+}
+
 // Parses a file; the profile is returned after a failed parse too, with what it stored.
 Result<Loaded> LoadProfile(const std::string& file) {
     KELVO_ASSIGN_OR_RETURN(StrongRef<IesInterface> ies, CreateComponent<IesInterface>());
     KELVO_ASSIGN_OR_RETURN(StrongRef<InputStream> stream, OpenInputStream(Url::FromFile(file)));
     Result<void> parsed = ies->Init(stream);
+    if (!parsed) parsed = InFile(file, parsed.GetError());
     return Loaded{ies, parsed};
 }
 
@@ -145,12 +153,15 @@ Result<Vec3> ReadDirection(const nlohmann::json& request) {
 
 // The evaluator takes a direction as given (a unit vector); the command takes any length,
 // so (1, 0, -1) means the 45 degree direction and not a point beyond the sphere.
+// Scaled by its largest component first, so that (1e308, 0, -1e308), whose length is
+// beyond double range, is the 45 degree direction it means.
 Result<Vec3> UnitDirection(const Vec3& d) {
-    const double length = Length(d);
-    if (!std::isfinite(length) || !(length > 0.0))
+    const double m = std::max({std::fabs(d.x), std::fabs(d.y), std::fabs(d.z)});
+    if (!std::isfinite(m) || std::isnan(d.x) || std::isnan(d.y) || std::isnan(d.z) || !(m > 0.0))
         return IllegalArgumentError(
             KELVO_HERE, "A direction must be finite and not zero, not (@, @, @).", d.x, d.y, d.z);
-    return d / length;
+    const Vec3 scaled = d / m;
+    return scaled / Length(scaled);
 }
 
 Result<double> Intensity(const IesInterface& ies, const Vec3& d) {
@@ -225,9 +236,12 @@ Result<void> WriteIesPreview(Context& context, const std::string& file, const st
     if (size < 1 || size > kPreviewMaxSide)
         return IllegalArgumentError(KELVO_HERE, "--size must lie in 1..@, not @.", kPreviewMaxSide,
                                     size);
+    KELVO_TRY(CheckImageOutput(output));
     // Opened as any picture is: the file-format registry detects the IES file and its
     // import step renders the preview into the image's layer.
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, ImportImage(Url::FromFile(file)));
+    Result<StrongRef<ImageInterface>> imported = ImportImage(Url::FromFile(file));
+    if (!imported) return InFile(file, imported.GetError());
+    StrongRef<ImageInterface> image = std::move(imported).Value();
     if (image->GetProperties().Get<Id>(kImagePropertyFileFormat) !=
         Id("net.kelvo.fileformat.imageies"))
         return IllegalArgumentError(KELVO_HERE, "@ is not an IES file.", file);

@@ -58,12 +58,16 @@ Result<void> Info(const std::string& file, bool json) {
 // OpenEXR, sRGB in the others.
 Result<void> Convert(const std::string& in, const std::string& out, const std::string& format,
                      bool half) {
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(in));
     PictureOptions options;
     options.half = half;
     if (!format.empty()) {
         KELVO_ASSIGN_OR_RETURN(options.format, Id::FromText(format));
     }
+    // A name no format writes, or a missing folder, is told before the picture is read.
+    KELVO_ASSIGN_OR_RETURN(Url target, Url::FromText(out));
+    if (std::filesystem::path path = host::LocalPath(target); !path.empty())
+        KELVO_TRY(CheckImageOutput(path, options.format));
+    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(in));
     return WritePicture(out, *image, options);
 }
 

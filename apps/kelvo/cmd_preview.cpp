@@ -52,6 +52,10 @@ Result<int> RenderSwatches(const RenderOptions& o) {
     sheet.priority = o.priority;
     sheet.seed = o.seed;
     sheet.progress = !o.quiet && isatty(STDERR_FILENO);
+    // A name no format writes, or a missing folder, is told before the swatches render.
+    KELVO_ASSIGN_OR_RETURN(Url target, Url::FromText(o.output));
+    if (std::filesystem::path path = host::LocalPath(target); !path.empty())
+        KELVO_TRY(CheckImageOutput(path));
 
     KELVO_ASSIGN_OR_RETURN(SheetOutcome outcome, RenderSheet(sheet));
     KELVO_TRY(WriteSheet(o.output, outcome, sheet.width, sheet.height));
@@ -85,7 +89,8 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status) {
                        "\"data\": {...}, \"colour\": [r, g, b], \"texture\": FILE, "
                        "\"textureMode\": \"mipmap\", \"ies\": FILE, \"environment\": [r, g, b], "
                        "\"space\": NODESPACE}");
-    render->add_option("--scene", o->scene, "open, sphere, cube or plane")->capture_default_str();
+    render->add_option("--scene", o->scene, "open, sphere, cube, plane or backdrop")
+        ->capture_default_str();
     render->add_option("--size", o->size, "Swatch size W or W,H in pixels")->capture_default_str();
     render
         ->add_option("--iterations,--spp", o->iterations,
@@ -102,6 +107,7 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status) {
         RunCommand(context, status, [&] { return RenderSwatches(*o); });
     });
     AddPreviewSimulateCommand(*cmd, context, status);
+    AddPreviewServeCommand(*cmd, context, status);
 }
 
 }  // namespace kelvo::cli

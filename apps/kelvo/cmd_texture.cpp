@@ -25,11 +25,6 @@ Result<StrongRef<TextureInterface>> LoadTexture(const std::string& file) {
     return sampler->GetTexture();
 }
 
-const char* ChannelName(TEXTURECHANNEL c) {
-    constexpr const char* names[] = {"uint8", "uint16", "float32", "uint32", "uint64"};
-    return names[int(c)];
-}
-
 double ValueAt(const TextureLevelView& l, int64_t i) {
     switch (l.type) {
         case TEXTURECHANNEL::UINT8:
@@ -66,65 +61,82 @@ void WriteLevel(JsonWriter& w, const TextureLevelView& l, bool pixels) {
     w.End();
 }
 
-// Builds what info reports; a summed area table that cannot exist is a note, not a failure.
-Result<std::string> InfoText(const std::string& file, TextureInterface& t, bool json) {
-    KELVO_TRY(t.Build(TEXTUREPYRAMID::MIPMAP));
-    KELVO_TRY(t.Build(TEXTUREPYRAMID::RIPMAP));
-    Result<void> sat = t.Build(TEXTUREPYRAMID::SUMMEDAREA);
-    const int nx = t.GetRipLevelCountX(), ny = t.GetRipLevelCountY();
+// What info reports, from the picture's headers alone: a texture's levels and bytes follow
+// from its size and pixel format, so nothing is decoded and a picture at the memory bound
+// costs no more than a small one.
+Result<std::string> InfoText(const std::string& file, bool json) {
+    KELVO_ASSIGN_OR_RETURN(ImageInfo info, ReadImageInfo(Url::FromFile(file)));
+    if (info.layers.empty() || info.width < 1 || info.height < 1)
+        return IllegalArgumentError(KELVO_HERE, "The image has no pixel data.");
+    TEXTURESTORAGE storage{};
+    if (!TextureStorageFor(info.layers[0].format, storage))
+        return IllegalArgumentError(KELVO_HERE, "Unknown pixel format.");
+    const int64_t width = info.width, height = info.height;
+    const COLORPROFILE profile = info.layers[0].profile;
+    auto halved = [](int64_t n, int times) {
+        for (; times > 0; --times) n = TextureHalvedSize(n);
+        return n;
+    };
+    auto level = [&](int i, int j) {
+        TextureLevelView l;
+        l.width = halved(width, i);
+        l.height = halved(height, j);
+        return l;
+    };
+    auto bytes = [&](TEXTUREPYRAMID p) { return TexturePyramidBytes(p, width, height, storage); };
+    const int mips = TextureMipLevelCount(width, height);
+    const int nx = TextureRipLevelCount(width), ny = TextureRipLevelCount(height);
+    const bool sat = storage == TEXTURESTORAGE::RGB8 || storage == TEXTURESTORAGE::RGBA8;
+    const char* satEntries = TextureSummedAreaIsWide(width, height) ? "uint64" : "uint32";
+    const std::string satError = "Summed area tables do not support more than 8 bits depth.";
     if (json) {
         JsonWriter w;
-        w.Object().Key("file").String(file).Key("width").Integer(t.GetWidth());
-        w.Key("height")
-            .Integer(t.GetHeight())
-            .Key("storage")
-            .String(TextureStorageName(t.GetStorage()));
-        w.Key("profile").String(ColorProfileName(t.GetColorProfile()));
-        w.Key("mip").Object().Key("bytes").Integer(t.GetByteSize(TEXTUREPYRAMID::MIPMAP));
+        w.Object().Key("file").String(file).Key("width").Integer(width);
+        w.Key("height").Integer(height).Key("storage").String(TextureStorageName(storage));
+        w.Key("profile").String(ColorProfileName(profile));
+        w.Key("mip").Object().Key("bytes").Integer(bytes(TEXTUREPYRAMID::MIPMAP));
         w.Key("levels").Array();
-        for (int k = 0; k < t.GetMipLevelCount(); ++k) {
+        for (int k = 0; k < mips; ++k) {
             w.Object();
-            WriteLevel(w, t.GetMipLevel(k), false);
+            WriteLevel(w, level(k, k), false);
             w.End();
         }
         w.End().End();
-        w.Key("rip").Object().Key("bytes").Integer(t.GetByteSize(TEXTUREPYRAMID::RIPMAP));
+        w.Key("rip").Object().Key("bytes").Integer(bytes(TEXTUREPYRAMID::RIPMAP));
         w.Key("nx").Integer(nx).Key("ny").Integer(ny).Key("levels").Array();
         for (int j = 0; j < ny; ++j)
             for (int i = 0; i < nx; ++i) {
                 w.Object().Key("x").Integer(i).Key("y").Integer(j);
-                WriteLevel(w, t.GetRipLevel(i, j), false);
+                WriteLevel(w, level(i, j), false);
                 w.End();
             }
         w.End().End().Key("sat").Object();
-        if (sat) {
-            w.Key("bytes").Integer(t.GetByteSize(TEXTUREPYRAMID::SUMMEDAREA));
-            w.Key("entries").String(ChannelName(t.GetSummedArea().type));
-        } else {
-            w.Key("error").String(sat.GetError().Message());
-        }
+        if (sat)
+            w.Key("bytes")
+                .Integer(bytes(TEXTUREPYRAMID::SUMMEDAREA))
+                .Key("entries")
+                .String(satEntries);
+        else
+            w.Key("error").String(satError);
         return w.End().End().Text() + "\n";
     }
-    std::string out = FormatMessage("@: @ x @, @ (@)\nmip map: @ levels, @ bytes\n", file,
-                                    t.GetWidth(), t.GetHeight(), TextureStorageName(t.GetStorage()),
-                                    ColorProfileName(t.GetColorProfile()), t.GetMipLevelCount(),
-                                    t.GetByteSize(TEXTUREPYRAMID::MIPMAP));
-    for (int k = 0; k < t.GetMipLevelCount(); ++k)
-        out += FormatMessage("  @: @ x @\n", k, t.GetMipLevel(k).width, t.GetMipLevel(k).height);
-    out += FormatMessage("rip map: @ x @ levels, @ bytes\n", nx, ny,
-                         t.GetByteSize(TEXTUREPYRAMID::RIPMAP));
+    std::string out = FormatMessage("@: @ x @, @ (@)\nmip map: @ levels, @ bytes\n", file, width,
+                                    height, TextureStorageName(storage), ColorProfileName(profile),
+                                    mips, bytes(TEXTUREPYRAMID::MIPMAP));
+    for (int k = 0; k < mips; ++k)
+        out += FormatMessage("  @: @ x @\n", k, level(k, k).width, level(k, k).height);
+    out += FormatMessage("rip map: @ x @ levels, @ bytes\n", nx, ny, bytes(TEXTUREPYRAMID::RIPMAP));
     for (int j = 0; j < ny; ++j) {
         out += " ";
         for (int i = 0; i < nx; ++i)
-            out += FormatMessage(" @x@", t.GetRipLevel(i, j).width, t.GetRipLevel(i, j).height);
+            out += FormatMessage(" @x@", level(i, j).width, level(i, j).height);
         out += "\n";
     }
     if (sat)
-        out += FormatMessage("summed area table: @ entries, @ bytes\n",
-                             ChannelName(t.GetSummedArea().type),
-                             t.GetByteSize(TEXTUREPYRAMID::SUMMEDAREA));
+        out += FormatMessage("summed area table: @ entries, @ bytes\n", satEntries,
+                             bytes(TEXTUREPYRAMID::SUMMEDAREA));
     else
-        out += "summed area table: none (" + sat.GetError().Message() + ")\n";
+        out += "summed area table: none (" + satError + ")\n";
     return out;
 }
 
@@ -312,8 +324,7 @@ void AddTextureCommand(CLI::App& app, Context& context, int& status) {
     info->add_flag("--json", *infoJson, "Write the same as JSON");
     info->callback([&context, &status, infoFile, infoJson] {
         RunCommand(context, status, [&]() -> Result<void> {
-            KELVO_ASSIGN_OR_RETURN(auto t, LoadTexture(*infoFile));
-            KELVO_ASSIGN_OR_RETURN(std::string text, InfoText(*infoFile, *t, *infoJson));
+            KELVO_ASSIGN_OR_RETURN(std::string text, InfoText(*infoFile, *infoJson));
             std::cout << text;
             return OK();
         });
@@ -368,6 +379,7 @@ void AddTextureCommand(CLI::App& app, Context& context, int& status) {
     sheet->add_option("-o,--out", *sheetOut, "The picture to write (.png, .tif, .exr)")->required();
     sheet->callback([&context, &status, sheetFile, sheetOut] {
         RunCommand(context, status, [&]() -> Result<void> {
+            KELVO_TRY(CheckImageOutput(*sheetOut));
             KELVO_ASSIGN_OR_RETURN(auto t, LoadTexture(*sheetFile));
             KELVO_ASSIGN_OR_RETURN(auto image, TextureSheet(*t));
             KELVO_TRY(WritePicture(*sheetOut, *image));

@@ -1,4 +1,6 @@
 // kelvo: inspect, evaluate and render with the render module from a terminal.
+#include <iostream>
+
 #include "cli_common.h"
 #include "commands.h"
 
@@ -28,12 +30,15 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
-        return app.exit(e);
+        status = app.exit(e);
     } catch (const CLI::CallForAllHelp& e) {
-        return app.exit(e);
+        status = app.exit(e);
     } catch (const CLI::ParseError& e) {
         if (kelvo::Error unknown = UnknownCommandError(app)) return Fail(unknown);
         return Fail(UnexpectedError(KELVO_HERE, "@", e.what()));
     }
+    // Help, too, is output: a full disk or /dev/full must not pass for success.
+    if (!std::cout.flush() && status == 0)
+        return Fail(IoError(KELVO_HERE, "", "Cannot write to standard output."));
     return status;
 }

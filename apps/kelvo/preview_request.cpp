@@ -33,9 +33,7 @@ Result<StrongRef<nodes::ConfigurePreviewImageRequestInterface>> FindConfigure(co
 
 Result<PreviewMaterialInput> ParsePreviewMaterial(std::string_view text) {
     using nlohmann::json;
-    json j = json::parse(text, nullptr, false);
-    if (j.is_discarded() || !j.is_object())
-        return IllegalArgumentError(KELVO_HERE, "--material must be a JSON object.");
+    KELVO_ASSIGN_OR_RETURN(json j, ParseJsonObject(text, "--material"));
     PreviewMaterialInput out;
     std::string space(kLegacyMaterialNodeSpace.Text());
     if (j.contains("space")) {
@@ -57,8 +55,8 @@ Result<void> CheckPreviewSettings(const PreviewRequestSettings& s) {
                                     s.height);
     PREVIEWSCENE scene;
     if (!ParsePreviewScene(s.scene, scene))
-        return IllegalArgumentError(KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane).",
-                                    s.scene);
+        return IllegalArgumentError(
+            KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane, backdrop).", s.scene);
     if (s.iterations < 1 || s.iterations > kPreviewMaxIterations)
         return IllegalArgumentError(KELVO_HERE, "--iterations must be an integer from 1 to @.",
                                     kPreviewMaxIterations);

@@ -63,8 +63,8 @@ struct PreviewRequestSettings {
 };
 
 // Fails with "Illegal argument: Preview size @ x @ is out of range.", "Illegal argument:
-// Unknown scene '@' (open, sphere, cube, plane)." and "Illegal argument: --iterations must
-// be an integer from 1 to @.".
+// Unknown scene '@' (open, sphere, cube, plane, backdrop)." and "Illegal argument: --iterations
+// must be an integer from 1 to @.".
 Result<void> CheckPreviewSettings(const PreviewRequestSettings& settings);
 
 // The error of a material whose node space no module registers: "Illegal argument: Node

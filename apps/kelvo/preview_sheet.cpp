@@ -1,9 +1,11 @@
 #include "preview_sheet.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <memory>
 
+#include "kelvo/config.h"
 #include "kelvo/nodes/previewimageplaceholder.h"
 #include "kelvo/registry.h"
 #include "preview_display.h"
@@ -36,10 +38,33 @@ Result<nodes::PreviewImageProviderOutputImage> PlaceholderCell(const Id& reason,
     return nodes::PreviewImageProviderOutputImage{w, h, std::move(samples), true};
 }
 
+// Memory one swatch pixel takes on its way to the sheet: the renderer's sums (3 doubles) and
+// pass (3 floats), the delivered image, the swatch's copy, the sheet and the picture written
+// (63 bytes measured between 1024 and 2048 pixel swatches).
+constexpr uint64_t kBytesPerSwatchPixel = 64;
+
+// The bound on one picture's bytes, which the swatches' buffers share. The host refuses any
+// value that is not a whole number, so the text always reads.
+uint64_t MaxImageBytes() {
+    uint64_t bytes = uint64_t(1) << 30;
+    if (Result<std::string> text = ConfigGetString("g_maxImageBytes"))
+        (void)std::from_chars(text->data(), text->data() + text->size(), bytes);
+    return bytes;
+}
+
 Result<void> CheckSheetOptions(const SheetOptions& o) {
     if (o.materials.empty())
         return IllegalArgumentError(KELVO_HERE, "Give at least one --material.");
     KELVO_TRY(CheckPreviewSettings({o.width, o.height, o.scene, o.iterations, o.seed, false}));
+    // Refused before anything renders: a size the checks above accept can still need more
+    // than a picture may take (16384 x 16384 swatches would take tens of GB).
+    const uint64_t need =
+        uint64_t(o.width) * uint64_t(o.height) * o.materials.size() * kBytesPerSwatchPixel;
+    if (need > MaxImageBytes())
+        return IllegalArgumentError(
+            KELVO_HERE,
+            "@ swatches of @ x @ need @ bytes of buffers, more than @ (g_maxImageBytes).",
+            o.materials.size(), o.width, o.height, need, MaxImageBytes());
     if (o.priority < 0 || o.priority > int(o.materials.size()))
         return IllegalArgumentError(KELVO_HERE, "--priority must be a swatch number from 1 to @.",
                                     o.materials.size());

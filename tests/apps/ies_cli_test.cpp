@@ -40,10 +40,11 @@ TEST(KelvoIesTest, InfoShowsTheHeaderAndJsonEveryMember) {
     ToolRun failed = Kelvo("ies info --json " + Data("kelvo__tilt_file.ies"));
     EXPECT_EQ(failed.status, 1);
     auto f = nlohmann::json::parse(failed.out);
-    EXPECT_EQ(f["error"], "IES file error in line 3");
+    EXPECT_EQ(f["error"], Data("kelvo__tilt_file.ies") + ": IES file error in line 3");
     EXPECT_EQ(f["properties"]["1002"], " kelvo test data");
     EXPECT_FALSE(f.contains("_data"));
-    EXPECT_EQ(Kelvo("ies info " + Data("kelvo__no_tilt.ies")), Failed("IES Header incomplete"));
+    EXPECT_EQ(Kelvo("ies info " + Data("kelvo__no_tilt.ies")),
+              Failed(Data("kelvo__no_tilt.ies") + ": IES Header incomplete"));
     EXPECT_EQ(Kelvo("ies info /nonexistent.ies"),
               Failed("Cannot open file:///nonexistent.ies: no such file."));
 }
@@ -127,7 +128,7 @@ TEST(KelvoIesTest, PreviewOpensTheFileAsAPictureAndWritesTheAskedSize) {
     fs::remove(out);
 
     EXPECT_EQ(Kelvo("ies preview " + Data("kelvo__tilt_file.ies") + " -o " + out.string()),
-              Failed("IES file error in line 3"));
+              Failed(Data("kelvo__tilt_file.ies") + ": IES file error in line 3"));
     // Only what the file-format registry recognises as IES is previewed.
     EXPECT_EQ(Kelvo("ies preview " + Data("README.md") + " -o " + out.string()),
               Failed("No file format recognises file://" + Data("README.md") + "."));

@@ -661,5 +661,99 @@ TEST(IntersectCommandTest, TracesTheBuiltInSceneOrAnObjFileThroughTheChosenEngin
     fs::remove(obj);
 }
 
+// --- Limits: statuses, bounds, values and messages that misled ---------------------------------
+
+TEST(KelvoLimitsTest, StatusesSayWhenOutputOrSettingsFailed) {
+    EXPECT_EQ(Shell(Tool("--help > /dev/full 2>&1")).status, 1);
+    EXPECT_EQ(Shell(Tool("--help 2>&1 > /dev/full")).out,
+              "kelvo: Cannot write to standard output.\n");
+    EXPECT_EQ(Shell(Tool("--help > /dev/null")).status, 0);
+    for (const char* bad : {"1e3", "512M", "-1", "abc"})
+        EXPECT_EQ(Kelvo(std::string("--set g_maxImageBytes=") + bad + " config"),
+                  Failed(std::string("Illegal argument: Value '") + bad +
+                         "' is not a number of bytes for g_maxImageBytes (a whole number from 1 "
+                         "to 18446744073709551615)."));
+    EXPECT_EQ(Kelvo("--set g_maxImageBytes=4096 config").status, 0);
+}
+
+TEST(KelvoLimitsTest, ExtremeIndicesAndCoordinatesNeitherOverflowNorMislead) {
+    // index + count - 1 leaves int64 on either side: the sanitizer build stopped here.
+    EXPECT_EQ(Kelvo("bsdf", R"({"op":"cache","kind":0,"index":1,"count":9223372036854775807})"
+                            "\n"
+                            R"({"op":"cache","kind":0,"index":-9223372036854775808,"count":0})"
+                            "\n")
+                  .out,
+              R"({"op":"cache","error":"Illegal argument: Entries 1..9223372036854775807 are )"
+              R"(outside the table."})"
+              "\n"
+              R"({"op":"cache","error":"Illegal argument: Entries -9223372036854775808..)"
+              R"(-9223372036854775808 are outside the table."})"
+              "\n");
+    // A direction whose length is beyond double range still has a direction.
+    const std::string ies = std::string(KELVO_SOURCE_DIR) + "/resources/ies/kelvo_sample_spot.ies";
+    ToolRun huge = Kelvo("ies eval " + ies + " --dir 1e308,0,-1e308");
+    ToolRun unit = Kelvo("ies eval " + ies + " --dir 1,0,-1");
+    ASSERT_EQ(huge.status, 0) << huge.out;
+    EXPECT_EQ(huge.out.substr(huge.out.find("  ")), unit.out.substr(unit.out.find("  ")));
+    EXPECT_EQ(Kelvo("camera --position nan,0,0 --look-at 0,0,1 --pixel 0,0"),
+              Failed("Illegal argument: --position must be 3 finite numbers, not 'nan,0,0'."));
+    EXPECT_EQ(Kelvo("camera --position 0,0,0 --look-at 0,inf,1 --pixel 0,0"),
+              Failed("Illegal argument: --look-at must be 3 finite numbers, not '0,inf,1'."));
+    EXPECT_EQ(Kelvo("camera --position -1e308,0,0 --look-at 1e308,0,0 --pixel 0,0").status, 0);
+}
+
+TEST(KelvoLimitsTest, OutputsAreCheckedBeforeTheWorkAndSwatchesWithinTheBound) {
+    const fs::path dir = fs::temp_directory_path() / ("kelvo_limits_" + std::to_string(::getpid()));
+    fs::create_directories(dir);
+    const std::string bad = (dir / "x.xyz").string(), lost = (dir / "no/x.png").string();
+    // The input does not exist: the output's fault is told first, before anything is read.
+    EXPECT_EQ(Kelvo("image convert /nonexistent.png " + bad),
+              Failed("No file format writes file://" + bad + "."));
+    EXPECT_EQ(Kelvo("image convert /nonexistent.png " + lost),
+              Failed("Cannot write '" + lost + "': its folder '" + (dir / "no").string() +
+                     "' does not exist."));
+    EXPECT_EQ(Kelvo("preview render --iterations 100000 -o " + bad),
+              Failed("No file format writes file://" + bad + "."));
+    EXPECT_EQ(Kelvo("bsdf plot -m ggxbrdf -o " + lost).status, 1);
+    EXPECT_FALSE(fs::exists(dir / "no"));
+    // Buffers beyond the bound are refused before a swatch renders.
+    EXPECT_EQ(Kelvo("preview render --size 16384 -o " + (dir / "x.png").string()),
+              Failed("Illegal argument: 1 swatches of 16384 x 16384 need 17179869184 bytes of "
+                     "buffers, more than 1073741824 (g_maxImageBytes)."));
+    EXPECT_EQ(Kelvo("--set g_maxImageBytes=100000 preview render --size 40 -o " +
+                    (dir / "x.png").string()),
+              Failed("Illegal argument: 1 swatches of 40 x 40 need 102400 bytes of buffers, "
+                     "more than 100000 (g_maxImageBytes)."));
+    EXPECT_FALSE(fs::exists(dir / "x.png"));
+    fs::remove_all(dir);
+}
+
+TEST(KelvoLimitsTest, MaterialsBeyondRangeGetTheirOwnWordsAndFinitePixels) {
+    EXPECT_EQ(Kelvo("preview render --material '{\"data\":{\"roughness\":1e400}}' -o /dev/null"),
+              Failed("Illegal argument: --material holds a number beyond the range of doubles."));
+    EXPECT_EQ(Kelvo("preview render --material '{\"colour\":[1,' -o /dev/null"),
+              Failed("Illegal argument: --material is not valid JSON (byte 13)."));
+    EXPECT_EQ(Kelvo("preview render --material '[1]' -o /dev/null"),
+              Failed("Illegal argument: --material must be a JSON object."));
+    EXPECT_EQ(Kelvo("preview render --material '{\"colour\":[1,\"x\",1]}' -o /dev/null"),
+              Failed("Illegal argument: colour must be an array of 3 numbers."));
+    EXPECT_EQ(Kelvo("bsdf plot -m ggxbrdf --data '{\"roughness\":1e400}'"),
+              Failed("Illegal argument: --data holds a number beyond the range of doubles."));
+
+    // Colours and environments past float range saturate; no pixel is infinite.
+    const fs::path exr =
+        fs::temp_directory_path() / ("kelvo_hot_" + std::to_string(::getpid()) + ".exr");
+    ToolRun run = Kelvo(
+        "preview render --material '{\"colour\":[1e39,1e300,1],\"environment\":[1e300,1e39,"
+        "1e300]}' --size 8 --iterations 1 --quiet -o " +
+        exr.string());
+    ASSERT_EQ(run.status, 0) << run.out;
+    auto image = ImportImage(Url::FromFile(exr.string()));
+    ASSERT_TRUE(image.Ok()) << image.GetError().Message();
+    for (float v : testing_images::Pixels<float>(**image, 0, kPixelRgb32f, COLORPROFILE::LINEAR))
+        ASSERT_TRUE(std::isfinite(v)) << v;
+    fs::remove(exr);
+}
+
 }  // namespace
 }  // namespace kelvo::cli

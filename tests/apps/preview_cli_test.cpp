@@ -31,8 +31,9 @@ TEST(PreviewCommandTest, RendersASwatchWithAReportAndRefusesBadRequests) {
     EXPECT_EQ(report["secondsPerIteration"].size(), 2u);
     EXPECT_GT(report["raysPerSecond"].get<double>(), 0.0);
 
-    EXPECT_EQ(Kelvo("preview render --scene stage -o /dev/null"),
-              Failed("Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."));
+    EXPECT_EQ(
+        Kelvo("preview render --scene stage -o /dev/null"),
+        Failed("Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane, backdrop)."));
     EXPECT_EQ(Kelvo("preview render --size 0,8 -o /dev/null"),
               Failed("Illegal argument: Preview size 0 x 8 is out of range."));
     EXPECT_EQ(Kelvo("preview render --material '{\"color\":[1,1,1]}' -o /dev/null"),

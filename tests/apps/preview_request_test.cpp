@@ -75,7 +75,7 @@ TEST_F(PreviewRequestTest, MaterialsAndSettingsAreReadOnceWithTheirBoundsAndMess
     s.iterations = 1;
     s.scene = "stage";
     EXPECT_EQ(CheckPreviewSettings(s).GetError().Message(),
-              "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane).");
+              "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane, backdrop).");
 }
 
 TEST_F(PreviewRequestTest, DeliveriesAndFailuresWakeTheWaiterAndCtrlCEndsTheWait) {

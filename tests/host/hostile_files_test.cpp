@@ -4,6 +4,7 @@
 #include <ImfFrameBuffer.h>
 #include <ImfHeader.h>
 #include <ImfOutputFile.h>
+#include <ImfRgbaFile.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +17,8 @@
 
 #include "../image_test_util.h"
 #include "host.h"
+#include "kelvo/config.h"
+#include "kelvo/diagnostics.h"
 #include "kelvo/mediasession_output.h"
 
 namespace kelvo {
@@ -118,6 +121,98 @@ TEST_F(HostileFilesTest, OpenExrGreyWithAlphaKeepsItsGrey) {
     for (size_t i = 0; i < px.size(); i += 4)
         EXPECT_EQ(std::vector<float>(px.begin() + i, px.begin() + i + 4),
                   (std::vector<float>{0.25f, 0.25f, 0.25f, 0.5f}));
+}
+
+// Writes an OpenEXR file of w x h pixels with the given float channels, each a constant.
+void WriteExrChannels(const fs::path& path, int w, int h,
+                      const std::vector<std::pair<std::string, float>>& channels) {
+    Imf::Header header(w, h);
+    std::vector<std::vector<float>> planes;
+    for (const auto& [name, value] : channels) {
+        header.channels().insert(name, Imf::Channel(Imf::FLOAT));
+        planes.emplace_back(size_t(w * h), value);
+    }
+    Imf::FrameBuffer fb;
+    for (size_t k = 0; k < channels.size(); ++k)
+        fb.insert(channels[k].first,
+                  Imf::Slice(Imf::FLOAT, reinterpret_cast<char*>(planes[k].data()), 4, 4 * w));
+    Imf::OutputFile file(path.c_str(), header);
+    file.setFrameBuffer(fb);
+    file.writePixels(h);
+}
+
+TEST_F(HostileFilesTest, OpenExrChannelLayoutsReadAsTheColourTheyHold) {
+    // Luminance with chroma, as the library's RGBA interface writes it: a saturated red.
+    {
+        const int w = 6, h = 4;
+        std::vector<Imf::Rgba> red(size_t(w * h), Imf::Rgba(0.8f, 0.1f, 0.05f, 1.0f));
+        Imf::RgbaOutputFile file((_dir / "yc.exr").c_str(), w, h, Imf::WRITE_YCA);
+        file.setFrameBuffer(red.data(), 1, w);
+        file.writePixels(h);
+    }
+    auto yc = ImportImage(File("yc.exr"));
+    ASSERT_TRUE(yc.Ok()) << yc.GetError().Message();
+    ASSERT_EQ((*yc)->GetLayer(0)->GetPixelFormat(), kPixelRgba32f);
+    auto px = Pixels<float>(**yc, 0, kPixelRgba32f, COLORPROFILE::LINEAR);
+    for (size_t i = 0; i < px.size(); i += 4) {
+        EXPECT_NEAR(px[i], 0.8f, 0.02f);  // chroma is stored at half precision
+        EXPECT_NEAR(px[i + 1], 0.1f, 0.02f);
+        EXPECT_NEAR(px[i + 2], 0.05f, 0.02f);
+        EXPECT_EQ(px[i + 3], 1.0f);
+    }
+    EXPECT_EQ(ReadImageInfo(File("yc.exr"))->layers[0].format, kPixelRgba32f);
+
+    // G with A, and R with Y: colour wins, missing colour channels are 0 and Y is not read.
+    WriteExrChannels(_dir / "ga.exr", 2, 2, {{"G", 0.5f}, {"A", 0.25f}});
+    WriteExrChannels(_dir / "ry.exr", 2, 2, {{"R", 0.75f}, {"Y", 0.5f}});
+    host::CapturedDiagnostics captured;
+    const std::vector<std::pair<std::string, std::vector<float>>> cases = {
+        {"ga.exr", {0.0f, 0.5f, 0.0f, 0.25f}}, {"ry.exr", {0.75f, 0.0f, 0.0f}}};
+    for (const auto& [name, expected] : cases) {
+        auto image = ImportImage(File(name));
+        ASSERT_TRUE(image.Ok()) << name << ": " << image.GetError().Message();
+        const PixelFormat f = expected.size() == 4 ? kPixelRgba32f : kPixelRgb32f;
+        EXPECT_EQ((*image)->GetLayer(0)->GetPixelFormat(), f) << name;
+        auto got = Pixels<float>(**image, 0, f, COLORPROFILE::LINEAR);
+        EXPECT_EQ(std::vector<float>(got.begin(), got.begin() + ptrdiff_t(expected.size())),
+                  expected)
+            << name;
+    }
+    EXPECT_EQ(captured.Lines(),
+              (std::vector<std::string>{"OpenEXR file " + File("ry.exr").ToString() +
+                                        " has colour and luminance channels; Y is not read."}));
+    WriteExrChannels(_dir / "uv.exr", 2, 2, {{"U", 0.5f}, {"V", 0.25f}});
+    EXPECT_EQ(ImportImage(File("uv.exr")).GetError().Message(),
+              "OpenEXR file " + File("uv.exr").ToString() + " has no R, G, B or Y channels.");
+}
+
+TEST_F(HostileFilesTest, ValuesBeyondHalfRangeSaturateAndHeaderOnlyTiffsSayWhy) {
+    auto image = MakeImage(2, 1, kPixelRgb32f, COLORPROFILE::LINEAR,
+                           std::vector<float>{1e6f, -1e30f, 0.5f, 70000.0f, 1.0f, -2.0f});
+    DataDictionary half;
+    ASSERT_TRUE(half.Set(kExportOptionHalf, true).Ok());
+    ASSERT_TRUE(ExportImage(File("h.exr"), *image, {}, half).Ok());
+    auto back = ImportImage(File("h.exr"));
+    ASSERT_TRUE(back.Ok()) << back.GetError().Message();
+    EXPECT_EQ(Pixels<float>(**back, 0, kPixelRgb32f, COLORPROFILE::LINEAR),
+              (std::vector<float>{65504.0f, -65504.0f, 0.5f, 65504.0f, 1.0f, -2.0f}));
+
+    // A TIFF header alone: its first directory offset is 0, which libtiff does not explain.
+    Write("head.tif", std::string("II*\0\0\0\0\0", 8));
+    EXPECT_EQ(ImportImage(File("head.tif")).GetError().Message(),
+              "Cannot read TIFF " + File("head.tif").ToString() +
+                  ": no readable picture directory (the file is cut short or damaged).");
+}
+
+TEST_F(HostileFilesTest, TheByteBoundTakesWholeNumbersOnly) {
+    ASSERT_TRUE(host::ConfigSet("g_maxImageBytes", "4096").Ok());
+    for (const char* bad : {"1e3", "512M", "-1", "abc", "0", "", " 12", "18446744073709551616"})
+        EXPECT_EQ(host::ConfigSet("g_maxImageBytes", bad).GetError().Message(),
+                  std::string("Illegal argument: Value '") + bad +
+                      "' is not a number of bytes for g_maxImageBytes (a whole number from 1 to "
+                      "18446744073709551615).");
+    EXPECT_EQ(*ConfigGetString("g_maxImageBytes"), "4096");  // a refused value changes nothing
+    ASSERT_TRUE(host::ConfigSet("g_maxImageBytes", "18446744073709551615").Ok());
 }
 
 TEST_F(HostileFilesTest, PicturesPipedInAreReadOnce) {

@@ -335,7 +335,8 @@ TEST_F(PreviewPipelineTest, BadMaterialsAreRefusedWhenReadAndAnUnreadableTexture
     // The request's own checks, at submit.
     Swatch s;
     const std::tuple<std::string, int64_t, std::string> requests[] = {
-        {"stage", 2, "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane)."},
+        {"stage", 2,
+         "Illegal argument: Unknown scene 'stage' (open, sphere, cube, plane, backdrop)."},
         {"sphere", 0, "Illegal argument: Invalid iteration count 0."},
     };
     for (const auto& [scene, count, error] : requests) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <span>
 #include <vector>
@@ -54,11 +55,21 @@ protected:
 };
 
 // A convex white Lambert sphere under a uniform environment reflects exactly what arrives;
-// with light and BSDF samples weighted by MIS every sample is exact, so the check is tight.
+// with light and BSDF samples weighted by MIS every sample is exact, so the check is tight,
+// also with the bound on indirect light far down (no contribution of a furnace exceeds 1).
 TEST_F(PreviewRendererTest, WhiteFurnaceAndHalfColour) {
-    Render white(PREVIEWSCENE::OPEN, 12);
-    white.settings.samplesPerIteration = 4;
-    for (float v : white.Run(2)) EXPECT_NEAR(v, 1.0, 0.02);
+    for (double bound : {10.0, 1.0}) {
+        Render white(PREVIEWSCENE::OPEN, 12);
+        white.settings.samplesPerIteration = 4;
+        white.settings.indirectBound = bound;
+        double sum = 0.0;
+        const std::vector<float> rgb = white.Run(2);
+        for (float v : rgb) {
+            EXPECT_NEAR(v, 1.0, 0.02);
+            sum += v;
+        }
+        EXPECT_NEAR(sum / double(rgb.size()), 1.0, 0.005) << bound;
+    }
 
     Render half(PREVIEWSCENE::OPEN, 12);
     half.material.colour = {0.5, 0.5, 0.5};
@@ -68,23 +79,182 @@ TEST_F(PreviewRendererTest, WhiteFurnaceAndHalfColour) {
     EXPECT_NEAR(rgb[0], 1.0, 1e-6);                         // the environment in the corner
 }
 
+StrongRef<DataDictionary> Glass(double ior, double roughness) {
+    auto d = *NewObject<DataDictionary>();
+    EXPECT_TRUE(d->Set(bsdfdata::kRoughness, roughness).Ok());
+    EXPECT_TRUE(d->Set(bsdfdata::kIorIn, ior).Ok());
+    EXPECT_TRUE(d->Set(bsdfdata::kIorOut, 1.0).Ok());
+    return d;
+}
+
+// Both sequences, a glossy and a glass swatch: the tiles a thread takes change nothing.
 TEST_F(PreviewRendererTest, SameSeedSameImageOnOneAndTwoThreads) {
     host::SetHostThreads(2);
-    Render a(PREVIEWSCENE::SPHERE, 16);
-    a.material.model = Id("net.kelvo.render.bsdflegacyclass.ggxbrdf");
-    ASSERT_TRUE(NewObject<DataDictionary>().Ok());
-    a.material.data = *NewObject<DataDictionary>();
-    ASSERT_TRUE(a.material.data->Set(bsdfdata::kRoughness, 0.3).Ok());
-    a.light.enabled = true;
-    a.settings.seed = 7;
-    a.settings.tileSize = 4;
-    Render b = a;
-    a.settings.threads = 1;
-    b.settings.threads = 2;
-    std::vector<float> one = a.Run(2), two = b.Run(2);
-    EXPECT_EQ(one, two);
-    b.settings.seed = 8;
-    EXPECT_NE(one, b.Run(2));
+    for (PREVIEWSEQUENCE sequence : {PREVIEWSEQUENCE::SOBOL, PREVIEWSEQUENCE::INDEPENDENT})
+        for (const char* model : {"ggxbrdf", "ggxbtdf"}) {
+            Render a(PREVIEWSCENE::SPHERE, 16);
+            a.material.model =
+                *Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + model);
+            a.material.data = Glass(1.5, 0.3);
+            a.light.enabled = true;
+            a.settings.seed = 7;
+            a.settings.tileSize = 4;
+            a.settings.sequence = sequence;
+            Render b = a;
+            a.settings.threads = 1;
+            b.settings.threads = 2;
+            std::vector<float> one = a.Run(2), two = b.Run(2);
+            EXPECT_EQ(one, two) << model;
+            b.settings.seed = 8;
+            EXPECT_NE(one, b.Run(2)) << model;
+        }
+}
+
+// Where the unit ball lies in a Render's picture: the pixels whose centre ray meets it, and
+// among them those that look at it within `cosine` of head-on.
+std::vector<int64_t> BallPixels(const Render& r, double cosine) {
+    const SceneData scene = MakeScene(r.settings.scene, 4);
+    auto camera = *CreateClass<CameraInterface>(kPerspectiveCameraClass);
+    auto params = *NewObject<DataDictionary>();
+    EXPECT_TRUE(
+        params->Set(CAMERAPARAMETERS::MATRIX, LookAt(scene.camera.position, scene.camera.target))
+            .Ok());
+    const int64_t w = r.settings.width, h = r.settings.height;
+    EXPECT_TRUE(params->Set(CAMERAPARAMETERS::SCREENRESOLUTION, Vec2{double(w), double(h)}).Ok());
+    EXPECT_TRUE(params->Set(CAMERAPARAMETERS::FIELDOFVIEW, scene.camera.fieldOfView).Ok());
+    EXPECT_TRUE(camera->Init(params, false).Ok());
+    std::vector<int64_t> pixels;
+    for (int64_t y = 0; y < h; ++y)
+        for (int64_t x = 0; x < w; ++x) {
+            Ray ray;
+            camera->CreateScreenRay({x + 0.5, y + 0.5}, ray);
+            const Vec3 d = Normalize(ray.direction);
+            const double b = Dot(ray.origin, d), c = SquaredLength(ray.origin) - 1.0;
+            const double disc = b * b - c;
+            if (disc <= 0.0) continue;
+            const Vec3 p = ray.origin + d * (-b - std::sqrt(disc));
+            if (-Dot(p, d) >= cosine) pixels.push_back(y * w + x);
+        }
+    return pixels;
+}
+
+double Luminance(const std::vector<float>& rgb, int64_t pixel) {
+    const float* p = &rgb[size_t(pixel * 3)];
+    return (double(p[0]) + p[1] + p[2]) / 3.0;
+}
+
+// A smooth glass ball before a checker is a lens: what lies behind it shows upside down
+// and mirrored (the light enters, crosses and leaves again; inside, the indices are the
+// other way round). A ball of index 1.01 bends nothing and nearly vanishes.
+TEST_F(PreviewRendererTest, GlassBallInvertsTheCheckerAndIndexOneNearlyVanishes) {
+    constexpr int64_t kSize = 64;
+    auto render = [&](PREVIEWSCENE scene, double ior) {
+        Render r(scene, kSize);
+        r.settings.stageChecker = 1.0;
+        r.settings.samplesPerIteration = 16;
+        r.material.model = Id("net.kelvo.render.bsdflegacyclass.ggxbtdf");
+        r.material.data = Glass(ior, 0.0);
+        return r.Run(1);
+    };
+    const std::vector<float> stage = render(PREVIEWSCENE::BACKDROP, 1.5);
+    const std::vector<float> clear = render(PREVIEWSCENE::SPHERE, 1.01);
+    const std::vector<float> glass = render(PREVIEWSCENE::SPHERE, 1.5);
+    const std::vector<int64_t> ball = BallPixels(Render(PREVIEWSCENE::SPHERE, kSize), 0.5);
+    ASSERT_GT(ball.size(), 100u);
+
+    // Index 1.01: the stage through the ball as without it (the contrast of the checker
+    // is 0.65; the floor behind the ball lies in its shadow, hence the margin).
+    double difference = 0.0;
+    for (int64_t p : ball) difference += std::abs(Luminance(clear, p) - Luminance(stage, p));
+    EXPECT_LT(difference / double(ball.size()), 0.08) << difference / double(ball.size());
+
+    // Index 1.5: the stage seen through the ball's centre c matches the stage without it
+    // at c - s (p - c) for some s > 0 (inverted), far better than at c + s (p - c).
+    double cx = 0.0, cy = 0.0;
+    for (int64_t p : ball) cx += double(p % kSize), cy += double(p / kSize);
+    cx /= double(ball.size());
+    cy /= double(ball.size());
+    auto correlation = [&](double s) {
+        std::vector<double> a, b;
+        for (int64_t p : ball) {
+            const double dx = double(p % kSize) - cx, dy = double(p / kSize) - cy;
+            const int64_t x = std::clamp(int64_t(std::lround(cx + s * dx)), int64_t(0), kSize - 1);
+            const int64_t y = std::clamp(int64_t(std::lround(cy + s * dy)), int64_t(0), kSize - 1);
+            a.push_back(Luminance(glass, p));
+            b.push_back(Luminance(stage, y * kSize + x));
+        }
+        double ma = 0, mb = 0, ab = 0, aa = 0, bb = 0;
+        for (size_t i = 0; i < a.size(); ++i) ma += a[i], mb += b[i];
+        ma /= double(a.size());
+        mb /= double(b.size());
+        for (size_t i = 0; i < a.size(); ++i) {
+            ab += (a[i] - ma) * (b[i] - mb);
+            aa += (a[i] - ma) * (a[i] - ma);
+            bb += (b[i] - mb) * (b[i] - mb);
+        }
+        return aa > 0 && bb > 0 ? ab / std::sqrt(aa * bb) : 0.0;
+    };
+    double inverted = -1.0, upright = -1.0;
+    for (double s = 0.25; s <= 3.0; s += 0.125) {
+        inverted = std::max(inverted, correlation(-s));
+        upright = std::max(upright, correlation(s));
+    }
+    EXPECT_GT(inverted, 0.5);
+    EXPECT_GT(inverted, upright + 0.2) << inverted << " " << upright;
+}
+
+// Light leaves the ball through two surfaces, so under a uniform environment it is at
+// least as bright as the environment times the model's transmittance through one surface
+// (the plane scene's floor, seen at a slant), squared. Rough glass and the other
+// distributions too: total internal reflection returns light the model does not transmit.
+TEST_F(PreviewRendererTest, GlassBallPassesTheLightThroughTwoSurfaces) {
+    for (const char* model : {"ggxbtdf", "beckmannbtdf", "phongbtdf", "wardbtdf"})
+        for (double roughness : {0.0, 0.3}) {
+            Render plane(PREVIEWSCENE::PLANE, 16);
+            plane.material.model =
+                *Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + model);
+            plane.material.data = Glass(1.5, roughness);
+            plane.settings.samplesPerIteration = 64;
+            const std::vector<float> floor = plane.Run(1);
+            double transmittance = 0.0;
+            for (size_t i = 0; i < floor.size(); i += 3) transmittance += floor[i];
+            transmittance /= double(floor.size() / 3);
+
+            Render open(PREVIEWSCENE::OPEN, 24);
+            open.material = plane.material;
+            open.settings.samplesPerIteration = 32;
+            const std::vector<float> ball = open.Run(1);
+            double mean = 0.0;
+            const std::vector<int64_t> pixels = BallPixels(open, 0.0);
+            for (int64_t p : pixels) mean += Luminance(ball, p);
+            mean /= double(pixels.size());
+            EXPECT_GT(transmittance, 0.3) << model << " " << roughness;
+            EXPECT_GE(mean, transmittance * transmittance) << model << " " << roughness;
+        }
+}
+
+// The blurry specular lobe returns far more than it receives from some directions; light
+// that bounces off the ball onto the floor would leave isolated bright pixels without the
+// bound on indirect light.
+TEST_F(PreviewRendererTest, NoFireflyAtSixtyFourIterations) {
+    constexpr int64_t kSize = 32;
+    Render r(PREVIEWSCENE::SPHERE, kSize);
+    r.material.model = Id("net.kelvo.render.bsdflegacyclass.blurryspecularbrdf");
+    r.material.data = *NewObject<DataDictionary>();
+    ASSERT_TRUE(r.material.data->Set(bsdfdata::kBlurryExponent, 30.0).Ok());
+    r.light.enabled = true;
+    const std::vector<float> rgb = r.Run(64);
+    int fireflies = 0;
+    for (int64_t y = 1; y + 1 < kSize; ++y)
+        for (int64_t x = 1; x + 1 < kSize; ++x) {
+            std::vector<double> around;
+            for (int64_t j = -1; j <= 1; ++j)
+                for (int64_t i = -1; i <= 1; ++i)
+                    around.push_back(Luminance(rgb, (y + j) * kSize + x + i));
+            std::nth_element(around.begin(), around.begin() + 4, around.end());
+            fireflies += Luminance(rgb, y * kSize + x) > 5.0 * around[4];
+        }
+    EXPECT_EQ(fireflies, 0);
 }
 
 TEST_F(PreviewRendererTest, CancelledIterationLeavesTheImageAlone) {

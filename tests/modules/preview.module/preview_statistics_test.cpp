@@ -41,9 +41,9 @@ StrongRef<DataDictionary> Rough(double roughness) {
     return d;
 }
 
-// The error against a 16 times longer render falls as 1 / sqrt(samples): 4 times the
-// samples halve it, within a factor 1.5.
-TEST(PreviewStatistics, ErrorFallsAsOneOverSqrtSamples) {
+// The error against a 16 times longer render falls at least as fast as 1 / sqrt(samples):
+// 4 times the samples at least halve it (within 10%); the stratified sequences do better.
+TEST(PreviewStatistics, ErrorFallsAtLeastAsOneOverSqrtSamples) {
     testing_preview::LoadEngineModule();
     PreviewSettings s;
     s.scene = PREVIEWSCENE::SPHERE;
@@ -53,40 +53,81 @@ TEST(PreviewStatistics, ErrorFallsAsOneOverSqrtSamples) {
     m.model = Id("net.kelvo.render.bsdflegacyclass.orennayarbrdf");
     m.data = Rough(0.4);
     m.colour = {0.8, 0.5, 0.3};
-    auto error = [&](int spp) {
-        s.samplesPerIteration = spp;
-        s.seed = 1;
-        std::vector<float> image = RenderImage(s, m, true);
-        s.samplesPerIteration = 16 * spp;
-        s.seed = 2;
-        return Rms(image, RenderImage(s, m, true));
-    };
-    const double e4 = error(4), e16 = error(16);
-    const double ratio = e4 / e16;
-    EXPECT_GT(ratio, 2.0 / 1.5) << e4 << " " << e16;
-    EXPECT_LT(ratio, 2.0 * 1.5) << e4 << " " << e16;
+    for (PREVIEWSEQUENCE sequence : {PREVIEWSEQUENCE::SOBOL, PREVIEWSEQUENCE::INDEPENDENT}) {
+        s.sequence = sequence;
+        auto error = [&](int spp) {
+            s.samplesPerIteration = spp;
+            s.seed = 1;
+            std::vector<float> image = RenderImage(s, m, true);
+            s.samplesPerIteration = 16 * spp;
+            s.seed = 2;
+            return Rms(image, RenderImage(s, m, true));
+        };
+        const double e4 = error(4), e16 = error(16);
+        EXPECT_GT(e4 / e16, 2.0 / 1.1) << e4 << " " << e16;
+    }
+}
+
+// At 64 samples per pixel the stratified sequences' error (RMS against a long render, over
+// the mean, averaged over seeds) is at least 1.5 times lower than independent numbers' on
+// the diffuse and the GGX 0.3 swatch.
+TEST(PreviewStatistics, SequencesBeatIndependentNumbersAtSixtyFourSamples) {
+    testing_preview::LoadEngineModule();
+    for (const char* model : {"lambertbrdf", "ggxbrdf"}) {
+        PreviewSettings s;
+        s.scene = PREVIEWSCENE::SPHERE;
+        s.width = s.height = 32;
+        PreviewMaterial m;
+        m.model = *Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + model);
+        m.data = Rough(0.3);
+        m.colour = {0.8, 0.8, 0.8};
+        s.samplesPerIteration = 1024;
+        s.seed = 100;
+        const std::vector<float> reference = RenderImage(s, m, true);
+        double mean = 0.0;
+        for (float v : reference) mean += v;
+        mean /= double(reference.size());
+        double errors[2] = {0.0, 0.0};
+        s.samplesPerIteration = 64;
+        for (int k = 0; k < 2; ++k) {
+            s.sequence = k == 0 ? PREVIEWSEQUENCE::SOBOL : PREVIEWSEQUENCE::INDEPENDENT;
+            for (uint64_t seed = 1; seed <= 3; ++seed) {
+                s.seed = seed;
+                errors[k] += Rms(RenderImage(s, m, true), reference) / mean / 3.0;
+            }
+        }
+        std::printf("%s: error at 64 samples %.4f (sequences), %.4f (independent)\n", model,
+                    errors[0], errors[1]);
+        EXPECT_GT(errors[1], 1.5 * errors[0]) << model;
+    }
 }
 
 // The floor alone under a uniform white environment: each pixel is the directional albedo
 // of the model towards the camera (about 20..60 degrees from the normal). The render is
 // seeded, so the values are exact; the bounds leave room for a changed sampler, not for a
 // model that lost or gained energy. Lambert must give exactly what it receives; blurry
-// specular returns 100 times its cosine power (its albedo above one is the model's own).
+// simple returns more than it receives (its density is its value over pi).
 TEST(PreviewStatistics, ModelAlbedosUnderUniformLight) {
     testing_preview::LoadEngineModule();
     struct Expected {
         const char* model;
         double albedo, tolerance;
     };
-    const Expected models[] = {
-        {"lambertbrdf", 1.000, 0.005},      {"orennayarbrdf", 0.994, 0.03},
-        {"irawanbrdf", 0.381, 0.03},        {"blurrysimplebrdf", 0.413, 0.03},
-        {"blurryspecularbrdf", 1.758, 0.1}, {"beckmannbrdf", 0.986, 0.03},
-        {"beckmannbtdf", 0.654, 0.03},      {"ggxbrdf", 0.956, 0.03},
-        {"ggxbtdf", 0.650, 0.03},           {"phongbrdf", 0.985, 0.03},
-        {"phongbtdf", 0.657, 0.03},         {"wardbrdf", 0.985, 0.03},
-        {"wardbtdf", 0.654, 0.03},          {"anisotropicbrdf", 0.986, 0.03},
-        {"anisotropicbtdf", 0.656, 0.03}};
+    const Expected models[] = {{"lambertbrdf", 1.000, 0.005},
+                               {"orennayarbrdf", 0.994, 0.03},
+                               {"irawanbrdf", 0.383, 0.03},
+                               {"blurrysimplebrdf", 1.133, 0.05},
+                               {"blurryspecularbrdf", 0.925, 0.05},
+                               {"beckmannbrdf", 0.988, 0.03},
+                               {"beckmannbtdf", 0.655, 0.03},
+                               {"ggxbrdf", 0.958, 0.03},
+                               {"ggxbtdf", 0.651, 0.03},
+                               {"phongbrdf", 0.991, 0.03},
+                               {"phongbtdf", 0.657, 0.03},
+                               {"wardbrdf", 0.986, 0.03},
+                               {"wardbtdf", 0.655, 0.03},
+                               {"anisotropicbrdf", 0.989, 0.03},
+                               {"anisotropicbtdf", 0.658, 0.03}};
     PreviewSettings s;
     s.scene = PREVIEWSCENE::PLANE;
     s.width = s.height = 8;

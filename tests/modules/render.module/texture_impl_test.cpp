@@ -143,6 +143,33 @@ TEST(TextureImplTest, SizesAndTruncationOfTheEdgeCases) {
     EXPECT_EQ(texture->GetMipLevel(1).spanX, 2);
 }
 
+// What a tool reports from the header alone must be what a build takes, for every storage
+// type, odd sizes and a summed area table on either side of the 32-bit limit.
+TEST(TextureImplTest, BytesPlannedFromTheHeaderAreTheBytesBuilt) {
+    const std::pair<int64_t, int64_t> sizes[] = {{1, 1}, {5, 3}, {1, 9}, {33, 2}, {7, 7}};
+    for (auto [w, h] : sizes)
+        for (PixelFormat f : {kPixelGrey8, kPixelRgb8, kPixelRgba8, kPixelRgb16, kPixelRgba32f}) {
+            auto texture = MakeTexture(RandomImage(w, h, f, 3));
+            TEXTURESTORAGE storage{};
+            ASSERT_TRUE(TextureStorageFor(f, storage));
+            EXPECT_EQ(storage, texture->GetStorage());
+            for (TEXTUREPYRAMID p : {TEXTUREPYRAMID::BASELEVEL, TEXTUREPYRAMID::MIPMAP,
+                                     TEXTUREPYRAMID::RIPMAP, TEXTUREPYRAMID::SUMMEDAREA}) {
+                (void)texture->Build(p);
+                EXPECT_EQ(TexturePyramidBytes(p, w, h, storage), texture->GetByteSize(p))
+                    << w << " x " << h << " " << f.Name() << " pyramid " << int(p);
+            }
+        }
+    // 32-bit sums up to 4104 x 4104 texels, 64-bit beyond.
+    static_assert(TexturePyramidBytes(TEXTUREPYRAMID::SUMMEDAREA, 4104, 4104,
+                                      TEXTURESTORAGE::RGB8) == 4104 * 4104 * 3 * 4);
+    static_assert(TexturePyramidBytes(TEXTUREPYRAMID::SUMMEDAREA, 4105, 4105,
+                                      TEXTURESTORAGE::RGB8) == int64_t(4105) * 4105 * 3 * 8);
+    TEXTURESTORAGE none{};
+    EXPECT_FALSE(TextureStorageFor(PixelFormat{5, CHANNELTYPE::UINT8}, none));
+    EXPECT_FALSE(TextureStorageFor(PixelFormat{0, CHANNELTYPE::UINT8}, none));
+}
+
 TEST(TextureImplTest, SummedAreaTablesMatchBruteForceAndWidenPast4104Squared) {
     // Large enough to be summed in bands, one per worker.
     host::SetHostThreads(3);

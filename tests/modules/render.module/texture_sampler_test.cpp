@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -145,12 +146,69 @@ TEST(TextureSamplerTest, WrapNearestAndSrgbArePerCall) {
                1e-15);
     ExpectNear(Sample(*sampler, {-7, 9}, {}, TEXTUREMODE::NEAREST, TEXTUREWRAP::CLAMP),
                BoxMean(base, 0, 1, 2, 3), 1e-15);
-    const Col4 plain = Sample(*sampler, {0.2, 0.4}, f, TEXTUREMODE::MIPMAP);
-    auto linear = sampler->ThreadedTextureSampleColor(
-        {0.2, 0.4}, f, {TEXTUREMODE::MIPMAP, TEXTUREWRAP::REPEAT, true});
+    // One texel read in linear light: the curve applied to it (to 16 bits).
+    const Col4 plain = Sample(*sampler, {0.2, 0.4}, f, TEXTUREMODE::NEAREST);
+    auto linear = sampler->ThreadedTextureSample({0.2, 0.4}, f,
+                                                 {TEXTUREMODE::NEAREST, TEXTUREWRAP::REPEAT, true});
     ASSERT_TRUE(linear.Ok());
-    EXPECT_NEAR(linear->r, SrgbToLinear(float(plain.r)), 1e-6);
-    EXPECT_NEAR(linear->b, SrgbToLinear(float(plain.b)), 1e-6);
+    EXPECT_NEAR(linear->r, SrgbToLinear(float(plain.r)), 2e-5);
+    EXPECT_NEAR(linear->b, SrgbToLinear(float(plain.b)), 2e-5);
+    EXPECT_NEAR(linear->a, plain.a, 2e-5);
+}
+
+// A black-and-white sRGB checker seen from far away is half as bright as white in every
+// filter, as light adds up; averaging the stored values would give a fifth. The texture's
+// own pyramids keep the stored values.
+TEST(TextureSamplerTest, FarSrgbCheckerAveragesToItsLinearMeanInEveryMode) {
+    for (PixelFormat format : {kPixelRgb8, kPixelRgba16, kPixelRgb32f}) {
+        constexpr int64_t kSize = 64;
+        const size_t bytes = format.GetBytesPerPixel();
+        std::vector<uint8_t> row(size_t(kSize) * bytes);
+        auto image = *CreateImage(kSize, kSize);
+        auto layer = *CreateImageLayer(kSize, kSize, format, COLORPROFILE::SRGB);
+        auto writer = *layer->SetPixelHandler(format, COLORPROFILE::SRGB);
+        for (int64_t y = 0; y < kSize; ++y) {
+            for (int64_t x = 0; x < kSize; ++x)
+                for (int c = 0; c < format.channels; ++c) {
+                    const bool on = (x + y) % 2 || c == 3;
+                    uint8_t* p = &row[size_t(x) * bytes + size_t(c) * bytes / format.channels];
+                    if (format.IsFloat()) {
+                        const float v = on ? 1.0f : 0.0f;
+                        std::memcpy(p, &v, 4);
+                    } else if (bytes / format.channels == 2) {
+                        const uint16_t v = on ? 65535 : 0;
+                        std::memcpy(p, &v, 2);
+                    } else {
+                        *p = on ? 255 : 0;
+                    }
+                }
+            ASSERT_TRUE(writer->SetPixels(0, y, kSize, row.data()).Ok());
+        }
+        ASSERT_TRUE(image->AddLayer(layer).Ok());
+        auto sampler = Sampler(image);
+        const TextureFootprint far{0.11, 0.02, -0.03, 0.13};  // about 7 texels a pixel
+        for (TEXTUREMODE mode : kModes) {
+            if (mode == TEXTUREMODE::SUMMEDAREA && format.IsFloat()) continue;
+            double sum = 0.0;
+            std::mt19937 rng(5);
+            std::uniform_real_distribution<double> uv(0.0, 1.0);
+            constexpr int kSamples = 400;
+            for (int i = 0; i < kSamples; ++i) {
+                auto c = sampler->ThreadedTextureSample({uv(rng), uv(rng)}, far,
+                                                        {mode, TEXTUREWRAP::REPEAT, true});
+                ASSERT_TRUE(c.Ok()) << c.GetError().Message();
+                sum += (c->r + c->g + c->b) / 3.0;
+            }
+            EXPECT_NEAR(sum / kSamples, 0.5, 0.01) << int(mode) << " " << bytes;
+        }
+        // The stored-value pyramid is untouched: its coarsest level is the encoded mean.
+        ASSERT_TRUE(sampler->GetTexture()->Build(TEXTUREPYRAMID::MIPMAP).Ok());
+        const TextureLevelView top =
+            sampler->GetTexture()->GetMipLevel(sampler->GetTexture()->GetMipLevelCount() - 1);
+        if (format == kPixelRgb8) {
+            EXPECT_EQ(static_cast<const uint8_t*>(top.pixels)[0], 127);
+        }
+    }
 }
 
 TEST(TextureSamplerTest, DeepTexturesRefuseSummedAreaEveryTimeAndStillFilter) {

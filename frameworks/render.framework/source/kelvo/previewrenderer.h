@@ -40,17 +40,19 @@ inline constexpr int64_t kPreviewMaxIterations = int64_t(1) << 20;
 inline constexpr int64_t kPreviewDefaultIterations = 16;
 
 enum class PREVIEWSCENE : uint8_t {
-    OPEN,    // the sphere alone under the environment
-    SPHERE,  // a sphere on a ground plane before a curved backdrop
-    CUBE,    // a rounded cube on the same stage
-    PLANE,   // a ground plane alone, seen at a slant (texture and light checks)
+    OPEN,      // the sphere alone under the environment
+    SPHERE,    // a sphere on a ground plane before a curved backdrop
+    CUBE,      // a rounded cube on the same stage
+    PLANE,     // a ground plane alone, seen at a slant (texture and light checks)
+    BACKDROP,  // the stage of SPHERE and CUBE without a shape (what a swatch is seen against)
 };
 
-inline constexpr std::string_view kPreviewSceneNames[] = {"open", "sphere", "cube", "plane"};
+inline constexpr std::string_view kPreviewSceneNames[] = {"open", "sphere", "cube", "plane",
+                                                          "backdrop"};
 inline std::string_view PreviewSceneName(PREVIEWSCENE scene) {
     return kPreviewSceneNames[size_t(scene)];
 }
-// "open", "sphere", "cube", "plane"; false for any other name.
+// "open", "sphere", "cube", "plane", "backdrop"; false for any other name.
 inline bool ParsePreviewScene(std::string_view name, PREVIEWSCENE& scene) {
     for (size_t i = 0; i < std::size(kPreviewSceneNames); ++i)
         if (kPreviewSceneNames[i] == name) {
@@ -88,13 +90,28 @@ struct PreviewLight {
     Url ies;                          // else loaded from here when not empty
 };
 
+// The numbers each pixel's samples draw.
+enum class PREVIEWSEQUENCE : uint8_t {
+    SOBOL,        // stratified low-discrepancy points, scrambled per pixel (the default)
+    INDEPENDENT,  // independent uniform numbers (what the sequences are judged against)
+};
+
 struct PreviewSettings {
     int64_t width = 128;
     int64_t height = 128;
     PREVIEWSCENE scene = PREVIEWSCENE::SPHERE;
     uint64_t seed = 0;
-    int samplesPerIteration = 1;      // per pixel
-    int maxDepth = 8;                 // bounces after the camera hit
+    int samplesPerIteration = 1;  // per pixel
+    int maxDepth = 8;             // bounces after the camera hit
+    // The largest contribution (brightest channel) one indirect sample may add, light that
+    // arrives after more than one bounce; keeps rare bright paths from leaving single
+    // bright pixels. 0 or less: no bound (an unbiased but noisier image).
+    double indirectBound = 3.0;
+    PREVIEWSEQUENCE sequence = PREVIEWSEQUENCE::SOBOL;
+    // The stage as a checker of this cell size (scene units; the shapes are 2 across), so
+    // that refraction shows; 0: plain grey; below 0: a checker of 0.5 behind transmissive
+    // models, plain grey behind the others.
+    double stageChecker = -1.0;
     Col3 environment{1.0, 1.0, 1.0};  // uniform radiance of the surroundings
     int threads = 0;                  // 0: every host thread
     int tileSize = 16;

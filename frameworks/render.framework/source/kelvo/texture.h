@@ -72,8 +72,10 @@ struct TextureFootprint {
 struct TextureSampleOptions {
     TEXTUREMODE mode = TEXTUREMODE::MIPMAP;
     TEXTUREWRAP wrap = TEXTUREWRAP::REPEAT;
-    // Converts r, g, b from the sRGB curve to linear light after filtering (alpha stays).
-    // Filtering happens on the stored values, as textures are usually authored.
+    // Reads r, g, b through the sRGB curve as linear light (alpha stays), and filters in
+    // linear light: the sampler keeps pyramids of a linearised copy of the base level
+    // (16-bit, float for float pictures; summed area tables for 8- and 16-bit pictures),
+    // built on first use. The texture's own pyramids keep the stored values.
     bool srgbToLinear = false;
 };
 
@@ -97,6 +99,80 @@ struct TextureLevelView {
 
     bool IsEmpty() const { return pixels == nullptr; }
 };
+
+// --- Sizes from the header alone ------------------------------------------------------------
+// What a texture of a w × h picture will hold, computed without reading a pixel: TextureImpl
+// sizes its levels by these, and a tool can say what a texture costs before building it.
+
+// The storage Init chooses for a layer of `format`: exactly 16 bits a channel is UInt16, more
+// is float, else 8-bit; grey becomes RGB and grey with alpha RGBA. False for no format.
+constexpr bool TextureStorageFor(PixelFormat format, TEXTURESTORAGE& storage) {
+    const int channels = format.GetChannelCount();
+    if (channels < 1 || channels > 4) return false;
+    const int bits = format.GetBitsPerPixel() / channels;
+    const int depth = bits == 16 ? 1 : bits > 16 ? 2 : 0;
+    const bool alpha = channels == 2 || channels == 4;
+    storage = TEXTURESTORAGE(depth * 2 + (alpha ? 1 : 0));
+    return true;
+}
+constexpr int64_t TextureTexelBytes(TEXTURESTORAGE s) {
+    constexpr int64_t bytes[] = {1, 1, 2, 2, 4, 4};
+    return bytes[int(s)] * TextureStorageChannels(s);
+}
+// One halving step: (n + 1) / 2, never below 1.
+constexpr int64_t TextureHalvedSize(int64_t n) { return n < 2 ? 1 : (n + 1) / 2; }
+constexpr int TextureMipLevelCount(int64_t width, int64_t height) {
+    int levels = 1;
+    for (; width >= 2 || height >= 2; ++levels) {
+        width = TextureHalvedSize(width);
+        height = TextureHalvedSize(height);
+    }
+    return levels;
+}
+constexpr int TextureRipLevelCount(int64_t size) {
+    int levels = 1;
+    for (; size >= 2; size = TextureHalvedSize(size)) ++levels;
+    return levels;
+}
+// Whether a summed area table of this size needs 64-bit entries: 32 bits hold
+// width × height × 255 only up to 4104 × 4104 texels.
+constexpr bool TextureSummedAreaIsWide(int64_t width, int64_t height) {
+    return width * height > int64_t(UINT32_MAX / 255);
+}
+// The bytes GetByteSize reports once `pyramid` is built (the mip and rip maps include the
+// base level); 0 for a summed area table of 16-bit or float storage, which cannot exist.
+constexpr int64_t TexturePyramidBytes(TEXTUREPYRAMID pyramid, int64_t width, int64_t height,
+                                      TEXTURESTORAGE storage) {
+    const int64_t texel = TextureTexelBytes(storage);
+    switch (pyramid) {
+        case TEXTUREPYRAMID::BASELEVEL:
+            return width * height * texel;
+        case TEXTUREPYRAMID::MIPMAP: {
+            int64_t texels = 0, w = width, h = height;
+            for (int k = TextureMipLevelCount(width, height); k > 0; --k) {
+                texels += w * h;
+                w = TextureHalvedSize(w);
+                h = TextureHalvedSize(h);
+            }
+            return texels * texel;
+        }
+        case TEXTUREPYRAMID::RIPMAP: {
+            // The grid is the product of the widths of the x levels and the heights of the y
+            // levels.
+            int64_t columns = 0, rows = 0;
+            for (int64_t w = width, i = TextureRipLevelCount(width); i > 0; --i)
+                columns += w, w = TextureHalvedSize(w);
+            for (int64_t h = height, j = TextureRipLevelCount(height); j > 0; --j)
+                rows += h, h = TextureHalvedSize(h);
+            return columns * rows * texel;
+        }
+        case TEXTUREPYRAMID::SUMMEDAREA:
+            if (storage != TEXTURESTORAGE::RGB8 && storage != TEXTURESTORAGE::RGBA8) return 0;
+            return width * height * TextureStorageChannels(storage) *
+                   (TextureSummedAreaIsWide(width, height) ? 8 : 4);
+    }
+    return 0;
+}
 
 struct TextureInitOptions {
     int64_t layer = 0;  // which layer of the image becomes the texture

@@ -49,8 +49,8 @@ Result<StrongRef<PreviewImageTaskImpl>> PreviewImageTaskImpl::Create(
     const std::string scene = request.Get<std::string>(
         nodes::PREVIEWIMAGEREQUEST::SCENETYPE, std::string(PreviewSceneName(PREVIEWSCENE::SPHERE)));
     if (!ParsePreviewScene(scene, task->_settings.scene))
-        return IllegalArgumentError(KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane).",
-                                    scene);
+        return IllegalArgumentError(
+            KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane, backdrop).", scene);
     const int64_t count = request.Get<int64_t>(ITERATIONCOUNT, kPreviewDefaultIterations);
     if (count < 1 || count > kPreviewMaxIterations)
         return IllegalArgumentError(KELVO_HERE, "Invalid iteration count @.", count);

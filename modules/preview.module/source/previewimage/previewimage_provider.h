@@ -16,7 +16,7 @@ class PreviewImageTaskImpl final : public Implements<nodes::PreviewImageProvider
 public:
     // Reads the request and the material's typed entries in it (see kelvo/previewmaterials.h).
     // Fails with "Illegal argument: The preview request has no material.", "Illegal argument:
-    // Unknown scene '@' (open, sphere, cube, plane)." and "Illegal argument: Invalid
+    // Unknown scene '@' (open, sphere, cube, plane, backdrop)." and "Illegal argument: Invalid
     // iteration count @.".
     static Result<StrongRef<PreviewImageTaskImpl>> Create(const DataDictionary& request);
 

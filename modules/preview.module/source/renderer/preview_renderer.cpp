@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <limits>
 
 #include "kelvo/io.h"
 #include "kelvo/jobs.h"
 #include "kelvo/legacy_renderers/bsdfdata.h"
 #include "kelvo/registry.h"
 #include "kelvo/rendergeneral.h"
+#include "preview_sampler.h"
 #include "preview_scene.h"
 
 namespace kelvo::preview {
@@ -19,26 +21,9 @@ constexpr double kInvPi = 1.0 / kPi;
 constexpr Id kLambert("net.kelvo.render.bsdflegacyclass.lambertbrdf");
 // The stage is a light grey, so that it shows the light without outshining the swatch.
 constexpr Col3 kStageColour{0.6, 0.6, 0.6};
+constexpr Col3 kStageLight{0.8, 0.8, 0.8}, kStageDark{0.15, 0.15, 0.15};
 // Bounces after which Russian roulette may end a path.
 constexpr int kRouletteDepth = 3;
-
-// A counter-based generator: every pixel sample has its own sequence, so the image does
-// not depend on which thread renders which tile.
-uint64_t Mix(uint64_t z) {
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    return z ^ (z >> 31);
-}
-struct SampleRandom {
-    uint64_t state;
-    SampleRandom(uint64_t seed, uint64_t pixel, uint64_t sample)
-        : state(Mix(Mix(Mix(seed + 0x9E3779B97F4A7C15ull) ^ pixel) ^
-                    (sample * 0xD1B54A32D192ED03ull))) {}
-    double Next() {
-        state += 0x9E3779B97F4A7C15ull;
-        return double(Mix(state) >> 11) * 0x1.0p-53;
-    }
-};
 
 double MaxComponent(const Col3& c) { return std::max({c.r, c.g, c.b}); }
 bool IsBlack(const Col3& c) { return c.r <= 0.0 && c.g <= 0.0 && c.b <= 0.0; }
@@ -50,17 +35,33 @@ double PowerWeight(double a, double b) {
     return a * a / (a * a + b * b);
 }
 
-// The sample record a legacy model reads (kelvo/legacy_renderers/bsdf_legacy.h).
-void FillSampleRecord(SampleRandom& random, float* record) {
-    const double u1 = random.Next(), u2 = random.Next();
-    const double phi = 2.0 * kPi * random.Next(), u = random.Next();
+// The sample record a legacy model reads (kelvo/legacy_renderers/bsdf_legacy.h), from one
+// 2D point: every model reads one pair of its numbers (u1 and u2; or the azimuth and the
+// cosine-weighted polar angle; or u2 and the azimuth), and each pair is the point itself, so
+// whatever the model, its directions inherit the point's stratification.
+void FillSampleRecord(double a, double b, float* record) {
+    const double phi = 2.0 * kPi * a;
     std::fill(record, record + kSampleRecordFloats, 0.0f);
-    record[SAMPLERECORD_U1] = float(u1);
-    record[SAMPLERECORD_U2] = float(u2);
+    record[SAMPLERECORD_U1] = float(a);
+    record[SAMPLERECORD_U2] = float(b);
     record[SAMPLERECORD_AZIMUTHCOS] = float(std::cos(phi));
     record[SAMPLERECORD_AZIMUTHSIN] = float(std::sin(phi));
-    record[SAMPLERECORD_POLARCOS] = float(std::sqrt(1.0 - u));  // cosine-weighted
-    record[SAMPLERECORD_POLARSIN] = float(std::sqrt(u));
+    record[SAMPLERECORD_POLARCOS] = float(std::sqrt(1.0 - b));  // cosine-weighted
+    record[SAMPLERECORD_POLARSIN] = float(std::sqrt(b));
+}
+
+// A refractive index as the models read it: positive and finite, else vacuum.
+double ReadIor(const DataDictionary& data, const Id& key) {
+    const double v = data.Get<double>(key, 1.0);
+    return v > 0.0 && std::isfinite(v) ? v : 1.0;
+}
+
+// Light that reaches the camera after more than one bounce is bounded after its MIS weight
+// is applied, so both strategies' shares of a direction keep their proportion (and a
+// contribution below the bound is untouched: a white furnace stays exact).
+Col3 Bounded(const Col3& c, double bound) {
+    const double m = MaxComponent(c);
+    return bound > 0.0 && m > bound ? c * (bound / m) : c;
 }
 
 Vec3 ToLocal(const BsdfFrame& f, const Vec3& v) {
@@ -79,6 +80,40 @@ Result<StrongRef<DataDictionary>> CopyRecord(const StrongRef<DataDictionary>& fr
 }
 
 }  // namespace
+
+// Asks the model for samples from a few fixed directions and compares the density each
+// comes with to PdfIndirect of the same pair (the tables' interpolation allows a few per
+// cent). Several legacy models answer something else entirely (a constant, or a reflection
+// density for transmitted pairs); weighting their light samples against their BSDF samples
+// would then count some directions twice and others not at all.
+ENVWEIGHT EnvironmentWeighting(BSDFLegacyInterface& model) {
+    float record[kSampleRecordFloats];
+    int sampled = 0;
+    for (double cosine : {0.95, 0.7, 0.35})
+        for (int i = 0; i < 16; ++i) {
+            const Vec3 wo{std::sqrt(1.0 - cosine * cosine), 0.0, cosine};
+            FillSampleRecord((double(i % 4) + 0.5) / 4.0, (double(i / 4) + 0.5) / 4.0, record);
+            Vec3 wi;
+            double pdf = 0.0;
+            const Col3 f = LegacyValue(model.SampleF(wo, record, wi, pdf));
+            if (!(pdf > 0.0) || !std::isfinite(pdf) || IsBlack(f)) continue;
+            ++sampled;
+            const double other = model.PdfIndirect(wo, wi);
+            if (!(std::abs(other - pdf) <= 0.05 * pdf)) return ENVWEIGHT::SAMPLES;
+        }
+    return sampled > 0 ? ENVWEIGHT::POWER : ENVWEIGHT::LIGHT;
+}
+
+bool MirrorModelOf(const Id& transmission, Id& reflection) {
+    const std::string_view text = transmission.Text();
+    if (!text.ends_with("btdf")) return false;
+    std::string mirror(text.substr(0, text.size() - 4));
+    mirror += "brdf";
+    auto id = Id::FromText(mirror);
+    if (!id) return false;
+    reflection = *id;
+    return true;
+}
 
 Col3 LegacyValue(const Col3& value) {
     auto one = [](double v) { return std::isfinite(v) ? std::abs(v) : 0.0; };
@@ -137,6 +172,20 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
         _caches->Init();
     }
     KELVO_ASSIGN_OR_RETURN(_materialData, CopyRecord(material.data, *_caches));
+    // A transmissive object is entered from outside and left from inside; inside, the model
+    // sees its indices exchanged.
+    _transmissive = MirrorModelOf(material.model, _mirrorModel);
+    if (_settings.stageChecker < 0.0) _settings.stageChecker = _transmissive ? 0.5 : 0.0;
+    _insideData = nullptr;
+    _etaOutside = 1.0;
+    if (_transmissive) {
+        const double in = ReadIor(*_materialData, bsdfdata::kIorIn);
+        const double out = ReadIor(*_materialData, bsdfdata::kIorOut);
+        _etaOutside = out / in;
+        KELVO_ASSIGN_OR_RETURN(_insideData, CopyRecord(material.data, *_caches));
+        KELVO_TRY(_insideData->Set(bsdfdata::kIorIn, out));
+        KELVO_TRY(_insideData->Set(bsdfdata::kIorOut, in));
+    }
     KELVO_ASSIGN_OR_RETURN(_stageData, CopyRecord(nullptr, *_caches));
     {
         std::lock_guard lock(_poolLock);
@@ -144,6 +193,7 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
     }
     // Fails early on an unknown model, rather than in the first iteration.
     KELVO_ASSIGN_OR_RETURN(BsdfSet first, TakeBsdfs());
+    _materialWeighting = EnvironmentWeighting(*first.material);
     ReturnBsdfs(std::move(first));
 
     _texture = material.textureSampler;
@@ -194,12 +244,59 @@ Result<BsdfSet> PreviewRendererImpl::TakeBsdfs() {
     KELVO_TRY(set.material->Init(*_materialData));
     KELVO_ASSIGN_OR_RETURN(set.stage, CreateClass<BSDFLegacyInterface>(kLambert));
     KELVO_TRY(set.stage->Init(*_stageData));
+    if (_transmissive) {
+        KELVO_ASSIGN_OR_RETURN(set.inside, CreateClass<BSDFLegacyInterface>(_material.model));
+        KELVO_TRY(set.inside->Init(*_insideData));
+        // A transmission model without a reflection twin simply has no internal reflection.
+        if (auto mirror = CreateClass<BSDFLegacyInterface>(_mirrorModel)) {
+            set.mirror = *mirror;
+            KELVO_TRY(set.mirror->Init(*_materialData));
+        }
+    }
     return set;
+}
+
+bool PreviewRendererImpl::SampleBounce(BsdfSet& bsdfs, BSDFLegacyInterface& model, bool inside,
+                                       const Vec3& wo, const float* record, bool isMaterial,
+                                       Bounce& b) const {
+    b.pdf = 0.0;
+    const Col3 f = LegacyValue(model.SampleF(wo, record, b.wi, b.pdf));
+    if (b.pdf > 0.0 && std::isfinite(b.pdf) && !IsBlack(f)) {
+        b.weight = f * (kInvPi * std::abs(b.wi.z) / b.pdf);
+        const ENVWEIGHT weighting = isMaterial ? _materialWeighting : ENVWEIGHT::POWER;
+        b.mis = weighting == ENVWEIGHT::POWER ? MIS::POWER : MIS::NONE;
+        return true;
+    }
+    if (!isMaterial || !bsdfs.mirror) return false;
+    // No transmitted direction. When that is because the microfacet lies beyond the
+    // critical angle, all of the light is reflected about that microfacet: the reflection
+    // model of the same distribution draws the same microfacet from the same numbers.
+    double pdf = 0.0;
+    Vec3 wi;
+    const Col3 fr = LegacyValue(bsdfs.mirror->SampleF(wo, record, wi, pdf));
+    if (!(pdf > 0.0) || !std::isfinite(pdf) || IsBlack(fr)) return false;
+    const Vec3 h = Normalize(wo + wi);
+    const double c = Dot(wo, h), eta = inside ? 1.0 / _etaOutside : _etaOutside;
+    if (eta * eta * std::max(0.0, 1.0 - c * c) < 1.0) return false;
+    b.wi = wi;
+    b.pdf = pdf;
+    b.weight = fr * (kInvPi * std::abs(wi.z) / pdf);
+    b.mis = MIS::NONE;  // no light sample finds an internal reflection
+    return true;
 }
 
 void PreviewRendererImpl::ReturnBsdfs(BsdfSet set) {
     std::lock_guard lock(_poolLock);
     _pool.push_back(std::move(set));
+}
+
+Col3 PreviewRendererImpl::StageColour(const IntersectionResult64& hit) const {
+    const double cell = _settings.stageChecker;
+    if (!(cell > 0.0)) return kStageColour;
+    // Across by x, along the profile by v (the floor's and wall's distance along it).
+    const int64_t i = int64_t(std::floor(hit.hitPosition.x / cell));
+    const int64_t j = int64_t(std::floor(hit.uvw.y / cell));
+    return ((i + j) & 1) ? kStageLight : kStageDark;
 }
 
 Col3 PreviewRendererImpl::SurfaceColour(const IntersectionResult64& hit, const Ray& ray,
@@ -231,16 +328,22 @@ Col3 PreviewRendererImpl::SurfaceColour(const IntersectionResult64& hit, const R
 Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64_t sampleIndex,
                                     PathStats& stats) const {
     const uint64_t pixel = uint64_t(int64_t(py) * _settings.width + int64_t(px));
-    SampleRandom random(_settings.seed, pixel, sampleIndex);
-    const double sx = px + random.Next(), sy = py + random.Next();
+    SampleSequence random(_settings.sequence, _settings.seed, pixel, sampleIndex);
+    double jx, jy;
+    random.Next2(jx, jy);
+    const double sx = px + jx, sy = py + jy;
     Ray ray;
     _camera->CreateScreenRay({sx, sy}, ray);
     RayLimits limits;
     Col3 radiance, throughput{1.0, 1.0, 1.0};
-    double lastPdf = 0.0;  // density of the BSDF sample that made `ray`; 0 for the camera
+    // How the environment found along `ray` is weighted: by the density of the BSDF sample
+    // that made it, against the direct estimate's density about `lastNormal`.
+    MIS lastMis = MIS::NONE;
+    double lastPdf = 0.0;
     Vec3 lastNormal;
     const Col3 env = _settings.environment;
     const bool envOn = !IsBlack(env);
+    const double bound = _settings.indirectBound;
     float record[kSampleRecordFloats];
 
     for (int depth = 0;; ++depth) {
@@ -248,13 +351,11 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         ++stats.rays;
         if (!_scene->Intersect(ray, limits, hit)) {
             if (envOn) {
-                // The environment is also sampled directly (cosine-weighted about the normal).
                 double w = 1.0;
-                if (lastPdf > 0.0) {
-                    double lightPdf = std::max(0.0, Dot(lastNormal, ray.direction)) * kInvPi;
-                    w = PowerWeight(lastPdf, lightPdf);
-                }
-                radiance = radiance + throughput * env * w;
+                const double lightPdf = std::max(0.0, Dot(lastNormal, ray.direction)) * kInvPi;
+                if (lastMis == MIS::POWER) w = PowerWeight(lastPdf, lightPdf);
+                const Col3 c = throughput * env * w;
+                radiance = radiance + (depth >= 2 ? Bounded(c, bound) : c);
             }
             break;
         }
@@ -262,12 +363,20 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
 
         const bool isMaterial = size_t(hit.objectIndex) < _objectUsesMaterial.size() &&
                                 _objectUsesMaterial[size_t(hit.objectIndex)];
-        BSDFLegacyInterface& model = isMaterial ? *bsdfs.material : *bsdfs.stage;
-        const Col3 colour = isMaterial ? SurfaceColour(hit, ray, depth == 0, sx, sy) : kStageColour;
+        const Col3 colour =
+            isMaterial ? SurfaceColour(hit, ray, depth == 0, sx, sy) : StageColour(hit);
 
-        // The shading frame faces the viewer (both sides of a surface look alike).
+        // The shading frame faces the viewer. Whether the path is inside the object is
+        // decided here, and only here: a ray that meets the surface from behind its normal
+        // is inside, where a transmissive model sees its indices exchanged. Every other
+        // model looks the same from both sides.
         Vec3 n = SquaredLength(hit.shadingNormal) > 0.0 ? hit.shadingNormal : hit.geometricNormal;
-        if (Dot(n, ray.direction) > 0.0) n = -n;
+        const bool backFace = Dot(n, ray.direction) > 0.0;
+        if (backFace) n = -n;
+        const bool inside = isMaterial && _transmissive && backFace;
+        BSDFLegacyInterface& model =
+            !isMaterial ? *bsdfs.stage : (inside ? *bsdfs.inside : *bsdfs.material);
+        const ENVWEIGHT weighting = isMaterial ? _materialWeighting : ENVWEIGHT::POWER;
         const BsdfFrame frame = model.ComputeBSDFFrame(n, {}, {}, false);
         const Vec3 wo = ToLocal(frame, -ray.direction);
         const Vec3 origin = hit.hitPosition;
@@ -284,22 +393,28 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
             ++stats.rays;
             return !_scene->Occluded(shadow, l);
         };
+        auto add = [&](const Col3& c) {
+            radiance = radiance + (depth >= 1 ? Bounded(c, bound) : c);
+        };
 
-        // Next-event estimation: the environment.
-        if (envOn) {
-            const double u = random.Next(), phi = 2.0 * kPi * random.Next();
-            const double c = std::sqrt(1.0 - u), s = std::sqrt(u);
-            const Vec3 wi{s * std::cos(phi), s * std::sin(phi), c};
+        // Next-event estimation: the environment, cosine-weighted about the normal. The
+        // numbers are drawn whether or not they are used, so that each decision of a path
+        // keeps its place in the sequence.
+        double eu, ephi;
+        random.Next2(eu, ephi);
+        if (envOn && weighting != ENVWEIGHT::SAMPLES) {
+            ephi *= 2.0 * kPi;
+            const double c = std::sqrt(1.0 - eu), s = std::sqrt(eu);
+            const Vec3 wi{s * std::cos(ephi), s * std::sin(ephi), c};
             const double lightPdf = c * kInvPi;
             double unused;
             const Col3 f = LegacyValue(model.ComputeBSDF(wo, wi, wi, unused));
             if (lightPdf > 0.0 && !IsBlack(f)) {
-                const double bsdfPdf = model.PdfIndirect(wo, wi);
-                if (visible(ToWorld(frame, wi), std::numeric_limits<double>::infinity())) {
-                    const double w = PowerWeight(lightPdf, bsdfPdf);
-                    radiance = radiance + throughput * colour * f * env *
-                                              (kInvPi * std::abs(wi.z) * w / lightPdf);
-                }
+                const double w = weighting == ENVWEIGHT::POWER
+                                     ? PowerWeight(lightPdf, model.PdfIndirect(wo, wi))
+                                     : 1.0;
+                if (w > 0.0 && visible(ToWorld(frame, wi), std::numeric_limits<double>::infinity()))
+                    add(throughput * colour * f * env * (kInvPi * std::abs(wi.z) * w / lightPdf));
             }
         }
         // Next-event estimation: the key light, a point (no MIS: nothing else can find it).
@@ -320,34 +435,47 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
                 const Col3 f =
                     shape > 0.0 ? LegacyValue(model.ComputeBSDF(wo, wi, wi, unused)) : Col3{};
                 if (!IsBlack(f) && visible(dir, d * (1.0 - 1e-9)))
-                    radiance =
-                        radiance + throughput * colour * f * _light.colour *
-                                       (_light.intensity * shape * kInvPi * std::abs(wi.z) / d2);
+                    add(throughput * colour * f * _light.colour *
+                        (_light.intensity * shape * kInvPi * std::abs(wi.z) / d2));
             }
         }
 
         // Continue along a direction the model samples.
-        FillSampleRecord(random, record);
-        Vec3 wi;
-        double pdf = 0.0;
-        const Col3 f = LegacyValue(model.SampleF(wo, record, wi, pdf));
-        if (!(pdf > 0.0) || IsBlack(f) || !std::isfinite(pdf)) break;
-        throughput = throughput * colour * f * (kInvPi * std::abs(wi.z) / pdf);
+        double ba, bb;
+        random.Next2(ba, bb);
+        FillSampleRecord(ba, bb, record);
+        Bounce bounce;
+        if (!SampleBounce(bsdfs, model, inside, wo, record, isMaterial, bounce)) break;
+        throughput = throughput * colour * bounce.weight;
+        const double roulette = random.Next1();
         if (depth + 1 >= kRouletteDepth) {
             // Below 1, so that even a bright path may end and its weight stays bounded.
             const double q = std::min(0.95, MaxComponent(throughput));
-            if (!(q > 0.0) || random.Next() >= q) break;
+            if (!(q > 0.0) || roulette >= q) break;
             throughput = throughput * (1.0 / q);
         }
-        lastPdf = pdf;
+        lastMis = bounce.mis;
+        lastPdf = bounce.pdf;
         lastNormal = n;
         ray = Ray{};
         ray.origin = origin;
-        ray.direction = Normalize(ToWorld(frame, wi));
+        ray.direction = Normalize(ToWorld(frame, bounce.wi));
         limits = leave;
     }
     return radiance;
 }
+
+namespace {
+// A radiance as a float pixel: colours and environments beyond float range (1e39 is a valid
+// double) saturate instead of turning into infinite pixels, and a NaN path is black.
+float ToPixel(double v) {
+    constexpr double kMax = std::numeric_limits<float>::max();
+    return v >= -kMax && v <= kMax ? float(v)
+           : v > 0.0               ? float(kMax)
+           : v < 0.0               ? -float(kMax)
+                                   : 0.0f;
+}
+}  // namespace
 
 Result<void> PreviewRendererImpl::RenderIteration(const std::function<bool()>& cancelled) {
     if (!_scene || !_camera)
@@ -384,9 +512,9 @@ Result<void> PreviewRendererImpl::RenderIteration(const std::function<bool()>& c
                     c = c + TracePath(local.bsdfs, double(x), double(y), firstSample + uint64_t(s),
                                       local.stats);
                 float* p = &pass[size_t((y * w + x) * 3)];
-                p[0] = float(c.r);
-                p[1] = float(c.g);
-                p[2] = float(c.b);
+                p[0] = ToPixel(c.r);
+                p[1] = ToPixel(c.g);
+                p[2] = ToPixel(c.b);
             }
         return OK();
     };
@@ -413,7 +541,7 @@ Result<void> PreviewRendererImpl::GetImage(std::span<float> rgb) const {
         return IllegalArgumentError(KELVO_HERE, "The image needs @ floats, not @.",
                                     int64_t(_sum.size()), int64_t(rgb.size()));
     const double scale = _samples > 0 ? 1.0 / double(_samples) : 0.0;
-    for (size_t i = 0; i < _sum.size(); ++i) rgb[i] = float(_sum[i] * scale);
+    for (size_t i = 0; i < _sum.size(); ++i) rgb[i] = ToPixel(_sum[i] * scale);
     return OK();
 }
 

@@ -24,11 +24,26 @@ namespace kelvo::preview {
 // non-finite value counts as 0.
 Col3 LegacyValue(const Col3& value);
 
-// Everything one worker needs that must not be shared: the model objects.
+// Everything one worker needs that must not be shared: the model objects. A transmission
+// model has two more: itself with its indices exchanged, for paths inside the object, and
+// the reflection model of its distribution, which gives the direction of total internal
+// reflection about the same microfacet when no transmitted direction exists.
 struct BsdfSet {
     StrongRef<BSDFLegacyInterface> material;
+    StrongRef<BSDFLegacyInterface> inside;
+    StrongRef<BSDFLegacyInterface> mirror;
     StrongRef<BSDFLegacyInterface> stage;
 };
+
+// How a model's environment light is estimated: light and BSDF samples weighted by the
+// power heuristic where its densities agree; else its BSDF samples alone, or, for a model
+// that samples nothing, its light samples alone.
+enum class ENVWEIGHT : uint8_t { POWER, SAMPLES, LIGHT };
+ENVWEIGHT EnvironmentWeighting(BSDFLegacyInterface& model);
+
+// The reflection model of the same distribution as a transmission model ("...btdf" to
+// "...brdf"); false for a model that does not transmit.
+bool MirrorModelOf(const Id& transmission, Id& reflection);
 
 class PreviewRendererImpl : public Implements<PreviewRendererInterface> {
 public:
@@ -50,8 +65,24 @@ public:
                    PathStats& stats) const;
 
 private:
+    // One surface scattering event: the direction to continue in, the weight of the path
+    // (value x cosine / density x colour), and how the environment met along that direction
+    // is to be weighted against its direct estimate.
+    enum class MIS : uint8_t {
+        NONE,   // nothing else finds this direction: full weight
+        POWER,  // the power heuristic with the sample's density
+    };
+    struct Bounce {
+        Vec3 wi;
+        Col3 weight;
+        double pdf = 0.0;
+        MIS mis = MIS::NONE;
+    };
+    bool SampleBounce(BsdfSet& bsdfs, BSDFLegacyInterface& model, bool inside, const Vec3& wo,
+                      const float* record, bool isMaterial, Bounce& bounce) const;
     Result<BsdfSet> TakeBsdfs();
     void ReturnBsdfs(BsdfSet set);
+    Col3 StageColour(const IntersectionResult64& hit) const;
     Col3 SurfaceColour(const IntersectionResult64& hit, const Ray& ray, bool primary, double px,
                        double py) const;
 
@@ -62,6 +93,11 @@ private:
     StrongRef<IntersectorInterface> _scene;
     StrongRef<MicrofacetDistributionCachesInterface> _caches;
     StrongRef<DataDictionary> _materialData;
+    StrongRef<DataDictionary> _insideData;  // indices exchanged; null unless transmissive
+    Id _mirrorModel;
+    // iorOut / iorIn as seen from outside; inside its inverse.
+    double _etaOutside = 1.0;
+    ENVWEIGHT _materialWeighting = ENVWEIGHT::POWER;
     StrongRef<DataDictionary> _stageData;
     StrongRef<TextureSamplerInterface> _texture;
     StrongRef<IesInterface> _profile;
@@ -71,6 +107,7 @@ private:
     std::string _intersectorId;
     double _fieldOfView = 1.0;
     bool _textureSrgb = false;
+    bool _transmissive = false;
 
     std::mutex _poolLock;
     std::vector<BsdfSet> _pool;

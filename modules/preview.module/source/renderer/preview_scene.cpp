@@ -155,6 +155,9 @@ SceneData MakeScene(PREVIEWSCENE scene, int segments) {
             }
             s.meshes.push_back(MakeStage(segments));
             break;
+        case PREVIEWSCENE::BACKDROP:
+            s.meshes.push_back(MakeStage(segments));
+            break;
         case PREVIEWSCENE::PLANE:
             s.meshes.push_back(MakePlane(4.0));
             s.meshes.back().usesMaterial = true;

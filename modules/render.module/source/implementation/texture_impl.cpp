@@ -10,22 +10,6 @@
 
 namespace kelvo {
 
-int CountMipLevels(int64_t width, int64_t height) {
-    int levels = 1;
-    while (width >= 2 || height >= 2) {
-        width = HalvedSize(width);
-        height = HalvedSize(height);
-        ++levels;
-    }
-    return levels;
-}
-
-int CountRipLevels(int64_t size) {
-    int levels = 1;
-    for (; size >= 2; size = HalvedSize(size)) ++levels;
-    return levels;
-}
-
 namespace {
 
 // Levels below this many texels are built on the calling thread: handing them to the pool
@@ -352,16 +336,9 @@ Result<void> TextureImpl::Init(const StrongRef<ImageInterface>& image,
     StrongRef<ImageLayerInterface> layer = image ? image->GetLayer(options.layer) : nullptr;
     if (!layer || layer->GetWidth() < 1 || layer->GetHeight() < 1)
         return Report(IllegalArgumentError(KELVO_HERE, "The image has no pixel data."));
-    // Bits per channel decide the depth: exactly 16 is UInt16, more is float, else 8-bit.
-    // Grey is kept as RGB and grey with alpha as RGBA (the layer converts).
-    const PixelFormat format = layer->GetPixelFormat();
-    const int channels = format.GetChannelCount();
-    if (channels < 1 || channels > 4)
+    TEXTURESTORAGE storage{};
+    if (!TextureStorageFor(layer->GetPixelFormat(), storage))
         return Report(IllegalArgumentError(KELVO_HERE, "Unknown pixel format."));
-    const int bits = format.GetBitsPerPixel() / channels;
-    const int depth = bits == 16 ? 1 : bits > 16 ? 2 : 0;
-    const bool alpha = channels == 2 || channels == 4;
-    const auto storage = TEXTURESTORAGE(depth * 2 + (alpha ? 1 : 0));
     const int64_t w = layer->GetWidth(), h = layer->GetHeight();
     // Built in one expression: assigning into a prepared Result trips GCC's
     // maybe-uninitialized analysis in the sanitizer builds.
@@ -415,6 +392,9 @@ Result<void> TextureImpl::BuildLocked(TEXTUREPYRAMID pyramid) {
     switch (pyramid) {
         case TEXTUREPYRAMID::BASELEVEL:
             KELVO_TRY(_data->BuildBase(_layer, _profile));
+            // The base level is the picture from now on: letting the layer go returns its
+            // pixels before the pyramids above it take their memory.
+            _layer = nullptr;
             break;
         case TEXTUREPYRAMID::MIPMAP:
             KELVO_TRY(_data->BuildMipMap());

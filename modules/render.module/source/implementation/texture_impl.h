@@ -82,14 +82,16 @@ struct MipMapLevel {
     }
 };
 
-// Sizes of the pyramids, from the image size alone.
-inline int64_t HalvedSize(int64_t n) { return n < 2 ? 1 : (n + 1) / 2; }
-int CountMipLevels(int64_t width, int64_t height);
-int CountRipLevels(int64_t size);
+// Sizes of the pyramids, from the image size alone (kelvo/texture.h, which tools share).
+inline int64_t HalvedSize(int64_t n) { return TextureHalvedSize(n); }
+inline int CountMipLevels(int64_t width, int64_t height) {
+    return TextureMipLevelCount(width, height);
+}
+inline int CountRipLevels(int64_t size) { return TextureRipLevelCount(size); }
 // Whether a summed area table of this size needs 64-bit entries: 32 bits hold
 // width × height × 255 only up to 4104 × 4104 texels.
 constexpr bool SummedAreaNeedsWideEntries(int64_t width, int64_t height) {
-    return width * height > int64_t(UINT32_MAX / 255);
+    return TextureSummedAreaIsWide(width, height);
 }
 
 // The summed area table of an 8-bit base level: entry (x, y) holds the per-channel sum of
@@ -193,7 +195,7 @@ public:
 private:
     Result<void> BuildLocked(TEXTUREPYRAMID pyramid);
 
-    StrongRef<ImageLayerInterface> _layer;  // level 0 is read from it on first build
+    StrongRef<ImageLayerInterface> _layer;  // level 0 is read from it, then it is let go
     int64_t _width = 0;
     int64_t _height = 0;
     TEXTURESTORAGE _storage = TEXTURESTORAGE::RGB8;

@@ -210,6 +210,18 @@ public:
 
     Result<Col4> ThreadedTextureSample(const Vec2& uv, const TextureFootprint& footprint,
                                        const TextureSampleOptions& options) const override {
+        if (options.srgbToLinear) {
+            // Averages of encoded values are darker than the average light (a far
+            // black-and-white checker would come out at a fifth of its brightness), so an
+            // sRGB picture is filtered in linear light: in pyramids of a linearised twin.
+            // The texture's own pyramids keep the stored values.
+            KELVO_ASSIGN_OR_RETURN(
+                StrongRef<TextureSamplerInterface> * twin,
+                _linear.Get([&] { return MakeLinearTwin(); }, "ThreadedTextureSample"));
+            TextureSampleOptions linear = options;
+            linear.srgbToLinear = false;
+            return (*twin)->ThreadedTextureSample(uv, footprint, linear);
+        }
         KELVO_ASSIGN_OR_RETURN(const LevelSet* set, Levels(options.mode));
         const double u = PrepareCoordinate(uv.x, options.wrap);
         const double v = PrepareCoordinate(uv.y, options.wrap);
@@ -236,14 +248,8 @@ public:
         }
         const int depth = int(_storage) / 2;
         const double scale = depth == 0 ? 1.0 / 255.0 : depth == 1 ? 1.0 / 65535.0 : 1.0;
-        Col4 c{acc[0] * scale, acc[1] * scale, acc[2] * scale,
-               TextureStorageChannels(_storage) == 4 ? acc[3] * scale : 1.0};
-        if (options.srgbToLinear) {
-            c.r = SrgbToLinearDouble(c.r);
-            c.g = SrgbToLinearDouble(c.g);
-            c.b = SrgbToLinearDouble(c.b);
-        }
-        return c;
+        return Col4{acc[0] * scale, acc[1] * scale, acc[2] * scale,
+                    TextureStorageChannels(_storage) == 4 ? acc[3] * scale : 1.0};
     }
 
 private:
@@ -260,7 +266,7 @@ private:
             case TEXTUREMODE::RIPMAP:
                 return SampleRipMap<T, N>(set, u, v, f, options.wrap, acc);
             case TEXTUREMODE::SUMMEDAREA:
-                if constexpr (std::is_same_v<T, uint8_t>) {
+                if constexpr (std::is_same_v<T, uint8_t> || std::is_same_v<T, uint16_t>) {
                     if (set.levels[0].type == TEXTURECHANNEL::UINT64)
                         return SampleSummedArea<uint64_t, N>(set.levels[0], u, v, f, options.wrap,
                                                              acc);
@@ -291,8 +297,94 @@ private:
             default:
                 return IllegalArgumentError(KELVO_HERE, "Unknown texture mode @.", int(mode));
         }
+        if (pyramid == TEXTUREPYRAMID::SUMMEDAREA && _ownSums) {
+            KELVO_ASSIGN_OR_RETURN(LevelSet * own, lazy->Get([&] { return MakeOwnSummedArea(); },
+                                                             "ThreadedTextureSample"));
+            return own;
+        }
         KELVO_ASSIGN_OR_RETURN(LevelSet * set, lazy->Get([&] { return MakeLevels(pyramid); },
                                                          "ThreadedTextureSample"));
+        return set;
+    }
+
+    // The base level with r, g, b linearised, as a texture of its own: 16-bit for 8- and
+    // 16-bit pictures (8 bits would crush the darks), float for float ones; alpha as stored.
+    Result<StrongRef<TextureSamplerInterface>> MakeLinearTwin() const {
+        KELVO_TRY(_texture->Build(TEXTUREPYRAMID::BASELEVEL));
+        const TextureLevelView base = _texture->GetMipLevel(0);
+        const int64_t w = base.width, h = base.height;
+        const int n = base.channels;
+        const bool isFloat = base.type == TEXTURECHANNEL::FLOAT32;
+        const PixelFormat format = isFloat ? (n == 4 ? kPixelRgba32f : kPixelRgb32f)
+                                           : (n == 4 ? kPixelRgba16 : kPixelRgb16);
+        KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(w, h));
+        KELVO_ASSIGN_OR_RETURN(auto layer, CreateImageLayer(w, h, format, COLORPROFILE::LINEAR));
+        KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(format, COLORPROFILE::LINEAR));
+        const bool is8 = base.type == TEXTURECHANNEL::UINT8;
+        std::vector<uint16_t, Allocator<uint16_t>> table;  // stored value to linear 16-bit
+        std::vector<uint16_t, Allocator<uint16_t>> row16;
+        std::vector<float, Allocator<float>> row32;
+        if (isFloat) {
+            row32.resize(size_t(w * n));
+        } else {
+            table.resize(is8 ? 256 : 65536);
+            const double top = double(table.size() - 1);
+            for (size_t v = 0; v < table.size(); ++v)
+                table[v] = uint16_t(std::lround(SrgbToLinearDouble(double(v) / top) * 65535.0));
+            row16.resize(size_t(w * n));
+        }
+        for (int64_t y = 0; y < h; ++y) {
+            for (int64_t i = 0; i < w * n; ++i) {
+                const bool alpha = i % n == 3;
+                const size_t k = size_t(y * w * n + i);
+                if (isFloat) {
+                    const float v = static_cast<const float*>(base.pixels)[k];
+                    row32[size_t(i)] = alpha ? v : float(SrgbToLinearDouble(v));
+                } else {
+                    const unsigned v = is8 ? static_cast<const uint8_t*>(base.pixels)[k]
+                                           : static_cast<const uint16_t*>(base.pixels)[k];
+                    row16[size_t(i)] = alpha ? uint16_t(is8 ? v * 257u : v) : table[v];
+                }
+            }
+            KELVO_TRY(writer->SetPixels(0, y, w,
+                                        isFloat ? static_cast<const void*>(row32.data())
+                                                : static_cast<const void*>(row16.data())));
+        }
+        KELVO_TRY(image->AddLayer(layer));
+        KELVO_ASSIGN_OR_RETURN(auto twin, CreateTextureSampler(image));
+        // The twin's 16-bit values get a summed area table of the sampler's own.
+        if (auto* impl = dynamic_cast<ThreadedTextureImpl*>(twin.get())) impl->_ownSums = true;
+        return twin;
+    }
+
+    // A summed area table of 16-bit base texels (64-bit sums), for the linear twin.
+    Result<LevelSet> MakeOwnSummedArea() const {
+        KELVO_TRY(_texture->Build(TEXTUREPYRAMID::BASELEVEL));
+        const TextureLevelView base = _texture->GetMipLevel(0);
+        if (base.type != TEXTURECHANNEL::UINT16)
+            return _texture->Build(TEXTUREPYRAMID::SUMMEDAREA).GetError();
+        const int64_t w = base.width, h = base.height;
+        const int n = base.channels;
+        _sums.assign(size_t(w * h * n), 0);
+        const auto* in = static_cast<const uint16_t*>(base.pixels);
+        for (int64_t y = 0; y < h; ++y) {
+            uint64_t row[4] = {0, 0, 0, 0};
+            for (int64_t x = 0; x < w; ++x)
+                for (int c = 0; c < n; ++c) {
+                    const size_t k = size_t((y * w + x) * n + c);
+                    row[c] += in[k];
+                    _sums[k] = row[c] + (y > 0 ? _sums[k - size_t(w * n)] : 0);
+                }
+        }
+        LevelSet set;
+        TextureLevelView view;
+        view.pixels = _sums.data();
+        view.width = w;
+        view.height = h;
+        view.channels = n;
+        view.type = TEXTURECHANNEL::UINT64;
+        view.spanX = view.spanY = 1;
+        set.levels.push_back(view);
         return set;
     }
 
@@ -338,6 +430,10 @@ private:
     mutable LazyInitThreaded<LevelSet> _mip{LAZYINIT::RETRYOUTOFMEMORY};
     mutable LazyInitThreaded<LevelSet> _rip{LAZYINIT::RETRYOUTOFMEMORY};
     mutable LazyInitThreaded<LevelSet> _sat{LAZYINIT::RETRYOUTOFMEMORY};
+    mutable LazyInitThreaded<StrongRef<TextureSamplerInterface>> _linear{
+        LAZYINIT::RETRYOUTOFMEMORY};
+    bool _ownSums = false;  // set on a linear twin before anyone samples it
+    mutable std::vector<uint64_t, Allocator<uint64_t>> _sums;  // written once, under _sat
 };
 
 KELVO_REGISTER_COMPONENT(s_threadedTexture, "ThreadedTextureImpl", TextureSamplerInterface,

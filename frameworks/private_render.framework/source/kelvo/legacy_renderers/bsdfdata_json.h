@@ -54,12 +54,18 @@ Result<void> ReadJson(const Json& data, DataDictionary& record, const ReadNumber
                 KELVO_TRY(record.Set(info->key, value.template get<std::string>()));
                 break;
             case KEYTYPE::VEC2: {
-                if (!value.is_array() || value.size() != 2)
+                // An element that is no number gets the vector's wording, not the scalar's.
+                bool ok = value.is_array() && value.size() == 2;
+                double c[2] = {};
+                for (size_t i = 0; ok && i < 2; ++i) {
+                    Result<double> v = readNumber(value[i], name);
+                    ok = v.Ok();
+                    if (ok) c[i] = *v;
+                }
+                if (!ok)
                     return IllegalArgumentError(KELVO_HERE, "@ must be an array of 2 numbers.",
                                                 name);
-                KELVO_ASSIGN_OR_RETURN(double x, readNumber(value[0], name));
-                KELVO_ASSIGN_OR_RETURN(double y, readNumber(value[1], name));
-                KELVO_TRY(record.Set(info->key, Vec2{x, y}));
+                KELVO_TRY(record.Set(info->key, Vec2{c[0], c[1]}));
                 break;
             }
             case KEYTYPE::TABLE:
