@@ -21,6 +21,6 @@ skip=()
 # scenes with it run in the default build only (the demo renders material previews; beside
 # those workers LeakSanitizer's own thread stopper has crashed). The concurrent-query test
 # (single-threaded engine) stays in.
-engine='IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest|PreviewPipelineTest|KelvoToolTest[.]DemoWrites'
+engine='PreviewBatchCommandTest|IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest|PreviewPipelineTest|KelvoToolTest[.]DemoWrites'
 case "$preset" in asan|tsan) skip=(-LE heavy -E "$engine") ;; esac
 ctest --test-dir "$dir" --output-on-failure -j2 "${skip[@]}"

@@ -102,6 +102,7 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status) {
         RunCommand(context, status, [&] { return RenderSwatches(*o); });
     });
     AddPreviewSimulateCommand(*cmd, context, status);
+    AddPreviewBatchCommand(*cmd, context, status);
 }
 
 }  // namespace kelvo::cli

@@ -31,6 +31,8 @@ void AddTextureCommand(CLI::App& app, Context& context, int& status);
 void AddPreviewCommand(CLI::App& app, Context& context, int& status);
 // kelvo preview simulate, added to the preview command group.
 void AddPreviewSimulateCommand(CLI::App& preview, Context& context, int& status);
+// kelvo preview batch, likewise.
+void AddPreviewBatchCommand(CLI::App& preview, Context& context, int& status);
 
 // kelvo modules --json, kelvo modules and kelvo config --json, as text.
 std::string ModulesJson();
