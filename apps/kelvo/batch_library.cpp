@@ -184,9 +184,9 @@ Result<std::vector<LibraryLine>> ReadLibrary(const fs::path& library, const Shar
             if (mine) lines.push_back(std::move(line));
         };
         if (tooLong) {
-            refuse(IllegalArgumentError(KELVO_HERE, "The line is longer than @ bytes.",
-                                        kMaxLineBytes)
-                       .Message());
+            refuse(
+                IllegalArgumentError(KELVO_HERE, "The line is longer than @ bytes.", kMaxLineBytes)
+                    .Message());
             continue;
         }
         json j = json::parse(text, nullptr, false);
@@ -279,8 +279,7 @@ std::string Sha256Hex(std::string_view bytes) {
 }
 
 Result<std::string> FileSha256(const fs::path& file) {
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> f(std::fopen(file.c_str(), "rb"),
-                                                      &std::fclose);
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> f(std::fopen(file.c_str(), "rb"), &std::fclose);
     if (!f)
         return IoError(KELVO_HERE, file.string(), "Cannot read '@': @.", file.string(),
                        std::strerror(errno));
@@ -319,8 +318,8 @@ json ResolvedMaterial(const json& material, const fs::path& libraryFolder) {
     return resolved;
 }
 
-std::string ThumbnailHash(const json& material, const json& settings,
-                          const fs::path& libraryFolder, json* inputs) {
+std::string ThumbnailHash(const json& material, const json& settings, const fs::path& libraryFolder,
+                          json* inputs) {
     json files = json::object();
     for (const MaterialInput& input : MaterialInputs(material, libraryFolder)) {
         Result<std::string> h = FileSha256(input.path);

@@ -3,12 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cstdint>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <iostream>
@@ -359,8 +359,8 @@ private:
         const int64_t rendered = _done;
         const double rate = elapsed > 0.0 ? double(rendered) / elapsed : 0.0;
         char line[200];
-        int n = std::snprintf(line, sizeof line, "\r\x1b[2Kthumbnails %lld/%lld", (long long)rendered,
-                              (long long)_toRender);
+        int n = std::snprintf(line, sizeof line, "\r\x1b[2Kthumbnails %lld/%lld",
+                              (long long)rendered, (long long)_toRender);
         if (_outcome.skipped > 0)
             n += std::snprintf(line + n, sizeof line - size_t(n), ", %lld skipped",
                                (long long)_outcome.skipped);
@@ -443,19 +443,19 @@ json BatchSummary(const BatchOptions& options, const BatchOutcome& outcome) {
         items.push_back(std::move(item));
     }
     const double minutes = outcome.seconds / 60.0;
-    return {{"library", options.library.string()},
-            {"out", options.out.string()},
-            {"shard",
-             std::to_string(options.shard.index) + "/" + std::to_string(options.shard.count)},
-            {"settings", batch::SettingsJson(options.settings)},
-            {"lines", int64_t(outcome.items.size())},
-            {"rendered", outcome.rendered},
-            {"skipped", outcome.skipped},
-            {"failed", outcome.failed},
-            {"seconds", outcome.seconds},
-            {"thumbnailsPerMinute", minutes > 0.0 ? double(outcome.rendered) / minutes : 0.0},
-            {"stopped", outcome.signal != 0},
-            {"items", std::move(items)}};
+    return {
+        {"library", options.library.string()},
+        {"out", options.out.string()},
+        {"shard", std::to_string(options.shard.index) + "/" + std::to_string(options.shard.count)},
+        {"settings", batch::SettingsJson(options.settings)},
+        {"lines", int64_t(outcome.items.size())},
+        {"rendered", outcome.rendered},
+        {"skipped", outcome.skipped},
+        {"failed", outcome.failed},
+        {"seconds", outcome.seconds},
+        {"thumbnailsPerMinute", minutes > 0.0 ? double(outcome.rendered) / minutes : 0.0},
+        {"stopped", outcome.signal != 0},
+        {"items", std::move(items)}};
 }
 
 }  // namespace kelvo::cli
@@ -504,7 +504,9 @@ Result<int> RunBatchCommand(const BatchCommandOptions& c) {
     KELVO_ASSIGN_OR_RETURN(int64_t seed, OptionInteger(c.seed, "--seed", 0, INT64_MAX));
     o.settings.seed = uint64_t(seed);
     KELVO_ASSIGN_OR_RETURN(o.shard, batch::ParseShard(c.shard));
-    if (c.jobs != "0") KELVO_ASSIGN_OR_RETURN(o.jobs, OptionInteger(c.jobs, "--jobs", 1, 1024));
+    if (c.jobs != "0") {
+        KELVO_ASSIGN_OR_RETURN(o.jobs, OptionInteger(c.jobs, "--jobs", 1, 1024));
+    }
     o.progress = !c.quiet && ::isatty(STDERR_FILENO);
 
     KELVO_ASSIGN_OR_RETURN(BatchOutcome outcome, RunBatch(o));
@@ -513,14 +515,14 @@ Result<int> RunBatchCommand(const BatchCommandOptions& c) {
                   << '\n';
     } else {
         const double minutes = outcome.seconds / 60.0;
-        std::printf("kelvo preview batch: %lld rendered, %lld skipped, %lld failed in %.1f s "
-                    "(%.1f thumbnails a minute) into %s\n",
-                    (long long)outcome.rendered, (long long)outcome.skipped,
-                    (long long)outcome.failed, outcome.seconds,
-                    minutes > 0.0 ? double(outcome.rendered) / minutes : 0.0, o.out.c_str());
+        std::printf(
+            "kelvo preview batch: %lld rendered, %lld skipped, %lld failed in %.1f s "
+            "(%.1f thumbnails a minute) into %s\n",
+            (long long)outcome.rendered, (long long)outcome.skipped, (long long)outcome.failed,
+            outcome.seconds, minutes > 0.0 ? double(outcome.rendered) / minutes : 0.0,
+            o.out.c_str());
         std::fflush(stdout);
-        if (std::ferror(stdout))
-            return IoError(KELVO_HERE, "", "Cannot write to standard output.");
+        if (std::ferror(stdout)) return IoError(KELVO_HERE, "", "Cannot write to standard output.");
     }
     if (outcome.signal != 0) {
         std::cerr << "kelvo: stopped; run the same command again to finish\n";
@@ -545,8 +547,7 @@ void AddPreviewBatchCommand(CLI::App& preview, Context& context, int& status) {
         ->capture_default_str();
     cmd->add_option("--scene", c->scene, "open, sphere, cube or plane")->capture_default_str();
     cmd->add_option("--seed", c->seed, "Random seed")->capture_default_str();
-    cmd->add_option("--shard", c->shard,
-                    "Render only the lines whose index (from 0) is K modulo N")
+    cmd->add_option("--shard", c->shard, "Render only the lines whose index (from 0) is K modulo N")
         ->type_name("K/N")
         ->capture_default_str();
     cmd->add_option("--jobs", c->jobs,

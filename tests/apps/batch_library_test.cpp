@@ -2,6 +2,8 @@
 // names, bad lines with their numbers, shards that split a library exactly, the content
 // hash, the complete-thumbnail check, and the name lock between processes (one killed with
 // SIGKILL while holding it).
+#include "batch_library.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -12,8 +14,6 @@
 #include <fstream>
 #include <set>
 
-#include "batch_library.h"
-
 namespace kelvo::cli::batch {
 namespace {
 namespace fs = std::filesystem;
@@ -23,8 +23,7 @@ using nlohmann::json;
 class Folder {
 public:
     explicit Folder(const std::string& tag)
-        : _path(fs::temp_directory_path() /
-                ("kelvo_" + tag + "_" + std::to_string(::getpid()))) {
+        : _path(fs::temp_directory_path() / ("kelvo_" + tag + "_" + std::to_string(::getpid()))) {
         fs::remove_all(_path);
         fs::create_directories(_path);
     }
@@ -63,8 +62,8 @@ TEST(BatchLibraryTest, RefusesHostileNamesAndShowsThemSafely) {
         {"\xed\xa0\x80", "it is not UTF-8"},  // a surrogate
     };
     for (const auto& [name, why] : refused) EXPECT_EQ(UnsafeNameReason(name), why) << name;
-    for (const char* name : {"oak floor", "ggx-0.3_v2", "\xc3\xb6lfarbe", "m",
-                             "brushed steel (worn) #2"})
+    for (const char* name :
+         {"oak floor", "ggx-0.3_v2", "\xc3\xb6lfarbe", "m", "brushed steel (worn) #2"})
         EXPECT_EQ(UnsafeNameReason(name), "") << name;
     EXPECT_EQ(UnsafeNameReason(std::string(200, 'n')), "");
 
@@ -79,18 +78,23 @@ TEST(BatchLibraryTest, RefusesHostileNamesAndShowsThemSafely) {
 TEST(BatchLibraryTest, ReadsEveryLineWithItsNumberAndRefusesBadOnesAlikeInEveryShard) {
     Folder folder("library");
     const std::string lines[] = {
-        Line("copper"),                                   // 1
-        "\n",                                             // 2: blank, still counted
-        "{not json\n",                                    // 3
-        R"({"material": {}})" "\n",                       // 4
-        R"({"name": 7, "material": {}})" "\n",            // 5
-        Line("../escape"),                                // 6
-        Line("copper"),                                   // 7: taken by line 1
-        R"({"name": "bare"})" "\n",                       // 8
-        R"({"name": "listed", "material": [1]})" "\n",    // 9
-        "{\"name\": \"crlf\", \"material\": {}}\r\n",     // 10
-        "[1, 2]\n",                                       // 11
-        R"({"name": "nul\u0000", "material": {}})" "\n",  // 12
+        Line("copper"),  // 1
+        "\n",            // 2: blank, still counted
+        "{not json\n",   // 3
+        R"({"material": {}})"
+        "\n",  // 4
+        R"({"name": 7, "material": {}})"
+        "\n",               // 5
+        Line("../escape"),  // 6
+        Line("copper"),     // 7: taken by line 1
+        R"({"name": "bare"})"
+        "\n",  // 8
+        R"({"name": "listed", "material": [1]})"
+        "\n",                                          // 9
+        "{\"name\": \"crlf\", \"material\": {}}\r\n",  // 10
+        "[1, 2]\n",                                    // 11
+        R"({"name": "nul\u0000", "material": {}})"
+        "\n",  // 12
     };
     std::string text;
     for (const auto& l : lines) text += l;
@@ -133,7 +137,9 @@ TEST(BatchLibraryTest, ReadsEveryLineWithItsNumberAndRefusesBadOnesAlikeInEveryS
     ASSERT_TRUE(even);
     for (const LibraryLine& l : *even) {
         EXPECT_EQ(l.index % 2, 0);
-        if (l.index == 6) EXPECT_EQ(l.error, byLine[7]->error);
+        if (l.index == 6) {
+            EXPECT_EQ(l.error, byLine[7]->error);
+        }
     }
 
     EXPECT_EQ(ReadLibrary(folder.Path() / "absent.jsonl", Shard{}).GetError().Message(),
@@ -198,8 +204,9 @@ TEST(BatchLibraryTest, TheHashFollowsMaterialSettingsAndTheBytesOfNamedFiles) {
     EXPECT_EQ(ResolvedMaterial(textured, folder.Path())["texture"],
               (folder.Path() / "tex/wood.png").string());
     EXPECT_EQ(ResolvedMaterial(textured, folder.Path())["ies"], "relative:///x.ies");
-    EXPECT_EQ(ResolvedMaterial(json::parse(R"({"texture": "file:///abs/t.png"})"), "/lib")["texture"],
-              "/abs/t.png");
+    EXPECT_EQ(
+        ResolvedMaterial(json::parse(R"({"texture": "file:///abs/t.png"})"), "/lib")["texture"],
+        "/abs/t.png");
 
     EXPECT_EQ(Sha256Hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
 }
@@ -218,11 +225,11 @@ TEST(BatchLibraryTest, OnlyAWholeMatchingPairIsCompleteAndKilledRunsLeftoversAre
     sidecar({});
     EXPECT_TRUE(IsComplete(dir, "m", hash));
     EXPECT_FALSE(IsComplete(dir, "m", std::string(64, 'b')));  // the material changed
-    folder.Write("m.png", "picture from another run");          // a mixed pair
+    folder.Write("m.png", "picture from another run");         // a mixed pair
     EXPECT_FALSE(IsComplete(dir, "m", hash));
     folder.Write("m.png", "picture");
     sidecar({{"error", "Illegal argument: Unknown material member 'x'."}});
-    EXPECT_FALSE(IsComplete(dir, "m", hash));  // failures are tried again
+    EXPECT_FALSE(IsComplete(dir, "m", hash));                      // failures are tried again
     folder.Write("m.json", "{\"hash\": \"" + hash + "\", \"ima");  // torn
     EXPECT_FALSE(IsComplete(dir, "m", hash));
 

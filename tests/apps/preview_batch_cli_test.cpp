@@ -27,7 +27,8 @@ using namespace testing_cli;
 class BatchFolder {
 public:
     explicit BatchFolder(const std::string& tag)
-        : _root(fs::temp_directory_path() / ("kelvo_batch_" + tag + "_" + std::to_string(::getpid()))) {
+        : _root(fs::temp_directory_path() /
+                ("kelvo_batch_" + tag + "_" + std::to_string(::getpid()))) {
         fs::remove_all(_root);
         fs::create_directories(_root / "out");
     }
@@ -42,10 +43,9 @@ public:
     // The tool's arguments for this library and folder.
     std::vector<std::string> Args(const std::vector<std::string>& more = {},
                                   const std::string& iterations = "2") const {
-        std::vector<std::string> args = {"preview", "batch",        Library().string(),
-                                         "--out",   Out().string(), "--size",
-                                         "8",       "--iterations", iterations,
-                                         "--json"};
+        std::vector<std::string> args = {
+            "preview", "batch", Library().string(), "--out",    Out().string(),
+            "--size",  "8",     "--iterations",     iterations, "--json"};
         args.insert(args.end(), more.begin(), more.end());
         return args;
     }
@@ -59,9 +59,9 @@ std::vector<json> Materials(int n) {
     const char* models[] = {"lambertbrdf", "ggxbrdf", "orennayarbrdf", "wardbrdf"};
     std::vector<json> lines;
     for (int i = 0; i < n; ++i)
-        lines.push_back({{"name", "m" + std::to_string(i)},
-                         {"material",
-                          {{"model", models[i % 4]}, {"colour", {0.2 + 0.02 * i, 0.5, 0.3}}}}});
+        lines.push_back(
+            {{"name", "m" + std::to_string(i)},
+             {"material", {{"model", models[i % 4]}, {"colour", {0.2 + 0.02 * i, 0.5, 0.3}}}}});
     return lines;
 }
 
@@ -72,7 +72,7 @@ std::string Joined(const std::vector<std::string>& args) {
 }
 
 // The tool's stdout for args, stderr dropped.
-ToolRun Run(const std::vector<std::string>& args) {
+ToolRun RunTool(const std::vector<std::string>& args) {
     return Shell(Tool(Joined(args)) + " 2>/dev/null");
 }
 
@@ -215,7 +215,7 @@ TEST(PreviewBatchCommandTest, AKilledRunStartedAgainRendersOnlyWhatWasNotComplet
     ASSERT_GE(complete.size(), 4u);
     ASSERT_LT(complete.size(), size_t(kLines)) << "the run ended before it was killed";
 
-    ToolRun again = Run(args);
+    ToolRun again = RunTool(args);
     ASSERT_EQ(again.status, 0) << again.out;
     auto by = ByStatus(json::parse(again.out));
     EXPECT_EQ(by["skipped"], std::multiset<std::string>(complete.begin(), complete.end()));
@@ -230,15 +230,15 @@ TEST(PreviewBatchCommandTest, ChangingOneMaterialOrItsTextureRendersOnlyIt) {
     // A texture beside the library, named relative to it: the IES sample's preview.
     const std::string ies = std::string(KELVO_SOURCE_DIR) + "/resources/ies/kelvo_sample_spot.ies";
     auto texture = [&](int size) {
-        ASSERT_EQ(Run({"ies", "preview", ies, "-o", (f.Root() / "spot.png").string(), "--size",
-                       std::to_string(size)})
+        ASSERT_EQ(RunTool({"ies", "preview", ies, "-o", (f.Root() / "spot.png").string(), "--size",
+                           std::to_string(size)})
                       .status,
                   0);
     };
     texture(8);
     lines[3]["material"]["texture"] = "spot.png";
     f.WriteLibrary(lines);
-    ToolRun first = Run(f.Args());
+    ToolRun first = RunTool(f.Args());
     ASSERT_EQ(first.status, 0) << first.out;
     EXPECT_EQ(ByStatus(json::parse(first.out))["rendered"].size(), 4u);
     const json sidecar = ReadJson(f.Out() / "m3.json");
@@ -250,17 +250,17 @@ TEST(PreviewBatchCommandTest, ChangingOneMaterialOrItsTextureRendersOnlyIt) {
 
     lines[1]["material"]["colour"] = {0.9, 0.1, 0.1};
     f.WriteLibrary(lines);
-    ToolRun second = Run(f.Args());
+    ToolRun second = RunTool(f.Args());
     ASSERT_EQ(second.status, 0) << second.out;
     auto by = ByStatus(json::parse(second.out));
     EXPECT_EQ(by["rendered"], std::multiset<std::string>{"m1"});
     EXPECT_EQ(by["skipped"].size(), 3u);
 
     texture(16);
-    ToolRun third = Run(f.Args());
+    ToolRun third = RunTool(f.Args());
     EXPECT_EQ(ByStatus(json::parse(third.out))["rendered"], std::multiset<std::string>{"m3"});
 
-    ToolRun none = Run(f.Args());
+    ToolRun none = RunTool(f.Args());
     EXPECT_EQ(ByStatus(json::parse(none.out))["skipped"].size(), 4u);
     ExpectWholeFolder(f.Out(), Names(4));
 }
