@@ -98,7 +98,7 @@ BENCHMARK(BM_FirstImageDirect)->Unit(benchmark::kMillisecond)->UseRealTime();
 // Images after the first: one iteration each, delivered through the queue.
 void BM_NextImageThroughPipeline(benchmark::State& state) {
     std::atomic<int64_t> delivered{0};
-    auto request = Request(128, int64_t(1) << 20, delivered);
+    auto request = Request(128, kPreviewMaxIterations, delivered);
     Check(request->Submit());
     WaitFor(delivered, 2);
     int64_t seen = delivered.load();

@@ -319,11 +319,17 @@ json ResolvedMaterial(const json& material, const fs::path& libraryFolder) {
 }
 
 std::string ThumbnailHash(const json& material, const json& settings, const fs::path& libraryFolder,
-                          json* inputs) {
+                          json* inputs, FileHashes* cache) {
     json files = json::object();
     for (const MaterialInput& input : MaterialInputs(material, libraryFolder)) {
+        if (cache)
+            if (auto known = cache->find(input.path); known != cache->end()) {
+                files[input.given] = known->second;
+                continue;
+            }
         Result<std::string> h = FileSha256(input.path);
         files[input.given] = h ? *h : std::string("missing");
+        if (cache) (*cache)[input.path] = files[input.given];
     }
     const json all = {{"material", material}, {"settings", settings}, {"inputs", files}};
     if (inputs) *inputs = std::move(files);

@@ -97,9 +97,12 @@ nlohmann::json ResolvedMaterial(const nlohmann::json& material,
 // The content hash of a thumbnail: SHA-256 of the canonical JSON of the material, the
 // settings and the hash of every file the material names ("missing" for a file that cannot
 // be read), so that editing a texture renders its thumbnails again. `inputs` receives the
-// per-file hashes for the sidecar.
+// per-file hashes for the sidecar. `cache`, when given, keeps each file's hash for the
+// next material that names it (a library often shares textures).
+using FileHashes = std::map<std::filesystem::path, std::string>;
 std::string ThumbnailHash(const nlohmann::json& material, const nlohmann::json& settings,
-                          const std::filesystem::path& libraryFolder, nlohmann::json* inputs);
+                          const std::filesystem::path& libraryFolder, nlohmann::json* inputs,
+                          FileHashes* cache = nullptr);
 
 // DIR/<name>.png and DIR/<name>.json.
 std::filesystem::path PicturePath(const std::filesystem::path& folder, std::string_view name);

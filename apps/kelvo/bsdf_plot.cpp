@@ -3,11 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "cli_common.h"
-#include "kelvo/image.h"
-#include "kelvo/mediasession_output.h"
-#include "kelvo/url.h"
-
 namespace kelvo::cli {
 namespace {
 
@@ -120,116 +115,6 @@ RgbPicture DrawLobe(BSDFLegacyInterface& model, const Vec3& wo, int size) {
     out.Paste(Hemisphere(model, wo, size, true), size + 4, 0);
     out.Paste(Hemisphere(model, wo, size, false), 2 * size + 8, 0);
     return out;
-}
-
-Result<void> WritePicture(const std::filesystem::path& path, const RgbPicture& picture) {
-    KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(picture.width, picture.height));
-    KELVO_ASSIGN_OR_RETURN(auto layer, CreateImageLayer(picture.width, picture.height, kPixelRgb8,
-                                                        COLORPROFILE::SRGB));
-    KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(kPixelRgb8, COLORPROFILE::SRGB));
-    for (int y = 0; y < picture.height; ++y)
-        KELVO_TRY(
-            writer->SetPixels(0, y, picture.width, &picture.rgb[size_t(y) * picture.width * 3]));
-    KELVO_TRY(image->AddLayer(layer));
-    // The format follows the name asked for, not the temporary file written first.
-    Url target = Url::FromFile(path.string());
-    Id format;
-    for (const EntryRecord* e : RegistryMembers(kFileFormatsRegistry)) {
-        auto f = CreateClass<FileFormatInterface>(e->GetId());
-        if (f && (*f)->MatchesSuffix(target)) {
-            format = e->GetId();
-            break;
-        }
-    }
-    if (format.IsEmpty())
-        return UnsupportedArgumentError(KELVO_HERE, "No file format writes @.", target.ToString());
-    return WriteOutput(path, [&](const std::filesystem::path& at) {
-        return ExportImage(Url::FromFile(at.string()), *image, format);
-    });
-}
-
-}  // namespace kelvo::cli
-
-#include "commands.h"
-#include "kelvo/legacy_renderers/bsdfdata.h"
-#include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
-#include "kelvo/registry.h"
-
-namespace kelvo::cli {
-
-Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& folder) {
-    struct Entry {
-        const char* suffix;
-        const char* parameters;
-    };
-    static constexpr Entry kSheet[] = {
-        {"lambertbrdf", ""},
-        {"orennayarbrdf", "sigma 0.5"},
-        {"irawanbrdf", "denim, st (0.31, 0.62), kd 0.2, ks 1"},
-        {"blurrysimplebrdf", "n 40, table GGX level 100"},
-        {"blurryspecularbrdf", "exponent 30"},
-        {"beckmannbrdf", "roughness 0.35"},
-        {"beckmannbtdf", "roughness 0.35, ior 1.5"},
-        {"ggxbrdf", "roughness 0.35"},
-        {"ggxbtdf", "roughness 0.35, ior 1.5"},
-        {"phongbrdf", "roughness 0.35"},
-        {"phongbtdf", "roughness 0.35, ior 1.5"},
-        {"wardbrdf", "roughness 0.35"},
-        {"wardbtdf", "roughness 0.35, ior 1.5"},
-        {"anisotropicbrdf", "roughness 0.5, anisotropy 0.6, rotation 0.5"},
-        {"anisotropicbtdf", "roughness 0.5, anisotropy 0.6, rotation 0.5, ior 1.5"},
-    };
-    KELVO_ASSIGN_OR_RETURN(auto caches, CreateComponent<MicrofacetDistributionCachesInterface>());
-    KELVO_TRY(caches->Alloc());
-    caches->Init();
-    DataDictionary d;
-    KELVO_TRY(bsdfdata::SetDistributionTables(d, caches.get()));
-    KELVO_TRY(d.Set(bsdfdata::kOrenNayarSigma, 0.5));
-    KELVO_TRY(d.Set(bsdfdata::kIorIn, 1.5));
-    KELVO_TRY(d.Set(bsdfdata::kIorOut, 1.0));
-    KELVO_TRY(d.Set(bsdfdata::kAnisotropy, 0.6));
-    KELVO_TRY(d.Set(bsdfdata::kRotation, 0.5));
-    KELVO_TRY(d.Set(bsdfdata::kClothPattern, std::string("denim")));
-    KELVO_TRY(d.Set(bsdfdata::kTextureCoordinate, Vec2{0.31, 0.62}));
-    for (const Id& k : {bsdfdata::kWarpDiffuse, bsdfdata::kWeftDiffuse}) KELVO_TRY(d.Set(k, 0.2));
-    for (const Id& k : {bsdfdata::kWarpSpecular, bsdfdata::kWeftSpecular}) KELVO_TRY(d.Set(k, 1.0));
-    KELVO_TRY(
-        bsdfdata::SetTable(d, bsdfdata::kBlurryTable, caches->GetCache(DISTRIBUTIONKIND_GGX)));
-    KELVO_TRY(d.Set(bsdfdata::kBlurryDensityRow, int64_t(2000 * 100)));
-    KELVO_TRY(d.Set(bsdfdata::kBlurrySamplingRow, int64_t(1000 * 100)));
-
-    constexpr int kTile = 96, kColumns = 3, kRows = 5, kGap = 12;
-    const int tileWidth = 3 * kTile + 8;
-    RgbPicture sheet;
-    sheet.width = kColumns * tileWidth + (kColumns + 1) * kGap;
-    sheet.height = kRows * kTile + (kRows + 1) * kGap;
-    sheet.rgb.assign(size_t(sheet.width) * sheet.height * 3, 255);
-    const Vec3 wo{std::sqrt(0.5), 0.0, std::sqrt(0.5)};
-    std::string legend =
-        "Legacy BSDF lobes, wo at 45 degrees. Each tile: polar plot of value x |cos| in the plane "
-        "of incidence (reflection orange, transmission blue, wo green), then the upper and the "
-        "lower hemisphere seen from above. Tiles left to right, top to bottom:\n";
-    int index = 0;
-    for (const Entry& e : kSheet) {
-        double roughness = std::string_view(e.suffix).starts_with("anisotropic") ? 0.5 : 0.35;
-        KELVO_TRY(d.Set(bsdfdata::kRoughness, roughness));
-        KELVO_TRY(d.Set(bsdfdata::kBlurryExponent,
-                        std::string_view(e.suffix) == "blurrysimplebrdf" ? 40.0 : 30.0));
-        KELVO_ASSIGN_OR_RETURN(
-            Id id, Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + e.suffix));
-        KELVO_ASSIGN_OR_RETURN(auto model, CreateClass<BSDFLegacyInterface>(id));
-        KELVO_TRY(model->Init(d));
-        int col = index % kColumns, row = index / kColumns;
-        sheet.Paste(DrawLobe(*model, wo, kTile), kGap + col * (tileWidth + kGap),
-                    kGap + row * (kTile + kGap));
-        legend += std::to_string(index + 1) + ". " + e.suffix + (e.parameters[0] ? " (" : "") +
-                  e.parameters + (e.parameters[0] ? ")" : "") + "\n";
-        ++index;
-    }
-    caches->Free();
-    KELVO_TRY(WritePicture(folder / "bsdf-sheet.png", sheet));
-    KELVO_TRY(WriteTextFile(folder / "bsdf-sheet.txt", legend));
-    return std::vector<std::string>{"bsdf-sheet.png", "bsdf-sheet.txt"};
 }
 
 }  // namespace kelvo::cli

@@ -3,11 +3,10 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <vector>
 
 #include "kelvo/legacy_renderers/bsdf_legacy.h"
-#include "kelvo/result.h"
+#include "picture_writer.h"
 
 namespace kelvo::cli {
 
@@ -19,14 +18,13 @@ struct RgbPicture {
     void Set(int x, int y, uint8_t r, uint8_t g, uint8_t b);
     // Copies `tile` with its top-left corner at (x, y).
     void Paste(const RgbPicture& tile, int x, int y);
+    // The pixels for WritePicture (8-bit sRGB).
+    PictureView View() const { return PictureView::Of(width, height, kPixelRgb8, rgb.data()); }
 };
 
 // Three square panels of `size` pixels, side by side: the polar plot (the normal up, the
 // view direction wo drawn as a line, transmission below the horizon), the upper and the
 // lower hemisphere seen from above. Each panel is scaled to its own largest value.
 RgbPicture DrawLobe(BSDFLegacyInterface& model, const Vec3& wo, int size);
-
-// Writes the picture as a PNG file through the host's image files.
-Result<void> WritePicture(const std::filesystem::path& path, const RgbPicture& picture);
 
 }  // namespace kelvo::cli

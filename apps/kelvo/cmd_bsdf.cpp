@@ -421,7 +421,7 @@ void AddBsdfCommand(CLI::App& app, Context& context, int& status) {
             if (wo == Vec3{})
                 return IllegalArgumentError(KELVO_HERE, "--wo must not be the zero vector.");
             std::string out = options->out.empty() ? options->model + "-lobe.png" : options->out;
-            KELVO_TRY(WritePicture(out, DrawLobe(*model, wo, options->size)));
+            KELVO_TRY(WritePicture(out, DrawLobe(*model, wo, options->size).View()));
             std::cout << "kelvo bsdf plot: wrote " << out << '\n';
             return OK();
         });

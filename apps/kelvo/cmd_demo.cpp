@@ -1,5 +1,6 @@
 // kelvo demo: runs what the tool can show on built-in sample data and writes the
 // pictures and reports into a folder.
+#include <cmath>
 #include <iostream>
 #include <vector>
 
@@ -7,9 +8,12 @@
 #include "cli_common.h"
 #include "commands.h"
 #include "kelvo/camera.h"
+#include "kelvo/legacy_renderers/bsdfdata.h"
+#include "kelvo/legacy_renderers/microfacetdistributioncaches.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
 #include "kelvo/sceneobject.h"
+#include "picture_writer.h"
 #include "preview_batch.h"
 #include "preview_sheet.h"
 
@@ -18,8 +22,8 @@ namespace kelvo::cli {
 namespace {
 namespace fs = std::filesystem;
 
-// A linear-light colour ramp written through every host image format and read back, so
-// the report shows what each file holds.
+// A linear-light colour ramp written through every host image format by the tool's picture
+// policy and read back, so the report shows what each file holds.
 Result<void> WritePictures(const fs::path& folder, std::string& report) {
     constexpr int64_t w = 64, h = 32;
     std::vector<float> ramp(size_t(w * h * 3));
@@ -30,15 +34,9 @@ Result<void> WritePictures(const fs::path& folder, std::string& report) {
             p[1] = float(y) / float(h - 1);
             p[2] = 0.25f;
         }
-    KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(w, h));
-    KELVO_ASSIGN_OR_RETURN(auto layer, CreateImageLayer(w, h, kPixelRgb32f, COLORPROFILE::LINEAR));
-    KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(kPixelRgb32f, COLORPROFILE::LINEAR));
-    for (int64_t y = 0; y < h; ++y) KELVO_TRY(writer->SetPixels(0, y, w, &ramp[size_t(y * w * 3)]));
-    KELVO_TRY(image->AddLayer(layer));
     for (const char* name : {"ramp.exr", "ramp.tif", "ramp.png"}) {
-        KELVO_TRY(WriteOutput(folder / name, [&](const fs::path& at) {
-            return ExportImage(Url::FromFile(at.string()), *image);
-        }));
+        KELVO_TRY(WritePicture((folder / name).string(),
+                               PictureView::Of(w, h, kPixelRgb32f, ramp.data())));
         Url url = Url::FromFile((folder / name).string());
         KELVO_ASSIGN_OR_RETURN(auto back, ImportImage(url));
         auto l = back->GetLayer(0);
@@ -156,16 +154,86 @@ Result<void> WriteFilteringPicture(const fs::path& folder) {
                 out[2] = float(colour.b);
             }
         }
-    KELVO_ASSIGN_OR_RETURN(auto image, CreateImage(width, kPanelH));
-    KELVO_ASSIGN_OR_RETURN(auto layer,
-                           CreateImageLayer(width, kPanelH, kPixelRgb32f, COLORPROFILE::LINEAR));
-    KELVO_ASSIGN_OR_RETURN(auto writer, layer->SetPixelHandler(kPixelRgb32f, COLORPROFILE::LINEAR));
-    for (int64_t y = 0; y < kPanelH; ++y)
-        KELVO_TRY(writer->SetPixels(0, y, width, &pixels[size_t(y * width * 3)]));
-    KELVO_TRY(image->AddLayer(layer));
-    return WriteOutput(folder / "texture_filtering.png", [&](const fs::path& at) {
-        return ExportImage(Url::FromFile(at.string()), *image);
-    });
+    return WritePicture((folder / "texture_filtering.png").string(),
+                        PictureView::Of(width, kPanelH, kPixelRgb32f, pixels.data()));
+}
+
+// The sheet of all fifteen legacy models (5 rows x 3 columns of lobe tiles, wo at 45
+// degrees), written to folder/"bsdf-sheet.png" with its legend in folder/"bsdf-sheet.txt".
+// Returns the file names written.
+Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& folder) {
+    struct Entry {
+        const char* suffix;
+        const char* parameters;
+    };
+    static constexpr Entry kSheet[] = {
+        {"lambertbrdf", ""},
+        {"orennayarbrdf", "sigma 0.5"},
+        {"irawanbrdf", "denim, st (0.31, 0.62), kd 0.2, ks 1"},
+        {"blurrysimplebrdf", "n 40, table GGX level 100"},
+        {"blurryspecularbrdf", "exponent 30"},
+        {"beckmannbrdf", "roughness 0.35"},
+        {"beckmannbtdf", "roughness 0.35, ior 1.5"},
+        {"ggxbrdf", "roughness 0.35"},
+        {"ggxbtdf", "roughness 0.35, ior 1.5"},
+        {"phongbrdf", "roughness 0.35"},
+        {"phongbtdf", "roughness 0.35, ior 1.5"},
+        {"wardbrdf", "roughness 0.35"},
+        {"wardbtdf", "roughness 0.35, ior 1.5"},
+        {"anisotropicbrdf", "roughness 0.5, anisotropy 0.6, rotation 0.5"},
+        {"anisotropicbtdf", "roughness 0.5, anisotropy 0.6, rotation 0.5, ior 1.5"},
+    };
+    KELVO_ASSIGN_OR_RETURN(auto caches, CreateComponent<MicrofacetDistributionCachesInterface>());
+    KELVO_TRY(caches->Alloc());
+    caches->Init();
+    DataDictionary d;
+    KELVO_TRY(bsdfdata::SetDistributionTables(d, caches.get()));
+    KELVO_TRY(d.Set(bsdfdata::kOrenNayarSigma, 0.5));
+    KELVO_TRY(d.Set(bsdfdata::kIorIn, 1.5));
+    KELVO_TRY(d.Set(bsdfdata::kIorOut, 1.0));
+    KELVO_TRY(d.Set(bsdfdata::kAnisotropy, 0.6));
+    KELVO_TRY(d.Set(bsdfdata::kRotation, 0.5));
+    KELVO_TRY(d.Set(bsdfdata::kClothPattern, std::string("denim")));
+    KELVO_TRY(d.Set(bsdfdata::kTextureCoordinate, Vec2{0.31, 0.62}));
+    for (const Id& k : {bsdfdata::kWarpDiffuse, bsdfdata::kWeftDiffuse}) KELVO_TRY(d.Set(k, 0.2));
+    for (const Id& k : {bsdfdata::kWarpSpecular, bsdfdata::kWeftSpecular}) KELVO_TRY(d.Set(k, 1.0));
+    KELVO_TRY(
+        bsdfdata::SetTable(d, bsdfdata::kBlurryTable, caches->GetCache(DISTRIBUTIONKIND_GGX)));
+    KELVO_TRY(d.Set(bsdfdata::kBlurryDensityRow, int64_t(2000 * 100)));
+    KELVO_TRY(d.Set(bsdfdata::kBlurrySamplingRow, int64_t(1000 * 100)));
+
+    constexpr int kTile = 96, kColumns = 3, kRows = 5, kGap = 12;
+    const int tileWidth = 3 * kTile + 8;
+    RgbPicture sheet;
+    sheet.width = kColumns * tileWidth + (kColumns + 1) * kGap;
+    sheet.height = kRows * kTile + (kRows + 1) * kGap;
+    sheet.rgb.assign(size_t(sheet.width) * sheet.height * 3, 255);
+    const Vec3 wo{std::sqrt(0.5), 0.0, std::sqrt(0.5)};
+    std::string legend =
+        "Legacy BSDF lobes, wo at 45 degrees. Each tile: polar plot of value x |cos| in the plane "
+        "of incidence (reflection orange, transmission blue, wo green), then the upper and the "
+        "lower hemisphere seen from above. Tiles left to right, top to bottom:\n";
+    int index = 0;
+    for (const Entry& e : kSheet) {
+        double roughness = std::string_view(e.suffix).starts_with("anisotropic") ? 0.5 : 0.35;
+        KELVO_TRY(d.Set(bsdfdata::kRoughness, roughness));
+        KELVO_TRY(d.Set(bsdfdata::kBlurryExponent,
+                        std::string_view(e.suffix) == "blurrysimplebrdf" ? 40.0 : 30.0));
+        KELVO_ASSIGN_OR_RETURN(
+            Id id, Id::FromText(std::string("net.kelvo.render.bsdflegacyclass.") + e.suffix));
+        KELVO_ASSIGN_OR_RETURN(auto model, CreateClass<BSDFLegacyInterface>(id));
+        KELVO_TRY(model->Init(d));
+        int col = index % kColumns, row = index / kColumns;
+        sheet.Paste(DrawLobe(*model, wo, kTile), kGap + col * (tileWidth + kGap),
+                    kGap + row * (kTile + kGap));
+        legend += std::to_string(index + 1) + ". " + e.suffix + (e.parameters[0] ? " (" : "") +
+                  e.parameters + (e.parameters[0] ? ")" : "") + "\n";
+        ++index;
+    }
+    caches->Free();
+    KELVO_TRY(WritePicture((folder / "bsdf-sheet.png").string(), sheet.View()));
+    KELVO_TRY(WriteTextFile(folder / "bsdf-sheet.txt", legend));
+    return std::vector<std::string>{"bsdf-sheet.png", "bsdf-sheet.txt"};
 }
 
 // Material swatches through the preview pipeline: the fifteen legacy models as a sheet of
@@ -203,7 +271,8 @@ Result<std::vector<std::string>> WritePreviewSwatches(Context& context, const fs
             p[1] = on ? 0.65f : 0.1f;
             p[2] = on ? 0.2f : 0.3f;
         }
-    KELVO_TRY(WriteLinearImage(folder / "preview-checker.png", board, kBoard, kBoard));
+    KELVO_TRY(WritePicture((folder / "preview-checker.png").string(),
+                           PictureView::Of(kBoard, kBoard, kPixelRgb32f, board.data())));
     const std::string ies = (context.resourceFolder / "ies" / "kelvo_sample_spot.ies").string();
     const std::string checker = (folder / "preview-checker.png").string();
 
@@ -236,14 +305,14 @@ Result<std::vector<std::string>> WritePreviewSwatches(Context& context, const fs
         options.materials = sheet.materials;
         options.scene = sheet.scene;
         options.width = options.height = sheet.size;
-        options.iterations = 16;
+        options.iterations = kPreviewDefaultIterations;
         KELVO_ASSIGN_OR_RETURN(SheetOutcome outcome, RenderSheet(options));
-        for (const SwatchOutcome& swatch : outcome.swatches)
+        for (const PreviewProgress& swatch : outcome.swatches)
             if (!swatch.error.empty())
                 return IllegalStateError(KELVO_HERE, "The @ swatch failed: @", swatch.label,
                                          swatch.error);
         for (const char* suffix : {".png", ".exr"}) {
-            KELVO_TRY(WriteSheet(folder / (std::string(sheet.name) + suffix), outcome,
+            KELVO_TRY(WriteSheet((folder / (std::string(sheet.name) + suffix)).string(), outcome,
                                  options.width, options.height));
             written.push_back(std::string(sheet.name) + suffix);
         }

@@ -8,7 +8,9 @@
 #include "commands.h"
 #include "kelvo/ies.h"
 #include "kelvo/mediasession_output.h"
+#include "kelvo/previewrenderer.h"
 #include "kelvo/registry.h"
+#include "picture_writer.h"
 
 namespace kelvo::cli {
 namespace {
@@ -220,8 +222,9 @@ Result<void> RunConvert(const std::string& file, const std::string& output) {
 Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output,
                              int64_t size) {
     KELVO_TRY(context.LoadModules());
-    if (size < 1 || size > 16384)
-        return IllegalArgumentError(KELVO_HERE, "--size must lie in 1..16384, not @.", size);
+    if (size < 1 || size > kPreviewMaxSide)
+        return IllegalArgumentError(KELVO_HERE, "--size must lie in 1..@, not @.", kPreviewMaxSide,
+                                    size);
     // Opened as any picture is: the file-format registry detects the IES file and its
     // import step renders the preview into the image's layer.
     KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, ImportImage(Url::FromFile(file)));
@@ -238,14 +241,9 @@ Result<void> WriteIesPreview(Context& context, const std::string& file, const st
     for (int64_t y = 0; y < h; ++y)
         KELVO_TRY(reader->GetPixels(0, y, w, source.data() + size_t(y * w) * bpp));
 
-    // Resampled (bilinear, on the stored values) into a host layer of the asked size,
-    // which any file format can write.
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> out, CreateImage(size, size));
-    KELVO_ASSIGN_OR_RETURN(StrongRef<ImageLayerInterface> target,
-                           CreateImageLayer(size, size, kPixelGrey32f, profile));
-    KELVO_ASSIGN_OR_RETURN(auto writer, target->SetPixelHandler(kPixelGrey32f, profile));
+    // Resampled (bilinear, on the stored values) to the asked size.
     std::vector<float> grey(size_t(w * h));
-    std::vector<float> row(static_cast<size_t>(size));
+    std::vector<float> out(size_t(size) * size_t(size));
     KELVO_TRY(
         ConvertPixels(format, profile, source.data(), kPixelGrey32f, profile, grey.data(), w * h));
     for (int64_t y = 0; y < size; ++y) {
@@ -262,14 +260,10 @@ Result<void> WriteIesPreview(Context& context, const std::string& file, const st
             auto at = [&](int64_t xx, int64_t yy) { return grey[size_t(yy * w + xx)]; };
             float top = at(x0, y0) + (at(x1, y0) - at(x0, y0)) * fx;
             float bottom = at(x0, y1) + (at(x1, y1) - at(x0, y1)) * fx;
-            row[size_t(x)] = top + (bottom - top) * fy;
+            out[size_t(y * size + x)] = top + (bottom - top) * fy;
         }
-        KELVO_TRY(writer->SetPixels(0, y, size, row.data()));
     }
-    KELVO_TRY(out->AddLayer(target));
-    return WriteOutput(output, [&](const std::filesystem::path& at) {
-        return ExportImage(Url::FromFile(at.string()), *out);
-    });
+    return WritePicture(output, {size, size, kPixelGrey32f, profile, out.data()});
 }
 
 void AddIesCommand(CLI::App& app, Context& context, int& status) {

@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
+#include "picture_writer.h"
 
 namespace kelvo::cli {
 namespace {
@@ -53,22 +54,17 @@ Result<void> Info(const std::string& file, bool json) {
 }
 
 // The whole picture is read before the output is written, so converting a file over
-// itself is safe.
+// itself is safe. The output holds what the tool writes everywhere: linear floats in
+// OpenEXR, sRGB in the others.
 Result<void> Convert(const std::string& in, const std::string& out, const std::string& format,
                      bool half) {
     KELVO_ASSIGN_OR_RETURN(StrongRef<ImageInterface> image, Open(in));
-    KELVO_ASSIGN_OR_RETURN(Url target, Url::FromText(out));
-    Id formatId;
+    PictureOptions options;
+    options.half = half;
     if (!format.empty()) {
-        KELVO_ASSIGN_OR_RETURN(formatId, Id::FromText(format));
+        KELVO_ASSIGN_OR_RETURN(options.format, Id::FromText(format));
     }
-    DataDictionary options;
-    KELVO_TRY(options.Set(kExportOptionHalf, half));
-    std::filesystem::path path = host::LocalPath(target);
-    if (path.empty()) return ExportImage(target, *image, formatId, options);  // not a file
-    return WriteOutput(path, [&](const std::filesystem::path& at) {
-        return ExportImage(Url::FromFile(at.string()), *image, formatId, options);
-    });
+    return WritePicture(out, *image, options);
 }
 
 }  // namespace
@@ -89,7 +85,7 @@ void AddImageCommand(CLI::App& app, Context& context, int& status) {
     auto* convert = cmd->add_subcommand(
         "convert",
         "Read a picture in any registered format and write it as PNG, TIFF or OpenEXR "
-        "(chosen by the output's suffix)");
+        "(chosen by the output's suffix): OpenEXR as linear floats, the others as sRGB");
     auto* in = convert->add_option("IN", "Picture to read")->required();
     auto* out = convert->add_option("OUT", "File to write (.png, .tif, .tiff, .exr)")->required();
     auto* format =

@@ -16,7 +16,7 @@ struct RenderOptions {
     std::vector<std::string> materials;
     std::string scene = "sphere";
     std::string size = "128";
-    int64_t iterations = 16;
+    int64_t iterations = kPreviewDefaultIterations;
     int priority = 0;
     uint64_t seed = 0;
     std::string output;

@@ -8,6 +8,7 @@
 #include "kelvo/mediasession_output.h"
 #include "kelvo/registry.h"
 #include "kelvo/texture.h"
+#include "picture_writer.h"
 
 namespace kelvo::cli {
 namespace {
@@ -164,13 +165,14 @@ Result<void> Place(SetPixelHandlerInterface& writer, const TextureLevelView& l, 
     return OK();
 }
 
+// The level's own values, not the picture policy's: the file shows what the pyramid stores.
 Result<void> WriteTiff(const fs::path& path, const TextureLevelView& l) {
-    KELVO_ASSIGN_OR_RETURN(auto canvas, Canvas(l.width, l.height, FormatOf(l)));
-    KELVO_TRY(Place(*canvas.second, l, 0, 0));
-    const ImageInterface& image = *canvas.first;
-    return WriteOutput(path, [&](const fs::path& at) {
-        return ExportImage(Url::FromFile(at.string()), image, Id("net.kelvo.fileformat.imagetiff"));
-    });
+    const PixelFormat format = FormatOf(l);
+    PictureOptions options;
+    options.format = Id("net.kelvo.fileformat.imagetiff");
+    options.keepPixelFormat = true;
+    return WritePicture(path.string(), {l.width, l.height, format, ProfileOf(format), l.pixels},
+                        options);
 }
 
 Result<void> RunPyramid(const std::string& file, const std::string& kind, bool json,
@@ -368,9 +370,7 @@ void AddTextureCommand(CLI::App& app, Context& context, int& status) {
         RunCommand(context, status, [&]() -> Result<void> {
             KELVO_ASSIGN_OR_RETURN(auto t, LoadTexture(*sheetFile));
             KELVO_ASSIGN_OR_RETURN(auto image, TextureSheet(*t));
-            KELVO_TRY(WriteOutput(*sheetOut, [&](const fs::path& at) {
-                return ExportImage(Url::FromFile(at.string()), *image);
-            }));
+            KELVO_TRY(WritePicture(*sheetOut, *image));
             std::cout << "kelvo texture sheet: wrote " << *sheetOut << '\n';
             return OK();
         });

@@ -49,11 +49,6 @@ Result<std::string> CameraRaysJson(const std::string& cameraClass, const std::st
 Result<void> WriteIesPreview(Context& context, const std::string& file, const std::string& output,
                              int64_t size);
 
-// The sheet of all fifteen legacy models (5 rows x 3 columns of lobe tiles, wo at 45
-// degrees), written to folder/"bsdf-sheet.png" with its legend in folder/"bsdf-sheet.txt".
-// Returns the file names written.
-Result<std::vector<std::string>> WriteBsdfSheet(const std::filesystem::path& folder);
-
 // The mip chain of a texture side by side (level 0 first) above its rip grid, in the
 // texture's storage format (kelvo texture sheet).
 Result<StrongRef<ImageInterface>> TextureSheet(TextureInterface& texture);

@@ -14,6 +14,7 @@
 #include <iostream>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include "cli_common.h"
@@ -22,6 +23,8 @@
 #include "kelvo/nodes/previewimageplaceholder.h"
 #include "kelvo/previewrenderer.h"
 #include "kelvo/registry.h"
+#include "picture_writer.h"
+#include "preview_request.h"
 #include "preview_sheet.h"
 
 #ifndef KELVO_VERSION
@@ -67,7 +70,7 @@ private:
 
 // One material's thumbnail as the pipeline delivered it.
 struct Thumbnail {
-    std::vector<float> rgb;  // width x height x 3, linear light
+    nodes::PreviewImageProviderOutputImage image;  // the final image, or the placeholder
     std::string error;
     std::string placeholder;
     int64_t iterations = 0;
@@ -76,66 +79,84 @@ struct Thumbnail {
     std::string intersector;
 };
 
-// The placeholder for reason at w x h: the module's texture, or a magenta checker when
-// none can be had.
-std::vector<float> PlaceholderPicture(const Id& reason, int64_t w, int64_t h) {
-    std::vector<float> rgb(size_t(w * h * 3));
-    ImageTextureRef texture;
-    if (auto placeholders = CreateComponent<nodes::PreviewImagePlaceholderInterface>())
-        if (auto t = (*placeholders)->GetPlaceholder(reason)) texture = *t;
-    for (int64_t y = 0; y < h; ++y)
-        for (int64_t x = 0; x < w; ++x) {
-            float* p = &rgb[size_t((y * w + x) * 3)];
-            if (texture) {
-                const Col4f c =
-                    texture->GetPixel(x * texture->GetWidth() / w, y * texture->GetHeight() / h);
-                p[0] = c.r * c.a;
-                p[1] = c.g * c.a;
-                p[2] = c.b * c.a;
-            } else {
-                const bool on = ((x * 8 / w) + (y * 8 / h)) % 2;
-                p[0] = p[2] = on ? 1.0f : 0.05f;
-                p[1] = 0.05f;
-            }
-        }
-    return rgb;
-}
-
 void Fail(Thumbnail& t, const std::string& error, const batch::Settings& s) {
     t.error = error;
     if (t.placeholder.empty()) t.placeholder = std::string(nodes::kPlaceholderError.Text());
     Result<Id> reason = Id::FromText(t.placeholder);
-    t.rgb = PlaceholderPicture(reason ? *reason : nodes::kPlaceholderError, s.width, s.height);
+    Result<nodes::PreviewImageProviderOutputImage> cell =
+        PlaceholderCell(reason ? *reason : nodes::kPlaceholderError, s.width, s.height);
+    t.image = cell ? *cell : nodes::PreviewImageProviderOutputImage{};
 }
 
-// Renders one material through the preview pipeline and waits for its final image.
-Thumbnail RenderThumbnail(const json& material, const batch::Settings& s) {
+// The inboxes whose requests are in flight, so that a stop signal can wake the threads
+// waiting on them (from the main thread: posting from the handler itself could meet an
+// inbox being freed).
+class InFlight {
+public:
+    void Add(const std::shared_ptr<PreviewInbox>& inbox) {
+        std::lock_guard guard(_lock);
+        _inboxes.insert(inbox);
+    }
+    void Remove(const std::shared_ptr<PreviewInbox>& inbox) {
+        std::lock_guard guard(_lock);
+        _inboxes.erase(inbox);
+    }
+    void WakeAll() {
+        std::lock_guard guard(_lock);
+        for (const auto& inbox : _inboxes) inbox->GetWakeup().Post();
+    }
+
+private:
+    std::mutex _lock;
+    std::set<std::shared_ptr<PreviewInbox>> _inboxes;
+};
+
+// Renders one material through the preview pipeline and waits for its final image; a stop
+// signal releases the request at once.
+Thumbnail RenderThumbnail(const json& material, const batch::Settings& s, InFlight& flights) {
     Thumbnail t;
-    SheetOptions sheet;
-    sheet.materials = {material.dump(-1, ' ', false, json::error_handler_t::replace)};
-    sheet.scene = s.scene;
-    sheet.width = s.width;
-    sheet.height = s.height;
-    sheet.iterations = s.iterations;
-    sheet.seed = s.seed;
-    Result<SheetOutcome> outcome = RenderSheet(sheet);
-    if (outcome && outcome->cancelled) g_stop.store(SIGINT);
-    if (!outcome) {
-        Fail(t, outcome.GetError().Message(), s);
+    Result<PreviewMaterialInput> m =
+        ParsePreviewMaterial(material.dump(-1, ' ', false, json::error_handler_t::replace));
+    if (!m) {
+        Fail(t, m.GetError().Message(), s);
         return t;
     }
-    SwatchOutcome& o = outcome->swatches.at(0);
-    t.iterations = o.iterations;
-    t.rays = o.rays;
-    t.renderSeconds = o.renderSeconds;
-    t.intersector = o.intersector;
-    t.placeholder = o.placeholder;
-    if (!o.error.empty()) {
-        Fail(t, o.error, s);
-    } else if (o.rgb.size() != size_t(s.width * s.height * 3)) {
-        Fail(t, "Illegal state: The preview delivered no image.", s);
+    const PreviewRequestSettings settings{s.width, s.height, s.scene, s.iterations, s.seed, false};
+    auto inbox = std::make_shared<PreviewInbox>();
+    const size_t slot = inbox->Add(m->label, s.iterations);
+    Result<StrongRef<nodes::PreviewImageRequestInterface>> request =
+        BuildPreviewRequest(*m, settings, inbox->Receiver(slot));
+    if (!request) {
+        Fail(t, request.GetError().Message(), s);
+        return t;
+    }
+    if (!*request) {
+        t.placeholder = std::string(nodes::kPlaceholderNoSpace.Text());
+        Fail(t, NoNodeSpaceMessage(m->space), s);
+        return t;
+    }
+    flights.Add(inbox);
+    inbox->MarkSubmitted(slot);
+    Result<void> submitted = (*request)->Submit();
+    while (submitted && !inbox->Get(slot).done && g_stop.load() == 0) inbox->Wait();
+    (*request)->Reset();  // nothing arrives after this
+    flights.Remove(inbox);
+    if (!submitted) {
+        Fail(t, submitted.GetError().Message(), s);
+        return t;
+    }
+    PreviewProgress p = inbox->Get(slot);
+    t.iterations = p.iterations;
+    t.rays = p.rays;
+    t.renderSeconds = p.renderSeconds;
+    t.intersector = p.intersector;
+    t.placeholder = p.placeholder;
+    if (!p.error.empty()) {
+        Fail(t, p.error, s);
+    } else if (!p.image.samples || p.image.width != s.width || p.image.height != s.height) {
+        if (g_stop.load() == 0) Fail(t, "Illegal state: The preview delivered no image.", s);
     } else {
-        t.rgb = std::move(o.rgb);
+        t.image = std::move(p.image);
     }
     return t;
 }
@@ -168,6 +189,7 @@ public:
         _start = Clock::now();
         _temporaries = batch::FindTemporaries(_o.out);
         std::deque<Work> pending;
+        batch::FileHashes hashes;
         for (const batch::LibraryLine& line : lines) {
             BatchItem item;
             item.line = line.index + 1;
@@ -179,7 +201,7 @@ public:
                 Finish(w, "failed", line.error, 0.0);
                 continue;
             }
-            w.hash = batch::ThumbnailHash(line.material, _settings, _folder, &w.inputs);
+            w.hash = batch::ThumbnailHash(line.material, _settings, _folder, &w.inputs, &hashes);
             // A quick look without the lock; what is found complete here stays complete,
             // since a writer only ever replaces a thumbnail by a complete one.
             if (line.error.empty() && batch::IsComplete(_o.out, line.name, w.hash)) {
@@ -267,7 +289,8 @@ private:
         if (!line.error.empty()) {
             Fail(t, line.error, _o.settings);
         } else {
-            t = RenderThumbnail(batch::ResolvedMaterial(line.material, _folder), _o.settings);
+            t = RenderThumbnail(batch::ResolvedMaterial(line.material, _folder), _o.settings,
+                                _flights);
         }
         if (g_stop.load() != 0 && t.error.empty() && t.iterations < _o.settings.iterations)
             return;  // stopped part-way: leave the thumbnail to the next run
@@ -285,7 +308,7 @@ private:
     Result<void> Write(const Work& w, const Thumbnail& t, double seconds) {
         const batch::Settings& s = _o.settings;
         const fs::path picture = batch::PicturePath(_o.out, w.line->name);
-        KELVO_TRY(WriteLinearImage(picture, t.rgb, s.width, s.height));
+        KELVO_TRY(WritePicture(picture.string(), ImageView(t.image)));
         KELVO_ASSIGN_OR_RETURN(std::string pictureHash, batch::FileSha256(picture));
         json sidecar = {
             {"name", w.line->name},
@@ -334,16 +357,17 @@ private:
         }
     }
 
-    // Redraws the bar every quarter second until the workers are done.
+    // Until the workers are done: redraws the bar every quarter second, and wakes the
+    // workers waiting for the pipeline once a stop signal arrives.
     void ShowProgress() {
-        if (!_o.progress) return;
-        for (;;) {
+        for (int tick = 0;; ++tick) {
+            if (g_stop.load() != 0) _flights.WakeAll();
             {
                 std::lock_guard guard(_lock);
-                DrawProgress(false);
+                if (tick % 5 == 0) DrawProgress(false);
                 if (_running == 0) return;
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(250));
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
     }
 
@@ -386,6 +410,7 @@ private:
     std::string _host;
     Clock::time_point _start;
     std::map<std::string, std::vector<fs::path>> _temporaries;
+    InFlight _flights;
 
     std::mutex _lock;  // guards everything below and the outcome
     std::deque<Work> _busy;

@@ -12,6 +12,7 @@
 #include "cli_common.h"
 #include "host.h"
 #include "kelvo/mediasession_output.h"
+#include "picture_writer.h"
 
 namespace kelvo::cli {
 namespace {
@@ -338,13 +339,81 @@ TEST_F(ImageCommandTest, ConvertedFilesReadBackEqual) {
     }
     EXPECT_EQ(Read<uint8_t>("b.tif", kPixelRgba8, COLORPROFILE::SRGB), rgba);
     EXPECT_EQ(Read<uint8_t>("c.png", kPixelRgba8, COLORPROFILE::SRGB), rgba);
-    // Floats become 16-bit PNG samples, which still give the same bytes.
-    EXPECT_EQ(Read<uint8_t>("e.png", kPixelRgba8, COLORPROFILE::SRGB, kPixelRgba16), rgba);
+    // Floats become 8-bit sRGB in PNG, as the tool writes every picture: the same bytes.
+    EXPECT_EQ(Read<uint8_t>("e.png", kPixelRgba8, COLORPROFILE::SRGB), rgba);
     EXPECT_EQ(Read<float>("h.exr", kPixelRgb32f, COLORPROFILE::LINEAR), rgb);
     auto half = Read<float>("i.exr", kPixelRgb32f, COLORPROFILE::LINEAR);
     ASSERT_EQ(half.size(), rgb.size());
     EXPECT_NE(half, rgb);  // --half reached the writer
     for (size_t i = 0; i < rgb.size(); ++i) EXPECT_NEAR(half[i], rgb[i], rgb[i] / 2048);
+}
+
+// One storage policy per format: what a viewer of each expects.
+TEST_F(ImageCommandTest, ThePictureWriterStoresWhatEachFormatsViewersExpect) {
+    // A wall of linear 0.521 is sRGB 191 on screen; linear times 255 would be 133.
+    const std::vector<float> wall = {0.521f, 0.521f, 0.521f, 0.0f, 1.0f, 4.0f};
+    const PictureView linear = PictureView::Of(2, 1, kPixelRgb32f, wall.data());
+    for (const char* name : {"w.png", "w.exr", "w.tif"})
+        ASSERT_TRUE(WritePicture(Path(name), linear).Ok()) << name;
+    EXPECT_EQ(Read<uint8_t>("w.png", kPixelRgb8, COLORPROFILE::SRGB),
+              (std::vector<uint8_t>{191, 191, 191, 0, 255, 255}));  // clamped above 1
+    EXPECT_EQ(Read<float>("w.exr", kPixelRgb32f, COLORPROFILE::LINEAR), wall);
+    EXPECT_EQ(Read<float>("w.tif", kPixelRgb32f, COLORPROFILE::LINEAR), wall);
+
+    // 16-bit pictures keep their precision in PNG; bytes become floats in OpenEXR; asked to,
+    // the writer stores the pixels as given (a linear PNG).
+    const std::vector<uint16_t> deep = {0, 1000, 65535};
+    ASSERT_TRUE(WritePicture(Path("d.png"), PictureView::Of(1, 1, kPixelRgb16, deep.data())).Ok());
+    EXPECT_EQ(Read<uint16_t>("d.png", kPixelRgb16, COLORPROFILE::SRGB), deep);
+    const std::vector<uint8_t> grey = {0, 128, 255, 64};
+    ASSERT_TRUE(WritePicture(Path("g.exr"), PictureView::Of(2, 2, kPixelGrey8, grey.data())).Ok());
+    EXPECT_EQ(Read<uint8_t>("g.exr", kPixelGrey8, COLORPROFILE::SRGB, kPixelGrey32f), grey);
+    PictureOptions keep;
+    keep.keepPixelFormat = true;
+    ASSERT_TRUE(WritePicture(Path("k.png"), linear, keep).Ok());
+    auto k = ImportImage(Url::FromFile(Path("k.png")));
+    ASSERT_TRUE(k.Ok());
+    EXPECT_EQ((*k)->GetLayer(0)->GetColorProfile(), COLORPROFILE::LINEAR);
+}
+
+TEST_F(ImageCommandTest, ThePictureWriterSkipsRowPaddingAndRefusesBadPicturesByName) {
+    // Two rows of one pixel, 16 bytes apart.
+    const std::vector<uint8_t> padded = {10, 20, 30, 0, 0, 0, 0,  0,  0, 0,
+                                         0,  0,  0,  0, 0, 0, 40, 50, 60};
+    PictureView view = PictureView::Of(1, 2, kPixelRgb8, padded.data());
+    view.rowBytes = 16;
+    ASSERT_TRUE(WritePicture(Path("p.png"), view).Ok());
+    EXPECT_EQ(Read<uint8_t>("p.png", kPixelRgb8, COLORPROFILE::SRGB),
+              (std::vector<uint8_t>{10, 20, 30, 40, 50, 60}));
+
+    auto e = WritePicture(Path("z.png"), PictureView::Of(0, 4, kPixelRgb8, padded.data()));
+    EXPECT_EQ(e.GetError().Message(), "Illegal argument: Invalid picture of 0 x 4.");
+    e = WritePicture(Path("n.png"), PictureView::Of(1, 1, kPixelRgb8, nullptr));
+    EXPECT_EQ(e.GetError().Message(), "Illegal argument: Invalid picture of 1 x 1.");
+    e = WritePicture(Path("x.bmp"), view);
+    EXPECT_EQ(e.GetError().Message(), "No file format writes file://" + Path("x.bmp") + ".");
+    EXPECT_FALSE(fs::exists(Path("x.bmp")));
+}
+
+// A linear picture converted to PNG looks as the renderer's own PNG does: a wall of linear
+// 0.521 is 191, not 0.521 x 255; and a swatch written as OpenEXR and converted equals the
+// swatch written as PNG.
+TEST_F(ImageCommandTest, LinearPicturesConvertToThePngsTheRendererWrites) {
+    Write("wall.exr", kPixelRgb32f, COLORPROFILE::LINEAR, std::vector<float>(4 * 3, 0.521f), 2, 2);
+    ASSERT_EQ(Kelvo("image convert " + Path("wall.exr") + " " + Path("wall.png")).status, 0);
+    EXPECT_EQ(Read<uint8_t>("wall.png", kPixelRgb8, COLORPROFILE::SRGB),
+              std::vector<uint8_t>(4 * 3, 191));
+    ASSERT_EQ(Kelvo("image convert " + Path("wall.png") + " " + Path("back.exr")).status, 0);
+    for (float v : Read<float>("back.exr", kPixelRgb32f, COLORPROFILE::LINEAR))
+        EXPECT_NEAR(v, 0.521f, 0.002f);
+
+    const std::string swatch = "preview render --scene plane --size 10,6 --spp 2 --quiet -o ";
+    ASSERT_EQ(Kelvo(swatch + Path("s.png")).status, 0);
+    ASSERT_EQ(Kelvo(swatch + Path("s.exr")).status, 0);
+    ASSERT_EQ(Kelvo("image convert " + Path("s.exr") + " " + Path("c.png")).status, 0);
+    const auto direct = Read<uint8_t>("s.png", kPixelRgb8, COLORPROFILE::SRGB);
+    EXPECT_EQ(Read<uint8_t>("c.png", kPixelRgb8, COLORPROFILE::SRGB), direct);
+    EXPECT_NE(direct, std::vector<uint8_t>(direct.size(), 0));
 }
 
 TEST_F(ImageCommandTest, InfoNamesFormatLayersAndProfile) {

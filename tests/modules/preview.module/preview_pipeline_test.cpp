@@ -200,6 +200,11 @@ TEST_F(PreviewPipelineTest, APrioritySwatchPreemptsTheRunningOneWhichResumesWher
 }
 
 TEST_F(PreviewPipelineTest, TheLegacySpaceDerivesFromTheBaseAndConfiguresRequestsThatRender) {
+    // Known by id without making anything: a registered space, neither an unknown id nor a
+    // class of another registry.
+    EXPECT_TRUE(IsNodeSpaceRegistered(kLegacyMaterialNodeSpace));
+    EXPECT_FALSE(IsNodeSpaceRegistered(Id("net.kelvo.nodespace.none")));
+    EXPECT_FALSE(IsNodeSpaceRegistered(kPreviewImageProviderClass));
     auto helpers = CreateComponent<NodeSpaceHelpersInterface>();
     ASSERT_TRUE(helpers.Ok());
     auto space = (*helpers)->FindNodeSpace(kLegacyMaterialNodeSpace);
@@ -225,7 +230,7 @@ TEST_F(PreviewPipelineTest, TheLegacySpaceDerivesFromTheBaseAndConfiguresRequest
     EXPECT_EQ(request.Get<std::string>(REQUEST::SUBJECT), kGgx);
     EXPECT_EQ(request.Get<Id>(REQUEST::PROVIDER), kPreviewImageProviderClass);
     EXPECT_EQ(request.Get<std::string>(REQUEST::SCENETYPE), "cube");
-    EXPECT_EQ(request.Get<int64_t>(REQUEST::ITERATIONCOUNT), 16);
+    EXPECT_EQ(request.Get<int64_t>(REQUEST::ITERATIONCOUNT), kPreviewDefaultIterations);
 
     // A request of the caller's own (size, count, callback) keeps them; the space adds the rest.
     host::SetDeterministicJobs(true);

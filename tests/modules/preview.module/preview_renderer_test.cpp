@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <span>
 #include <vector>
 
 #include "host.h"
@@ -120,6 +121,41 @@ TEST_F(PreviewRendererTest, BadSettingsAndUnknownModelFail) {
     std::vector<float> wrong(3);
     EXPECT_FALSE(r.GetImage(wrong).Ok());
     EXPECT_EQ(LegacyValue({-0.5, std::nan(""), 2.0}), (Col3{0.5, 0.0, 2.0}));
+}
+
+// The delivered form (colours with alpha 1) is the image itself, converted once; the size
+// bound is the one every part of the preview path checks.
+TEST_F(PreviewRendererTest, DeliveredColoursAreTheImageAndSizesStopAtTheSharedBound) {
+    Render render(PREVIEWSCENE::SPHERE, 6);
+    render.settings.height = 4;
+    PreviewRendererImpl r;
+    ASSERT_TRUE(r.Init(render.settings, render.material, render.light).Ok());
+    ASSERT_TRUE(r.RenderIteration({}).Ok());
+    ASSERT_TRUE(r.RenderIteration({}).Ok());
+    std::vector<float> rgb(6 * 4 * 3);
+    std::vector<Col4f> rgba(6 * 4, Col4f{-1, -1, -1, -1});
+    ASSERT_TRUE(r.GetImage(rgb).Ok());
+    ASSERT_TRUE(r.GetImage(std::span<Col4f>(rgba)).Ok());
+    for (size_t i = 0; i < rgba.size(); ++i) {
+        EXPECT_EQ(rgba[i].r, rgb[i * 3]);
+        EXPECT_EQ(rgba[i].g, rgb[i * 3 + 1]);
+        EXPECT_EQ(rgba[i].b, rgb[i * 3 + 2]);
+        EXPECT_EQ(rgba[i].a, 1.0f);
+    }
+    std::vector<Col4f> wrong(6 * 4 * 3);  // floats counted as pixels
+    auto e = r.GetImage(std::span<Col4f>(wrong));
+    ASSERT_FALSE(e.Ok());
+    EXPECT_EQ(e.GetError().Message(), "Illegal argument: The image needs 24 pixels, not 72.");
+
+    PreviewSettings edge;
+    edge.width = kPreviewMaxSide;
+    edge.height = 1;
+    EXPECT_TRUE(PreviewRendererImpl().Init(edge, {}, {}).Ok());
+    edge.height = kPreviewMaxSide + 1;
+    edge.width = 1;
+    e = PreviewRendererImpl().Init(edge, {}, {});
+    ASSERT_FALSE(e.Ok());
+    EXPECT_EQ(e.GetError().Message(), "Illegal argument: Preview size 1 x 16385 is out of range.");
 }
 
 // The lit spot on a white floor follows the profile: I(direction) cos / (pi d^2).

@@ -32,6 +32,13 @@ namespace kelvo {
 inline constexpr Id kPreviewRendererClasses("net.kelvo.render.registry.previewrendererclasses");
 inline constexpr Id kPreviewRendererClass("net.kelvo.preview.previewrendererclass.pathtracer");
 
+// The bounds every part of the preview path checks against: pixels per side of a preview,
+// and iterations of one preview (one sample per pixel each), with the count used when a
+// request names none.
+inline constexpr int64_t kPreviewMaxSide = 16384;
+inline constexpr int64_t kPreviewMaxIterations = int64_t(1) << 20;
+inline constexpr int64_t kPreviewDefaultIterations = 16;
+
 enum class PREVIEWSCENE : uint8_t {
     OPEN,    // the sphere alone under the environment
     SPHERE,  // a sphere on a ground plane before a curved backdrop
@@ -112,8 +119,8 @@ public:
     static constexpr Id InterfaceId() { return Id("net.kelvo.render.interface.previewrenderer"); }
 
     // Builds the scene, the camera, the material and the light, and clears the image.
-    // Errors: "Illegal argument: Preview size @ x @ is out of range." (1..16384 per side),
-    // the registries' errors ("Class @ not found.", "No default intersector found.", ...),
+    // Errors: "Illegal argument: Preview size @ x @ is out of range." (1..kPreviewMaxSide per
+    // side), the registries' errors ("Class @ not found.", "No default intersector found.", ...),
     // the texture's and IES profile's loading errors with their url.
     virtual Result<void> Init(const PreviewSettings& settings, const PreviewMaterial& material,
                               const PreviewLight& light) = 0;
@@ -122,7 +129,12 @@ public:
     // was cancelled." and the image stays as it was before the iteration.
     virtual Result<void> RenderIteration(const std::function<bool()>& cancelled) = 0;
     // The mean radiance per pixel, rows from the top, 3 floats per pixel (width x height x 3).
+    // Fails with "Illegal argument: The image needs @ floats, not @." for another size.
     virtual Result<void> GetImage(std::span<float> rgb) const = 0;
+    // The same as colours with alpha 1 (width x height), the form preview images are
+    // delivered in, written without a copy in between. Fails with "Illegal argument: The
+    // image needs @ pixels, not @." for another size.
+    virtual Result<void> GetImage(std::span<Col4f> rgba) const = 0;
     virtual PreviewStatistics GetStatistics() const = 0;
 };
 

@@ -25,7 +25,7 @@ Result<void> ConfigureLegacyMaterialRequestImpl::Configure(const DataDictionary&
             request.Set(REQUEST::SCENETYPE, std::string(PreviewSceneName(PREVIEWSCENE::SPHERE))));
     }
     if (!request.Contains(REQUEST::ITERATIONCOUNT))
-        KELVO_TRY(request.Set(REQUEST::ITERATIONCOUNT, int64_t(16)));
+        KELVO_TRY(request.Set(REQUEST::ITERATIONCOUNT, kPreviewDefaultIterations));
     return OK();
 }
 

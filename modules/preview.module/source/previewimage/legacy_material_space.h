@@ -11,8 +11,8 @@ namespace kelvo::preview {
 
 // Fills a request for a legacy material: SUBJECT (the material's JSON), PROVIDER (this
 // module's provider class), SCENETYPE (the material's scene, the sphere by default) and
-// ITERATIONCOUNT (16) where the request has none of its own. Fails with "Illegal
-// argument: The material has no @." without PREVIEWMATERIAL::JSON.
+// ITERATIONCOUNT (kPreviewDefaultIterations) where the request has none of its own. Fails with
+// "Illegal argument: The material has no @." without PREVIEWMATERIAL::JSON.
 class ConfigureLegacyMaterialRequestImpl final
     : public Implements<nodes::ConfigurePreviewImageRequestInterface> {
 public:

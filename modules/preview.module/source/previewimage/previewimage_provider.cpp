@@ -11,9 +11,6 @@ namespace kelvo::preview {
 using nodes::PREVIEWIMAGEREQUEST::ITERATIONCOUNT;
 
 namespace {
-// One sample per pixel per iteration; more iterations than this is no preview.
-constexpr int64_t kMaxIterations = int64_t(1) << 20;
-constexpr int64_t kDefaultIterations = 16;
 
 // One caches object for every task alive at the same time: a sheet of swatches fills the
 // distribution tables once instead of once per swatch. Freed with the last task holding it.
@@ -54,8 +51,8 @@ Result<StrongRef<PreviewImageTaskImpl>> PreviewImageTaskImpl::Create(
     if (!ParsePreviewScene(scene, task->_settings.scene))
         return IllegalArgumentError(KELVO_HERE, "Unknown scene '@' (open, sphere, cube, plane).",
                                     scene);
-    const int64_t count = request.Get<int64_t>(ITERATIONCOUNT, kDefaultIterations);
-    if (count < 1 || count > kMaxIterations)
+    const int64_t count = request.Get<int64_t>(ITERATIONCOUNT, kPreviewDefaultIterations);
+    if (count < 1 || count > kPreviewMaxIterations)
         return IllegalArgumentError(KELVO_HERE, "Invalid iteration count @.", count);
     task->_count = count;
     // The pipeline has checked the size; the renderer checks its own range.
@@ -96,15 +93,13 @@ Result<void> PreviewImageTaskImpl::Advance(JobInterface& job) {
     }
     KELVO_TRY(ran);
 
-    // A new buffer each time: the requester may still hold the last one.
+    // A new buffer each time: the requester may still hold the last one. The renderer
+    // writes the delivered form itself, so the image is converted once on its way out.
     const int64_t w = _settings.width, h = _settings.height;
-    _rgb.resize(size_t(w * h * 3));
-    KELVO_TRY(_renderer->GetImage(_rgb));
     KELVO_ASSIGN_OR_RETURN(StrongRef<nodes::PreviewImageSamples> samples,
                            NewObject<nodes::PreviewImageSamples>());
     samples->resize(size_t(w * h));
-    for (size_t i = 0; i < samples->size(); ++i)
-        (*samples)[i] = Col4f{_rgb[i * 3], _rgb[i * 3 + 1], _rgb[i * 3 + 2], 1.0f};
+    KELVO_TRY(_renderer->GetImage(std::span<Col4f>(*samples)));
 
     std::lock_guard lock(_lock);
     ++_index;

@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <mutex>
-#include <vector>
 
 #include "kelvo/nodes/previewimage.h"
 #include "kelvo/previewmaterials.h"
@@ -47,7 +46,6 @@ private:
     int64_t _interruptions = 0;
     nodes::PreviewImageProviderOutputImage _image;
     PreviewStatistics _statistics;
-    std::vector<float> _rgb;
 };
 
 class PreviewImageProviderImpl final : public Implements<nodes::PreviewImageProviderInterface> {

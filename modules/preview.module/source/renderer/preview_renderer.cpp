@@ -16,7 +16,6 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kInvPi = 1.0 / kPi;
-constexpr int64_t kMaxSide = 16384;
 constexpr Id kLambert("net.kelvo.render.bsdflegacyclass.lambertbrdf");
 // The stage is a light grey, so that it shows the light without outshining the swatch.
 constexpr Col3 kStageColour{0.6, 0.6, 0.6};
@@ -88,8 +87,8 @@ Col3 LegacyValue(const Col3& value) {
 
 Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
                                        const PreviewMaterial& material, const PreviewLight& light) {
-    if (settings.width < 1 || settings.height < 1 || settings.width > kMaxSide ||
-        settings.height > kMaxSide)
+    if (settings.width < 1 || settings.height < 1 || settings.width > kPreviewMaxSide ||
+        settings.height > kPreviewMaxSide)
         return IllegalArgumentError(KELVO_HERE, "Preview size @ x @ is out of range.",
                                     settings.width, settings.height);
     _settings = settings;
@@ -411,6 +410,17 @@ Result<void> PreviewRendererImpl::GetImage(std::span<float> rgb) const {
                                     int64_t(_sum.size()), int64_t(rgb.size()));
     const double scale = _samples > 0 ? 1.0 / double(_samples) : 0.0;
     for (size_t i = 0; i < _sum.size(); ++i) rgb[i] = float(_sum[i] * scale);
+    return OK();
+}
+
+Result<void> PreviewRendererImpl::GetImage(std::span<Col4f> rgba) const {
+    if (rgba.size() * 3 != _sum.size())
+        return IllegalArgumentError(KELVO_HERE, "The image needs @ pixels, not @.",
+                                    int64_t(_sum.size() / 3), int64_t(rgba.size()));
+    const double scale = _samples > 0 ? 1.0 / double(_samples) : 0.0;
+    for (size_t i = 0; i < rgba.size(); ++i)
+        rgba[i] = Col4f{float(_sum[i * 3] * scale), float(_sum[i * 3 + 1] * scale),
+                        float(_sum[i * 3 + 2] * scale), 1.0f};
     return OK();
 }
 

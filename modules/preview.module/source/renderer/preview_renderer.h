@@ -36,6 +36,7 @@ public:
                       const PreviewLight& light) override;
     Result<void> RenderIteration(const std::function<bool()>& cancelled) override;
     Result<void> GetImage(std::span<float> rgb) const override;
+    Result<void> GetImage(std::span<Col4f> rgba) const override;
     PreviewStatistics GetStatistics() const override;
 
     // The intersector in use (benchmarks compare its own speed on the same rays).

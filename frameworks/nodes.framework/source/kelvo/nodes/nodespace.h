@@ -15,6 +15,7 @@
 #include "kelvo/id.h"
 #include "kelvo/object.h"
 #include "kelvo/observable.h"
+#include "kelvo/registry.h"
 #include "kelvo/result.h"
 
 namespace kelvo::nodes {
@@ -156,5 +157,12 @@ public:
     // The ids of every space in the table, in no particular order.
     virtual Result<std::vector<Id, Allocator<Id>>> GetNodeSpaceIds() = 0;
 };
+
+// Whether a module has registered a node space under spaceId (a class of
+// kMaterialNodeSpacesRegistry): an answer by id, without creating the space.
+inline bool IsNodeSpaceRegistered(const Id& spaceId) {
+    const EntryRecord* e = FindEntry(spaceId);
+    return e && e->kind == ENTRYKIND::CLASS && e->registry == kMaterialNodeSpacesRegistry;
+}
 
 }  // namespace kelvo::nodes
