@@ -164,11 +164,14 @@ TEST(BatchLibraryTest, ShardsSplitALibraryIntoDisjointPartsThatCoverIt) {
     for (int i = 0; i < 23; ++i) text += i == 5 ? "\n" : Line("m" + std::to_string(i));
     const fs::path library = folder.Write("library.jsonl", text);
     std::multiset<int64_t> seen;
-    for (int64_t k = 0; k < 4; ++k)
-        for (const LibraryLine& l : *ReadLibrary(library, Shard{k, 4})) {
+    for (int64_t k = 0; k < 4; ++k) {
+        Result<std::vector<LibraryLine>> shard = ReadLibrary(library, Shard{k, 4});
+        ASSERT_TRUE(shard);
+        for (const LibraryLine& l : *shard) {
             EXPECT_EQ(l.index % 4, k);
             seen.insert(l.index);
         }
+    }
     EXPECT_EQ(seen.size(), 22u);
     for (int64_t i = 0; i < 23; ++i) EXPECT_EQ(seen.count(i), i == 5 ? 0u : 1u) << i;
 }
