@@ -17,6 +17,7 @@
 
 #include "../modules/render.module/ies_test_util.h"
 #include "batch_library.h"
+#include "cli_test_util.h"
 
 namespace kelvo::cli {
 namespace {
