@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   libcli11-dev nlohmann-json3-dev
   libpng-dev libtiff-dev libopenexr-dev
+  libssl-dev
   libembree-dev
   libcpp-httplib-dev
   nodejs chromium

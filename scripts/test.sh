@@ -21,7 +21,7 @@ skip=()
 # scenes with it run in the default build only (the demo renders material previews; beside
 # those workers LeakSanitizer's own thread stopper has crashed). The concurrent-query test
 # (single-threaded engine) stays in.
-engine='IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest|PreviewPipelineTest|KelvoToolTest[.]DemoWrites'
+engine='PreviewBatchCommandTest|IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest|PreviewPipelineTest|KelvoToolTest[.]DemoWrites'
 # The browser test drives the default build's tool in chromium; it checks pages, not memory.
 case "$preset" in asan|tsan) skip=(-LE 'heavy|browser' -E "$engine") ;; esac
 ctest --test-dir "$dir" --output-on-failure -j2 "${skip[@]}"

@@ -14,6 +14,7 @@
 #include "kelvo/registry.h"
 #include "kelvo/sceneobject.h"
 #include "picture_writer.h"
+#include "preview_batch.h"
 #include "preview_sheet.h"
 
 namespace kelvo::cli {
@@ -326,6 +327,23 @@ Result<std::vector<std::string>> WritePreviewSwatches(Context& context, const fs
     return written;
 }
 
+// Thumbnails of the small library in resources/, as kelvo preview batch renders a studio's:
+// a picture and a sidecar per material, those already done skipped.
+Result<std::string> WriteThumbnails(Context& context, const fs::path& folder) {
+    BatchOptions options;
+    options.library = context.resourceFolder / "library" / "materials.jsonl";
+    options.out = folder / "thumbnails";
+    options.settings.width = options.settings.height = 64;
+    options.settings.iterations = 16;
+    KELVO_ASSIGN_OR_RETURN(BatchOutcome outcome, RunBatch(options));
+    for (const BatchItem& item : outcome.items)
+        if (item.status == "failed")
+            return IllegalStateError(KELVO_HERE, "The thumbnail '@' failed: @", item.name,
+                                     item.error);
+    return FormatMessage("@ thumbnails (@ rendered, @ already done)", outcome.items.size(),
+                         outcome.rendered, outcome.skipped);
+}
+
 Result<void> RunDemo(Context& context, const fs::path& folder) {
     std::error_code ec;
     fs::create_directories(folder, ec);
@@ -369,6 +387,10 @@ Result<void> RunDemo(Context& context, const fs::path& folder) {
     for (const std::string& name : swatches) names += (names.empty() ? "" : ", ") + name;
     std::cout << "kelvo demo: wrote " << names << " (material previews) to " << folder.string()
               << '\n';
+
+    KELVO_ASSIGN_OR_RETURN(std::string thumbnails, WriteThumbnails(context, folder));
+    std::cout << "kelvo demo: wrote " << thumbnails << " of resources/library/materials.jsonl to "
+              << (folder / "thumbnails").string() << '\n';
     return OK();
 }
 }  // namespace

@@ -108,6 +108,7 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status) {
     });
     AddPreviewSimulateCommand(*cmd, context, status);
     AddPreviewServeCommand(*cmd, context, status);
+    AddPreviewBatchCommand(*cmd, context, status);
 }
 
 }  // namespace kelvo::cli

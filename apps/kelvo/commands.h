@@ -33,6 +33,8 @@ void AddPreviewCommand(CLI::App& app, Context& context, int& status);
 void AddPreviewSimulateCommand(CLI::App& preview, Context& context, int& status);
 // kelvo preview serve, the live material editor in the browser.
 void AddPreviewServeCommand(CLI::App& preview, Context& context, int& status);
+// kelvo preview batch, thumbnails of a material library.
+void AddPreviewBatchCommand(CLI::App& preview, Context& context, int& status);
 
 // kelvo modules --json, kelvo modules and kelvo config --json, as text.
 std::string ModulesJson();

@@ -11,10 +11,7 @@
 #include "preview_display.h"
 
 namespace kelvo::cli {
-namespace {
 
-// The placeholder for reason, scaled into a w x h cell: the module's placeholder texture,
-// or a magenta checker when no module supplies one or its icon cannot be read.
 Result<nodes::PreviewImageProviderOutputImage> PlaceholderCell(const Id& reason, int64_t w,
                                                                int64_t h) {
     KELVO_ASSIGN_OR_RETURN(auto samples, NewObject<nodes::PreviewImageSamples>());
@@ -37,6 +34,8 @@ Result<nodes::PreviewImageProviderOutputImage> PlaceholderCell(const Id& reason,
         }
     return nodes::PreviewImageProviderOutputImage{w, h, std::move(samples), true};
 }
+
+namespace {
 
 // Memory one swatch pixel takes on its way to the sheet: the renderer's sums (3 doubles) and
 // pass (3 floats), the delivered image, the swatch's copy, the sheet and the picture written

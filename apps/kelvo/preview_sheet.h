@@ -36,6 +36,11 @@ struct SheetOutcome {
     int64_t failed = 0;
 };
 
+// The placeholder for reason, scaled into a w x h cell: the module's placeholder texture,
+// or a magenta checker when no module supplies one or its icon cannot be read.
+Result<nodes::PreviewImageProviderOutputImage> PlaceholderCell(const Id& reason, int64_t w,
+                                                               int64_t h);
+
 // Renders every material at once. Bad options and materials the provider refuses fail the
 // whole run; a swatch whose render fails (a texture or IES file that cannot be read) keeps
 // its error and the run goes on. Ctrl-C releases every request and returns what arrived.

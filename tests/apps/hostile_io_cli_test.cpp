@@ -13,6 +13,7 @@
 #include "../image_test_util.h"
 #include "../modules/render.module/ies_test_util.h"
 #include "cli_common.h"
+#include "cli_test_util.h"
 #include "host.h"
 
 namespace kelvo::cli {

@@ -254,6 +254,11 @@ TEST(KelvoToolTest, DemoWritesItsReportsAndPreviewsTheSampleProfile) {
          {"modules.txt", "modules.json", "config.json", "ramp.png", "pictures.txt", "cameras.json"})
         EXPECT_TRUE(fs::file_size(out / f) > 0) << f;
     EXPECT_EQ(PngSize(out / "ies_preview.png"), (std::pair<uint32_t, uint32_t>(512, 512)));
+    // The library in resources/, a thumbnail and a sidecar per line.
+    EXPECT_EQ(PngSize(out / "thumbnails" / "brushed steel.png"),
+              (std::pair<uint32_t, uint32_t>(64, 64)));
+    EXPECT_EQ(std::distance(fs::directory_iterator(out / "thumbnails"), fs::directory_iterator()),
+              18);
     fs::remove_all(out);
 }
 
