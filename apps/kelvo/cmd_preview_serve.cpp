@@ -11,7 +11,7 @@ namespace kelvo::cli {
 namespace {
 
 std::atomic<bool> g_stop{false};
-extern "C" void OnStopSignal(int /*signal*/) { g_stop.store(true); }
+extern "C" void OnServeStopSignal(int /*signal*/) { g_stop.store(true); }
 
 // "HOST:PORT" (an IPv4 address or localhost; port 0 picks a free one).
 Result<void> ReadListen(const std::string& text, ServeOptions& o) {
@@ -46,8 +46,8 @@ Result<void> Serve(Context& context, const ServeCommandOptions& c) {
     // A tab closed mid-write must not end the process.
     std::signal(SIGPIPE, SIG_IGN);
     g_stop.store(false);
-    auto previousInt = std::signal(SIGINT, OnStopSignal);
-    auto previousTerm = std::signal(SIGTERM, OnStopSignal);
+    auto previousInt = std::signal(SIGINT, OnServeStopSignal);
+    auto previousTerm = std::signal(SIGTERM, OnServeStopSignal);
     std::cout << "kelvo: serving the material editor on http://" << o.host << ':' << port << "/"
               << (c.root.empty() ? std::string(" (no --root: no textures or IES profiles)")
                                  : " (files from " + c.root + ")")

@@ -44,14 +44,14 @@ double Since(Clock::time_point start) {
 // The signal that asked the run to stop (SIGINT, SIGTERM: a scheduler taking the machine
 // back); 0 while none did.
 std::atomic<int> g_stop{0};
-extern "C" void OnStopSignal(int signal) { g_stop.store(signal); }
+extern "C" void OnBatchStopSignal(int signal) { g_stop.store(signal); }
 
 class StopSignals {
 public:
     StopSignals() {
         g_stop.store(0);
         struct sigaction action {};
-        action.sa_handler = &OnStopSignal;
+        action.sa_handler = &OnBatchStopSignal;
         sigemptyset(&action.sa_mask);
         sigaction(SIGINT, &action, &_int);
         sigaction(SIGTERM, &action, &_term);
