@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -386,14 +388,12 @@ std::map<std::string, std::vector<fs::path>> FindTemporaries(const fs::path& fol
         if (suffix == 0 || (f.substr(suffix) != ".png" && f.substr(suffix) != ".json")) continue;
         const size_t tag = f.rfind(".kelvo-", suffix);
         if (tag == std::string_view::npos || tag == 0) continue;
-        // "<pid>-<counter>" between the tag and the suffix.
-        std::string_view counters = f.substr(tag + 7, suffix - tag - 7);
-        const size_t dash = counters.find('-');
-        auto digits = [](std::string_view d) {
-            return !d.empty() && d.find_first_not_of("0123456789") == std::string_view::npos;
-        };
-        if (dash == std::string_view::npos || !digits(counters.substr(0, dash)) ||
-            !digits(counters.substr(dash + 1)))
+        // Six letters or digits between the tag and the suffix, as the writer's mkstemps
+        // makes them.
+        const std::string_view random = f.substr(tag + 7, suffix - tag - 7);
+        if (random.size() != 6 || !std::all_of(random.begin(), random.end(), [](char c) {
+                return std::isalnum(static_cast<unsigned char>(c)) != 0;
+            }))
             continue;
         found[std::string(f.substr(1, tag - 1))].push_back(it->path());
     }

@@ -225,7 +225,7 @@ TEST(BatchLibraryTest, OnlyAWholeMatchingPairIsCompleteAndKilledRunsLeftoversAre
         s.update(extra);
         folder.Write("m.json", s.dump());
     };
-    sidecar({});
+    sidecar(json::object());
     EXPECT_TRUE(IsComplete(dir, "m", hash));
     EXPECT_FALSE(IsComplete(dir, "m", std::string(64, 'b')));  // the material changed
     folder.Write("m.png", "picture from another run");         // a mixed pair
@@ -236,12 +236,13 @@ TEST(BatchLibraryTest, OnlyAWholeMatchingPairIsCompleteAndKilledRunsLeftoversAre
     folder.Write("m.json", "{\"hash\": \"" + hash + "\", \"ima");  // torn
     EXPECT_FALSE(IsComplete(dir, "m", hash));
 
-    folder.Write(".m.kelvo-123-0.png", "");
-    folder.Write(".m.kelvo-123-1.json", "");
-    folder.Write(".a.b.kelvo-9-0.png", "");
+    folder.Write(".m.kelvo-a1B2c3.png", "");
+    folder.Write(".m.kelvo-ZZ9z0q.json", "");
+    folder.Write(".a.b.kelvo-000000.png", "");
     folder.Write(".m.kelvo-x-0.png", "");  // not the writer's pattern
+    folder.Write(".m.kelvo-abcdefg.png", "");
     folder.Write(".m.lock", "");
-    folder.Write("m.kelvo-1-1.png", "");
+    folder.Write("m.kelvo-a1B2c3.png", "");
     auto found = FindTemporaries(dir);
     ASSERT_EQ(found.size(), 2u);
     EXPECT_EQ(found["m"].size(), 2u);

@@ -734,10 +734,11 @@ TEST(KelvoLimitsTest, OutputsAreCheckedBeforeTheWorkAndSwatchesWithinTheBound) {
 }
 
 TEST(KelvoLimitsTest, MaterialsBeyondRangeGetTheirOwnWordsAndFinitePixels) {
+    host::Initialize();  // the picture is read back in-process
     EXPECT_EQ(Kelvo("preview render --material '{\"data\":{\"roughness\":1e400}}' -o /dev/null"),
               Failed("Illegal argument: --material holds a number beyond the range of doubles."));
     EXPECT_EQ(Kelvo("preview render --material '{\"colour\":[1,' -o /dev/null"),
-              Failed("Illegal argument: --material is not valid JSON (byte 13)."));
+              Failed("Illegal argument: --material is not valid JSON (byte 14)."));
     EXPECT_EQ(Kelvo("preview render --material '[1]' -o /dev/null"),
               Failed("Illegal argument: --material must be a JSON object."));
     EXPECT_EQ(Kelvo("preview render --material '{\"colour\":[1,\"x\",1]}' -o /dev/null"),

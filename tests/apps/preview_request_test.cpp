@@ -53,7 +53,11 @@ TEST_F(PreviewRequestTest, MaterialsAndSettingsAreReadOnceWithTheirBoundsAndMess
     ASSERT_TRUE(m.Ok());
     EXPECT_EQ(m->label, "lambertbrdf");
     EXPECT_EQ(m->space, kLegacyMaterialNodeSpace);
-    for (const char* bad : {"[1]", "{", "", "\"ggx\""})
+    EXPECT_EQ(ParsePreviewMaterial("{").GetError().Message(),
+              "Illegal argument: --material is not valid JSON (byte 2).");
+    EXPECT_EQ(ParsePreviewMaterial("").GetError().Message(),
+              "Illegal argument: --material is not valid JSON (byte 1).");
+    for (const char* bad : {"[1]", "\"ggx\""})
         EXPECT_EQ(ParsePreviewMaterial(bad).GetError().Message(),
                   "Illegal argument: --material must be a JSON object.")
             << bad;

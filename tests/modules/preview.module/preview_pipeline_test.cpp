@@ -260,7 +260,7 @@ TEST_F(PreviewPipelineTest, TheLegacySpaceDerivesFromTheBaseAndConfiguresRequest
     EXPECT_FALSE(fromText.Contains(PREVIEWMATERIAL::JSON));
     const std::pair<Data, const char*> badTexts[] = {
         {std::string(R"({"colour":[1,)"),
-         "Illegal argument: The material is not valid JSON (byte 13)."},
+         "Illegal argument: The material is not valid JSON (byte 14)."},
         {std::string(R"({"colour": [1e999, 1, 1]})"),
          "Illegal argument: The material holds a number beyond the range of doubles."},
         {std::string(R"({"colour": [1, 1]})"),

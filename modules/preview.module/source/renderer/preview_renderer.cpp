@@ -92,7 +92,8 @@ ENVWEIGHT EnvironmentWeighting(BSDFLegacyInterface& model) {
     for (double cosine : {0.95, 0.7, 0.35})
         for (int i = 0; i < 16; ++i) {
             const Vec3 wo{std::sqrt(1.0 - cosine * cosine), 0.0, cosine};
-            FillSampleRecord((double(i % 4) + 0.5) / 4.0, (double(i / 4) + 0.5) / 4.0, record);
+            const int row = i / 4;  // a 4 x 4 grid of cells
+            FillSampleRecord((double(i % 4) + 0.5) / 4.0, (double(row) + 0.5) / 4.0, record);
             Vec3 wi;
             double pdf = 0.0;
             const Col3 f = LegacyValue(model.SampleF(wo, record, wi, pdf));
