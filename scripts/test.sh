@@ -23,5 +23,9 @@ skip=()
 # (single-threaded engine) stays in.
 engine='PreviewBatchCommandTest|IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest|PreviewPipelineTest|KelvoToolTest[.]DemoWrites'
 # The browser test drives the default build's tool in chromium; it checks pages, not memory.
-case "$preset" in asan|tsan) skip=(-LE 'heavy|browser' -E "$engine") ;; esac
+# The server suites (threads inside Debian's uninstrumented cpp-httplib) and the batch
+# library's suite (it forks beside gtest's threads) have not yet had a clean sanitizer run:
+# they stay in the default build until they have.
+unproven='PreviewServerTest|ServedFolderTest|BatchLibraryTest'
+case "$preset" in asan|tsan) skip=(-LE 'heavy|browser' -E "$engine|$unproven") ;; esac
 ctest --test-dir "$dir" --output-on-failure -j2 "${skip[@]}"
