@@ -70,10 +70,15 @@ TEST(PreviewStatistics, ErrorFallsAtLeastAsOneOverSqrtSamples) {
 
 // At 64 samples per pixel the stratified sequences' error (RMS against a long render, over
 // the mean, averaged over seeds) is at least 1.5 times lower than independent numbers' on
-// the diffuse and the GGX 0.3 swatch.
+// the diffuse and the GGX 0.3 swatch, and no higher than a production path tracer's on the
+// same scene (2.0% and 2.4%): paths ended too eagerly by Russian roulette exceed it.
 TEST(PreviewStatistics, SequencesBeatIndependentNumbersAtSixtyFourSamples) {
     testing_preview::LoadEngineModule();
-    for (const char* model : {"lambertbrdf", "ggxbrdf"}) {
+    constexpr struct {
+        const char* model;
+        double peerError;
+    } kSwatches[] = {{"lambertbrdf", 0.020}, {"ggxbrdf", 0.024}};
+    for (const auto& [model, peerError] : kSwatches) {
         PreviewSettings s;
         s.scene = PREVIEWSCENE::SPHERE;
         s.width = s.height = 32;
@@ -99,6 +104,7 @@ TEST(PreviewStatistics, SequencesBeatIndependentNumbersAtSixtyFourSamples) {
         std::printf("%s: error at 64 samples %.4f (sequences), %.4f (independent)\n", model,
                     errors[0], errors[1]);
         EXPECT_GT(errors[1], 1.5 * errors[0]) << model;
+        EXPECT_LE(errors[0], peerError) << model;
     }
 }
 

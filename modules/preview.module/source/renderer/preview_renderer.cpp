@@ -22,8 +22,10 @@ constexpr Id kLambert("net.kelvo.render.bsdflegacyclass.lambertbrdf");
 // The stage is a light grey, so that it shows the light without outshining the swatch.
 constexpr Col3 kStageColour{0.6, 0.6, 0.6};
 constexpr Col3 kStageLight{0.8, 0.8, 0.8}, kStageDark{0.15, 0.15, 0.15};
-// Bounces after which Russian roulette may end a path.
-constexpr int kRouletteDepth = 3;
+// Bounces after which Russian roulette may end a path, and the throughput (brightest
+// channel) below which it does.
+constexpr int kRouletteDepth = 2;
+constexpr double kRouletteBelow = 0.1;
 
 double MaxComponent(const Col3& c) { return std::max({c.r, c.g, c.b}); }
 bool IsBlack(const Col3& c) { return c.r <= 0.0 && c.g <= 0.0 && c.b <= 0.0; }
@@ -40,12 +42,13 @@ double PowerWeight(double a, double b) {
 // cosine-weighted polar angle; or u2 and the azimuth), and each pair is the point itself, so
 // whatever the model, its directions inherit the point's stratification.
 void FillSampleRecord(double a, double b, float* record) {
-    const double phi = 2.0 * kPi * a;
+    // The record holds floats: the azimuth's sine and cosine are taken in float too.
+    const float phi = float(2.0 * kPi * a);
     std::fill(record, record + kSampleRecordFloats, 0.0f);
     record[SAMPLERECORD_U1] = float(a);
     record[SAMPLERECORD_U2] = float(b);
-    record[SAMPLERECORD_AZIMUTHCOS] = float(std::cos(phi));
-    record[SAMPLERECORD_AZIMUTHSIN] = float(std::sin(phi));
+    record[SAMPLERECORD_AZIMUTHCOS] = std::cos(phi);
+    record[SAMPLERECORD_AZIMUTHSIN] = std::sin(phi);
     record[SAMPLERECORD_POLARCOS] = float(std::sqrt(1.0 - b));  // cosine-weighted
     record[SAMPLERECORD_POLARSIN] = float(std::sqrt(b));
 }
@@ -404,9 +407,9 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         double eu, ephi;
         random.Next2(eu, ephi);
         if (envOn && weighting != ENVWEIGHT::SAMPLES) {
-            ephi *= 2.0 * kPi;
+            const float phi = float(2.0 * kPi * ephi);
             const double c = std::sqrt(1.0 - eu), s = std::sqrt(eu);
-            const Vec3 wi{s * std::cos(ephi), s * std::sin(ephi), c};
+            const Vec3 wi{s * std::cos(phi), s * std::sin(phi), c};
             const double lightPdf = c * kInvPi;
             double unused;
             const Col3 f = LegacyValue(model.ComputeBSDF(wo, wi, wi, unused));
@@ -449,9 +452,12 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         if (!SampleBounce(bsdfs, model, inside, wo, record, isMaterial, bounce)) break;
         throughput = throughput * colour * bounce.weight;
         const double roulette = random.Next1();
-        if (depth + 1 >= kRouletteDepth) {
-            // Below 1, so that even a bright path may end and its weight stays bounded.
-            const double q = std::min(0.95, MaxComponent(throughput));
+        if (depth + 1 >= kRouletteDepth && !(MaxComponent(throughput) >= kRouletteBelow)) {
+            // Only paths that have become dim may end, and a survivor is raised back to the
+            // threshold, no further: in a lit room of light surfaces the later bounces
+            // carry much of the picture, and ending paths by their full throughput (or a
+            // few per cent of even bright ones) was the largest source of noise.
+            const double q = MaxComponent(throughput) / kRouletteBelow;
             if (!(q > 0.0) || roulette >= q) break;
             throughput = throughput * (1.0 / q);
         }

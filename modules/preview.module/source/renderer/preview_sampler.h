@@ -28,7 +28,7 @@ inline uint32_t ReverseBits(uint32_t x) {
 }
 
 // A random permutation of the bits' tree: each bit is flipped depending only on the bits
-// below it (in the reversed domain of OwenScramble, the bits above it).
+// below it (on reversed bits, the bits above it: Owen scrambling).
 inline uint32_t LaineKarrasPermutation(uint32_t x, uint32_t seed) {
     x += seed;
     x ^= x * 0x6C50B47Cu;
@@ -38,20 +38,33 @@ inline uint32_t LaineKarrasPermutation(uint32_t x, uint32_t seed) {
     return x;
 }
 
-// Nested uniform scrambling of a 32-bit fraction: each bit is flipped depending on the
-// bits above it, which keeps every elementary interval an elementary interval.
-inline uint32_t OwenScramble(uint32_t x, uint32_t seed) {
-    return ReverseBits(LaineKarrasPermutation(ReverseBits(x), seed));
-}
+// The second Sobol dimension (primitive polynomial x + 1), bit-reversed, as four byte
+// tables: its bits are a product of the index with a triangular matrix over GF(2), which a
+// bit loop forms with 32 unpredictable branches. Reversed, because Owen scrambling works on
+// the reversed bits and would otherwise reverse them back.
+struct SobolSecondDimension {
+    uint32_t byte[4][256];
+    constexpr SobolSecondDimension() : byte{} {
+        uint32_t column[32] = {};
+        column[0] = 1u;
+        for (int k = 1; k < 32; ++k) column[k] = column[k - 1] ^ (column[k - 1] << 1);
+        for (int b = 0; b < 4; ++b)
+            for (uint32_t v = 0; v < 256; ++v) {
+                uint32_t r = 0;
+                for (int k = 0; k < 8; ++k)
+                    if (v & (1u << k)) r ^= column[8 * b + k];
+                byte[b][v] = r;
+            }
+    }
+};
+inline constexpr SobolSecondDimension kSobolSecond{};
 
-// The first two Sobol dimensions of point `index` (a (0,2)-sequence in base 2): the
-// van der Corput radical inverse and the dimension of primitive polynomial x + 1.
-inline void Sobol2(uint32_t index, uint32_t& a, uint32_t& b) {
-    a = ReverseBits(index);
-    uint32_t v = 0x80000000u, r = 0;
-    for (; index; index >>= 1, v ^= v >> 1)
-        if (index & 1u) r ^= v;
-    b = r;
+// The first two Sobol dimensions of point `index` (a (0,2)-sequence in base 2), each with
+// its bits reversed: the van der Corput radical inverse reversed is the index itself.
+inline void Sobol2Reversed(uint32_t index, uint32_t& a, uint32_t& b) {
+    a = index;
+    b = kSobolSecond.byte[0][index & 0xFFu] ^ kSobolSecond.byte[1][(index >> 8) & 0xFFu] ^
+        kSobolSecond.byte[2][(index >> 16) & 0xFFu] ^ kSobolSecond.byte[3][index >> 24];
 }
 
 class SampleSequence {
@@ -59,7 +72,7 @@ public:
     SampleSequence(PREVIEWSEQUENCE kind, uint64_t seed, uint64_t pixel, uint64_t sample)
         : _kind(kind),
           _pixelKey(MixBits(MixBits(seed + 0x9E3779B97F4A7C15ull) ^ pixel)),
-          _index(uint32_t(sample)),
+          _reversedIndex(ReverseBits(uint32_t(sample))),
           _state(MixBits(_pixelKey ^ (sample * 0xD1B54A32D192ED03ull))) {}
 
     // The next decision's point in [0, 1)^2.
@@ -69,14 +82,7 @@ public:
             y = Uniform();
             return;
         }
-        const uint64_t key = MixBits(_pixelKey + ++_dimension * 0x9E3779B97F4A7C15ull);
-        const uint32_t shuffled = OwenScramble(_index, uint32_t(key));
-        uint32_t a, b;
-        Sobol2(shuffled, a, b);
-        a = OwenScramble(a, uint32_t(key >> 32));
-        b = OwenScramble(b, uint32_t(MixBits(key) >> 32));
-        x = ToUnit(a);
-        y = ToUnit(b);
+        Point(MixBits(_pixelKey + ++_dimension * 0x9E3779B97F4A7C15ull), _reversedIndex, x, y);
     }
     double Next1() {
         double x, y;
@@ -85,10 +91,19 @@ public:
     }
 
 private:
-    // A 32-bit fraction with a random low part, so that the result is never exactly 1.
-    double ToUnit(uint32_t bits) {
-        return (double(bits) + double(MixBits(++_state) >> 43) * 0x1.0p-21) * 0x1.0p-32;
+    static void Point(uint64_t key, uint32_t reversedIndex, double& x, double& y) {
+        // Owen scrambling (each bit of a fraction flipped depending on the bits above it) is
+        // ReverseBits(LaineKarrasPermutation(ReverseBits(v))): with the index and the points
+        // kept reversed, each scramble costs one reversal, not two.
+        const uint32_t shuffled =
+            ReverseBits(LaineKarrasPermutation(reversedIndex, uint32_t(key)));
+        uint32_t a, b;
+        Sobol2Reversed(shuffled, a, b);
+        x = ToUnit(ReverseBits(LaineKarrasPermutation(a, uint32_t(key >> 32))));
+        y = ToUnit(ReverseBits(LaineKarrasPermutation(b, uint32_t(MixBits(key) >> 32))));
     }
+    // A 32-bit fraction: never exactly 1, and finer than any decision a path makes.
+    static double ToUnit(uint32_t bits) { return double(bits) * 0x1.0p-32; }
     double Uniform() {
         _state += 0x9E3779B97F4A7C15ull;
         return double(MixBits(_state) >> 11) * 0x1.0p-53;
@@ -96,7 +111,7 @@ private:
 
     PREVIEWSEQUENCE _kind;
     uint64_t _pixelKey;
-    uint32_t _index;
+    uint32_t _reversedIndex;
     uint64_t _dimension = 0;
     uint64_t _state;
 };
