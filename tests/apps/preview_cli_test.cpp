@@ -86,7 +86,10 @@ TEST(PreviewCommandTest, CtrlCReleasesThePreviewsAndWritesTheImagesSoFar) {
     const std::string exr =
         (fs::temp_directory_path() / ("kelvo_cancel_" + std::to_string(::getpid()) + ".exr"))
             .string();
-    ToolRun run = Shell("cd / && timeout --preserve-status -s INT 1.5 " + std::string(KELVO_TOOL) +
+    // --foreground: otherwise timeout signals the tool twice (it and then its process group),
+    // and a second Ctrl-C ends the tool at once, as it should.
+    ToolRun run = Shell("cd / && timeout --foreground --preserve-status -s INT 1.5 " +
+                        std::string(KELVO_TOOL) +
                         " preview render --material '{}' --material '{\"model\":\"ggxbrdf\"}' "
                         "--size 16 --iterations 1000000 --json -o " +
                         exr + " 2>/dev/null");
@@ -111,7 +114,7 @@ TEST(PreviewCommandTest, CtrlCEndsSwatchesWaitingOnFifos) {
     ASSERT_EQ(::mkfifo(ies.c_str(), 0600), 0);
     // Writers that stay and never write (O_RDWR does not wait for a reader).
     const int writers[] = {::open(texture.c_str(), O_RDWR), ::open(ies.c_str(), O_RDWR)};
-    ToolRun run = Shell("cd / && timeout -s KILL 30 timeout --preserve-status -s INT 2 " +
+    ToolRun run = Shell("cd / && timeout -s KILL 30 timeout --foreground --preserve-status -s INT 2 " +
                         std::string(KELVO_TOOL) +
                         " preview render --material '{}' --material '{\"texture\":\"" +
                         texture.string() + "\"}' --material '{\"ies\":\"" + ies.string() +

@@ -408,9 +408,19 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         random.Next2(eu, ephi);
         if (envOn && weighting != ENVWEIGHT::SAMPLES) {
             const float phi = float(2.0 * kPi * ephi);
-            const double c = std::sqrt(1.0 - eu), s = std::sqrt(eu);
+            double c, lightPdf;
+            if (weighting == ENVWEIGHT::POWER) {
+                c = std::sqrt(1.0 - eu);  // cosine-weighted, as the models' own samples
+                lightPdf = c * kInvPi;
+            } else {
+                // A model that samples nothing may grow as 1/cos towards the horizon (the
+                // blurry lobe does): half the samples uniform over the hemisphere keep the
+                // weight of a grazing sample bounded, which cosine weighting alone does not.
+                c = eu < 0.5 ? 1.0 - 2.0 * eu : std::sqrt(2.0 - 2.0 * eu);
+                lightPdf = 0.5 * (0.5 + c) * kInvPi;
+            }
+            const double s = std::sqrt(std::max(0.0, 1.0 - c * c));
             const Vec3 wi{s * std::cos(phi), s * std::sin(phi), c};
-            const double lightPdf = c * kInvPi;
             double unused;
             const Col3 f = LegacyValue(model.ComputeBSDF(wo, wi, wi, unused));
             if (lightPdf > 0.0 && !IsBlack(f)) {
