@@ -336,7 +336,9 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
     double jx, jy;
     random.Next2(jx, jy);
     const double sx = px + jx, sy = py + jy;
-    Ray ray;
+    // Rays are 200-odd bytes: the shadow ray is made once, and later rays reuse the camera
+    // ray (only its origin and direction are read past the first hit).
+    Ray ray, shadow;
     _camera->CreateScreenRay({sx, sy}, ray);
     RayLimits limits;
     Col3 radiance, throughput{1.0, 1.0, 1.0};
@@ -389,7 +391,6 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         leave.ignorePolygon = hit.polygonIndex;
         leave.tmin = 1e-7;
         auto visible = [&](const Vec3& dir, double tmax) {
-            Ray shadow;
             shadow.origin = origin;
             shadow.direction = dir;
             RayLimits l = leave;
@@ -474,7 +475,6 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         lastMis = bounce.mis;
         lastPdf = bounce.pdf;
         lastNormal = n;
-        ray = Ray{};
         ray.origin = origin;
         ray.direction = Normalize(ToWorld(frame, bounce.wi));
         limits = leave;
