@@ -23,9 +23,5 @@ skip=()
 # (single-threaded engine) stays in.
 engine='PreviewBatchCommandTest|IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest|PreviewPipelineTest|KelvoToolTest[.]DemoWrites'
 # The browser test drives the default build's tool in chromium; it checks pages, not memory.
-# The server suites (threads inside Debian's uninstrumented cpp-httplib) and the batch
-# library's suite (it forks beside gtest's threads) have not yet had a clean sanitizer run:
-# they stay in the default build until they have.
-unproven='PreviewServerTest|ServedFolderTest|BatchLibraryTest'
-case "$preset" in asan|tsan) skip=(-LE 'heavy|browser' -E "$engine|$unproven") ;; esac
+case "$preset" in asan|tsan) skip=(-LE 'heavy|browser' -E "$engine") ;; esac
 ctest --test-dir "$dir" --output-on-failure -j2 "${skip[@]}"

@@ -53,6 +53,43 @@ void FillSampleRecord(double a, double b, float* record) {
     record[SAMPLERECORD_POLARSIN] = float(std::sqrt(b));
 }
 
+// A direction about the local normal, cosine-weighted.
+Vec3 CosineDirection(double u, double v) {
+    const float phi = float(2.0 * kPi * v);
+    const double c = std::sqrt(1.0 - u), s = std::sqrt(u);
+    return {s * std::cos(phi), s * std::sin(phi), c};
+}
+
+// Light samples for a model that samples nothing: uniform over the hemisphere, cosine-
+// weighted, and (with an exponent) a cosine-power lobe about `wo`, chosen by `u` in equal
+// shares; MixturePdf is the density of the whole mixture. A lobe direction below the surface
+// carries nothing.
+Vec3 MixtureDirection(const Vec3& wo, double exponent, double u, double v) {
+    const int parts = exponent > 0.0 ? 3 : 2;
+    const double scaled = u * parts;
+    const int part = std::min(int(scaled), parts - 1);
+    const double w = scaled - part;
+    const float phi = float(2.0 * kPi * v);
+    double c = part == 0 ? 1.0 - w : part == 1 ? std::sqrt(1.0 - w) : std::pow(w, 1.0 / (exponent + 1.0));
+    c = std::clamp(c, 0.0, 1.0);
+    const double s = std::sqrt(1.0 - c * c);
+    const Vec3 local{s * std::cos(phi), s * std::sin(phi), c};
+    if (part < 2) return local;
+    // A frame about wo (unit length): x perpendicular to it, y completing it.
+    const Vec3& z = wo;
+    const Vec3 x = Normalize(std::abs(z.x) < 0.9 ? Cross(Vec3{1, 0, 0}, z) : Cross(Vec3{0, 1, 0}, z));
+    const Vec3 y = Cross(z, x);
+    return x * local.x + y * local.y + z * local.z;
+}
+double MixturePdf(const Vec3& wo, double exponent, const Vec3& wi) {
+    if (!(wi.z > 0.0)) return 0.0;
+    double sum = 0.5 * kInvPi + wi.z * kInvPi;  // uniform and cosine
+    if (!(exponent > 0.0)) return 0.5 * sum;
+    const double c = Dot(wo, wi);
+    if (c > 0.0) sum += (exponent + 1.0) * 0.5 * kInvPi * std::pow(c, exponent);
+    return sum / 3.0;
+}
+
 // A refractive index as the models read it: positive and finite, else vacuum.
 double ReadIor(const DataDictionary& data, const Id& key) {
     const double v = data.Get<double>(key, 1.0);
@@ -198,6 +235,11 @@ Result<void> PreviewRendererImpl::Init(const PreviewSettings& settings,
     // Fails early on an unknown model, rather than in the first iteration.
     KELVO_ASSIGN_OR_RETURN(BsdfSet first, TakeBsdfs());
     _materialWeighting = EnvironmentWeighting(*first.material);
+    _lobeExponent = 0.0;
+    if (_materialWeighting == ENVWEIGHT::LIGHT) {
+        const double n = _materialData->Get<double>(bsdfdata::kBlurryExponent, 0.0);
+        _lobeExponent = n > 0.0 && std::isfinite(n) ? std::min(n, 1e6) : 0.0;
+    }
     ReturnBsdfs(std::move(first));
 
     _texture = material.textureSampler;
@@ -402,26 +444,18 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
             radiance = radiance + (depth >= 1 ? Bounded(c, bound) : c);
         };
 
-        // Next-event estimation: the environment, cosine-weighted about the normal. The
-        // numbers are drawn whether or not they are used, so that each decision of a path
-        // keeps its place in the sequence.
+        // Next-event estimation: the environment. The numbers are drawn whether or not they
+        // are used, so that each decision of a path keeps its place in the sequence.
         double eu, ephi;
         random.Next2(eu, ephi);
         if (envOn && weighting != ENVWEIGHT::SAMPLES) {
-            const float phi = float(2.0 * kPi * ephi);
-            double c, lightPdf;
-            if (weighting == ENVWEIGHT::POWER) {
-                c = std::sqrt(1.0 - eu);  // cosine-weighted, as the models' own samples
-                lightPdf = c * kInvPi;
-            } else {
-                // A model that samples nothing may grow as 1/cos towards the horizon (the
-                // blurry lobe does): half the samples uniform over the hemisphere keep the
-                // weight of a grazing sample bounded, which cosine weighting alone does not.
-                c = eu < 0.5 ? 1.0 - 2.0 * eu : std::sqrt(2.0 - 2.0 * eu);
-                lightPdf = 0.5 * (0.5 + c) * kInvPi;
-            }
-            const double s = std::sqrt(std::max(0.0, 1.0 - c * c));
-            const Vec3 wi{s * std::cos(phi), s * std::sin(phi), c};
+            // Cosine-weighted, as the models' own samples; a model that samples nothing may
+            // grow as 1/cos towards the horizon (the blurry simple lobe does) and gets a
+            // mixture whose uniform part keeps a grazing sample's weight bounded.
+            const bool cosine = weighting == ENVWEIGHT::POWER;
+            const Vec3 wi = cosine ? CosineDirection(eu, ephi)
+                                   : MixtureDirection(wo, _lobeExponent, eu, ephi);
+            const double lightPdf = cosine ? wi.z * kInvPi : MixturePdf(wo, _lobeExponent, wi);
             double unused;
             const Col3 f = LegacyValue(model.ComputeBSDF(wo, wi, wi, unused));
             if (lightPdf > 0.0 && !IsBlack(f)) {

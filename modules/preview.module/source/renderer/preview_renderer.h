@@ -98,6 +98,9 @@ private:
     // iorOut / iorIn as seen from outside; inside its inverse.
     double _etaOutside = 1.0;
     ENVWEIGHT _materialWeighting = ENVWEIGHT::POWER;
+    // For a model that samples nothing: the exponent of its cosine-power lobe about the view
+    // direction (the blurry simple lobe's), which its light samples follow in part; 0: none.
+    double _lobeExponent = 0.0;
     StrongRef<DataDictionary> _stageData;
     StrongRef<TextureSamplerInterface> _texture;
     StrongRef<IesInterface> _profile;
