@@ -26,6 +26,8 @@ constexpr Col3 kStageLight{0.8, 0.8, 0.8}, kStageDark{0.15, 0.15, 0.15};
 // channel) below which it does.
 constexpr int kRouletteDepth = 2;
 constexpr double kRouletteBelow = 0.1;
+// Bounces whose decisions read the stratified sequence.
+constexpr int kStratifiedDepth = 2;
 
 double MaxComponent(const Col3& c) { return std::max({c.r, c.g, c.b}); }
 bool IsBlack(const Col3& c) { return c.r <= 0.0 && c.g <= 0.0 && c.b <= 0.0; }
@@ -428,6 +430,10 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         const BsdfFrame frame = model.ComputeBSDFFrame(n, {}, {}, false);
         const Vec3 wo = ToLocal(frame, -ray.direction);
         const Vec3 origin = hit.hitPosition;
+        // Stratified points for the first bounces, where a swatch's light mostly comes
+        // from; later decisions (and the roulette) take plain random numbers, which cost a
+        // fraction of a scrambled point and change nothing there that shows.
+        const bool stratified = depth < kStratifiedDepth;
         RayLimits leave;
         leave.ignoreObject = hit.objectIndex;
         leave.ignorePolygon = hit.polygonIndex;
@@ -447,7 +453,7 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
         // Next-event estimation: the environment. The numbers are drawn whether or not they
         // are used, so that each decision of a path keeps its place in the sequence.
         double eu, ephi;
-        random.Next2(eu, ephi);
+        random.Next2(eu, ephi, stratified);
         if (envOn && weighting != ENVWEIGHT::SAMPLES) {
             // Cosine-weighted, as the models' own samples; a model that samples nothing may
             // grow as 1/cos towards the horizon (the blurry simple lobe does) and gets a
@@ -491,12 +497,12 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
 
         // Continue along a direction the model samples.
         double ba, bb;
-        random.Next2(ba, bb);
+        random.Next2(ba, bb, stratified);
         FillSampleRecord(ba, bb, record);
         Bounce bounce;
         if (!SampleBounce(bsdfs, model, inside, wo, record, isMaterial, bounce)) break;
         throughput = throughput * colour * bounce.weight;
-        const double roulette = random.Next1();
+        const double roulette = random.Uniform();
         if (depth + 1 >= kRouletteDepth && !(MaxComponent(throughput) >= kRouletteBelow)) {
             // Only paths that have become dim may end, and a survivor is raised back to the
             // threshold, no further: in a lit room of light surfaces the later bounces

@@ -75,19 +75,19 @@ public:
           _reversedIndex(ReverseBits(uint32_t(sample))),
           _state(MixBits(_pixelKey ^ (sample * 0xD1B54A32D192ED03ull))) {}
 
-    // The next decision's point in [0, 1)^2.
-    void Next2(double& x, double& y) {
-        if (_kind == PREVIEWSEQUENCE::INDEPENDENT) {
+    // The next decision's point in [0, 1)^2; two independent numbers when not `stratified`.
+    void Next2(double& x, double& y, bool stratified = true) {
+        if (_kind == PREVIEWSEQUENCE::INDEPENDENT || !stratified) {
             x = Uniform();
             y = Uniform();
             return;
         }
         Point(MixBits(_pixelKey + ++_dimension * 0x9E3779B97F4A7C15ull), _reversedIndex, x, y);
     }
-    double Next1() {
-        double x, y;
-        Next2(x, y);
-        return x;
+    // An independent number in [0, 1).
+    double Uniform() {
+        _state += 0x9E3779B97F4A7C15ull;
+        return double(MixBits(_state) >> 11) * 0x1.0p-53;
     }
 
 private:
@@ -104,10 +104,6 @@ private:
     }
     // A 32-bit fraction: never exactly 1, and finer than any decision a path makes.
     static double ToUnit(uint32_t bits) { return double(bits) * 0x1.0p-32; }
-    double Uniform() {
-        _state += 0x9E3779B97F4A7C15ull;
-        return double(MixBits(_state) >> 11) * 0x1.0p-53;
-    }
 
     PREVIEWSEQUENCE _kind;
     uint64_t _pixelKey;
