@@ -114,12 +114,12 @@ TEST(PreviewCommandTest, CtrlCEndsSwatchesWaitingOnFifos) {
     ASSERT_EQ(::mkfifo(ies.c_str(), 0600), 0);
     // Writers that stay and never write (O_RDWR does not wait for a reader).
     const int writers[] = {::open(texture.c_str(), O_RDWR), ::open(ies.c_str(), O_RDWR)};
-    ToolRun run = Shell("cd / && timeout -s KILL 30 timeout --foreground --preserve-status -s INT 2 " +
-                        std::string(KELVO_TOOL) +
-                        " preview render --material '{}' --material '{\"texture\":\"" +
-                        texture.string() + "\"}' --material '{\"ies\":\"" + ies.string() +
-                        "\"}' --size 8 --iterations 1000000 --json -o " +
-                        (dir / "sheet.png").string() + " 2>/dev/null");
+    ToolRun run = Shell(
+        "cd / && timeout -s KILL 30 timeout --foreground --preserve-status -s INT 2 " +
+        std::string(KELVO_TOOL) + " preview render --material '{}' --material '{\"texture\":\"" +
+        texture.string() + "\"}' --material '{\"ies\":\"" + ies.string() +
+        "\"}' --size 8 --iterations 1000000 --json -o " + (dir / "sheet.png").string() +
+        " 2>/dev/null");
     for (int fd : writers) ::close(fd);
     EXPECT_EQ(run.status, 130) << run.out;
     EXPECT_TRUE(fs::exists(dir / "sheet.png"));

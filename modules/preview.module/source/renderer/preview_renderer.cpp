@@ -72,14 +72,17 @@ Vec3 MixtureDirection(const Vec3& wo, double exponent, double u, double v) {
     const int part = std::min(int(scaled), parts - 1);
     const double w = scaled - part;
     const float phi = float(2.0 * kPi * v);
-    double c = part == 0 ? 1.0 - w : part == 1 ? std::sqrt(1.0 - w) : std::pow(w, 1.0 / (exponent + 1.0));
+    double c = part == 0   ? 1.0 - w
+               : part == 1 ? std::sqrt(1.0 - w)
+                           : std::pow(w, 1.0 / (exponent + 1.0));
     c = std::clamp(c, 0.0, 1.0);
     const double s = std::sqrt(1.0 - c * c);
     const Vec3 local{s * std::cos(phi), s * std::sin(phi), c};
     if (part < 2) return local;
     // A frame about wo (unit length): x perpendicular to it, y completing it.
     const Vec3& z = wo;
-    const Vec3 x = Normalize(std::abs(z.x) < 0.9 ? Cross(Vec3{1, 0, 0}, z) : Cross(Vec3{0, 1, 0}, z));
+    const Vec3 x =
+        Normalize(std::abs(z.x) < 0.9 ? Cross(Vec3{1, 0, 0}, z) : Cross(Vec3{0, 1, 0}, z));
     const Vec3 y = Cross(z, x);
     return x * local.x + y * local.y + z * local.z;
 }
@@ -459,8 +462,8 @@ Col3 PreviewRendererImpl::TracePath(BsdfSet& bsdfs, double px, double py, uint64
             // grow as 1/cos towards the horizon (the blurry simple lobe does) and gets a
             // mixture whose uniform part keeps a grazing sample's weight bounded.
             const bool cosine = weighting == ENVWEIGHT::POWER;
-            const Vec3 wi = cosine ? CosineDirection(eu, ephi)
-                                   : MixtureDirection(wo, _lobeExponent, eu, ephi);
+            const Vec3 wi =
+                cosine ? CosineDirection(eu, ephi) : MixtureDirection(wo, _lobeExponent, eu, ephi);
             const double lightPdf = cosine ? wi.z * kInvPi : MixturePdf(wo, _lobeExponent, wi);
             double unused;
             const Col3 f = LegacyValue(model.ComputeBSDF(wo, wi, wi, unused));

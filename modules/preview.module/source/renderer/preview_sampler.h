@@ -1,10 +1,11 @@
-// The numbers a preview path draws. Each decision of a path (pixel position, environment
-// sample, BSDF sample, roulette) reads one 2D point of its own: the first two dimensions of
-// the Sobol sequence, Owen-scrambled and with the sample index shuffled per pixel and per
-// decision, so that the decisions are independent of one another while every power-of-two
-// prefix of a pixel's samples stays stratified in each of them (a hash-based scramble after
-// Burley, "Practical Hash-based Owen Scrambling", 2020). Everything is a function of (seed,
-// pixel, sample index), so the image is the same on any number of threads.
+// The numbers a preview path draws. Each stratified decision of a path (pixel position, and
+// the environment and BSDF samples of the first bounces) reads one 2D point of its own: the
+// first two dimensions of the Sobol sequence, Owen-scrambled and with the sample index
+// shuffled per pixel and per decision, so that the decisions are independent of one another
+// while every power-of-two prefix of a pixel's samples stays stratified in each of them (a
+// hash-based scramble after Burley, "Practical Hash-based Owen Scrambling", 2020).
+// Everything is a function of (seed, pixel, sample index), so the image is the same on any
+// number of threads.
 #pragma once
 
 #include <cstdint>
@@ -95,8 +96,7 @@ private:
         // Owen scrambling (each bit of a fraction flipped depending on the bits above it) is
         // ReverseBits(LaineKarrasPermutation(ReverseBits(v))): with the index and the points
         // kept reversed, each scramble costs one reversal, not two.
-        const uint32_t shuffled =
-            ReverseBits(LaineKarrasPermutation(reversedIndex, uint32_t(key)));
+        const uint32_t shuffled = ReverseBits(LaineKarrasPermutation(reversedIndex, uint32_t(key)));
         uint32_t a, b;
         Sobol2Reversed(shuffled, a, b);
         x = ToUnit(ReverseBits(LaineKarrasPermutation(a, uint32_t(key >> 32))));
