@@ -195,6 +195,13 @@ double InstanceReach(const float columns[12]) {
         z{columns[6], columns[7], columns[8]};
     const double det = Dot(x, Cross(y, z));
     if (det == 0.0 || !std::isfinite(det)) return 0.0;
+    // Embree forms the cofactors and the determinant in float: every product of two or three
+    // components must stay well inside float's range (an axis of 3e38 beside one of 14 does
+    // not), and the determinant well above float's smallest normal number.
+    double largest = 0.0;
+    for (const Vec3& v : {x, y, z})
+        largest = std::max({largest, std::abs(v.x), std::abs(v.y), std::abs(v.z)});
+    if (largest > 1e12 || std::abs(det) < 1e-36) return 0.0;
     // The inverse's rows are these cross products over the determinant.
     double rows = 0.0;
     for (const Vec3& r : {Cross(y, z), Cross(z, x), Cross(x, y)})

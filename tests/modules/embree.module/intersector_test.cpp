@@ -293,6 +293,23 @@ TEST_F(EmbreeModuleTest, PlacementsSingularInFloatHideTheirCopy) {
             EXPECT_NEAR(hit.distance, origin.z + 2, 1e-9);
             EXPECT_TRUE(scene->Occluded(MakeRay(origin, {0, 0, -1}), {}));
         }
+        // Regular in double and in float, but its cofactors overflow float (found by fuzzing:
+        // a point shared by two placements, the ray passing far from it).
+        auto point = Create(engine);
+        const std::vector<Vec3> corner{{0, 0, -0.75}};
+        const std::vector<uint32_t> once{0, 0, 0};
+        const int32_t dot = *point->AddMesh({corner, once, {}, {}});
+        ASSERT_TRUE(point->AddInstance(dot, Matrix{}).Ok());
+        ASSERT_TRUE(
+            point
+                ->AddInstance(
+                    dot,
+                    Matrix{{-0.75, 1, 0}, {3.4e38, -0.75, 0}, {-1, 0, 14.5}, {14.5, 14.5, 14.5}})
+                .Ok());
+        ASSERT_TRUE(point->Commit().Ok());
+        const Ray far = MakeRay({14.5, 14.5, 5e-299}, {-1e19, 0, 0});
+        EXPECT_FALSE(point->Intersect(far, {}, hit));
+        EXPECT_FALSE(point->Occluded(far, {}));
     }
 }
 
