@@ -21,7 +21,10 @@ skip=()
 # scenes with it run in the default build only (the demo renders material previews; beside
 # those workers LeakSanitizer's own thread stopper has crashed). The concurrent-query test
 # (single-threaded engine) stays in.
+# The same crash has ended the tool at exit in a test that renders a swatch through it: the
+# two tests that do run in the default build only too.
 engine='PreviewBatchCommandTest|IntersectorTest|EmbreeModuleTest[.](Selection|Both|Bad)|PreviewRendererTest|IntersectCommandTest|PreviewCommandTest|PreviewPipelineTest|KelvoToolTest[.]DemoWrites'
+engine+='|KelvoLimitsTest[.]MaterialsBeyondRange|ImageCommandTest[.]LinearPicturesConvert'
 # The browser test drives the default build's tool in chromium; it checks pages, not memory.
 # Under ThreadSanitizer the live editor's server suite reports a race inside Debian's
 # uninstrumented cpp-httplib (a function-local static regex one worker builds and another
