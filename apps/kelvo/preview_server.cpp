@@ -73,7 +73,12 @@ const std::vector<ModelDescription>& Models() {
            0,
            0,
            0,
-           {"denim", "shantung", "charmeuse", "twill", "gabardine", "polyester", ""}}}},
+           {"denim", "shantung", "charmeuse", "twill", "gabardine", "polyester", ""}},
+          // Without them the yarns reflect nothing: a black ball.
+          {"warpdiffuse", "Warp diffuse", "number", 0.0, 1.0, 0.01, 0.2},
+          {"weftdiffuse", "Weft diffuse", "number", 0.0, 1.0, 0.01, 0.2},
+          {"warpspecular", "Warp specular", "number", 0.0, 2.0, 0.01, 1.0},
+          {"weftspecular", "Weft specular", "number", 0.0, 2.0, 0.01, 1.0}}},
         {"blurrysimplebrdf",
          "Blurry simple",
          {exponent,
