@@ -71,14 +71,13 @@ Vec3 MixtureDirection(const Vec3& wo, double exponent, double u, double v) {
     const double scaled = u * parts;
     const int part = std::min(int(scaled), parts - 1);
     const double w = scaled - part;
-    const float phi = float(2.0 * kPi * v);
-    double c = part == 0   ? 1.0 - w
-               : part == 1 ? std::sqrt(1.0 - w)
-                           : std::pow(w, 1.0 / (exponent + 1.0));
-    c = std::clamp(c, 0.0, 1.0);
+    if (part == 1) return CosineDirection(w, v);
+    const double c =
+        std::clamp(part == 0 ? 1.0 - w : std::pow(w, 1.0 / (exponent + 1.0)), 0.0, 1.0);
     const double s = std::sqrt(1.0 - c * c);
+    const float phi = float(2.0 * kPi * v);
     const Vec3 local{s * std::cos(phi), s * std::sin(phi), c};
-    if (part < 2) return local;
+    if (part == 0) return local;
     // A frame about wo (unit length): x perpendicular to it, y completing it.
     const Vec3& z = wo;
     const Vec3 x =
